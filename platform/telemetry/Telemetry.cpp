@@ -42,8 +42,8 @@ void record(Telemetry::Kind kind, std::string_view name, int64_t uid, int32_t su
     if (sink != nullptr) {
         std::string nameText(name);
         std::string messageText(message);
-        sink(kind, nameText.c_str(), uid, success, kind == Telemetry::kError ? messageText.c_str()
-                                                                             : nullptr);
+        sink(kind, nameText.c_str(), uid, success,
+             kind == Telemetry::kError ? messageText.c_str() : nullptr);
         return;
     }
     ALOGD("telemetry: %.*s uid=%lld success=%d %.*s", static_cast<int>(name.size()), name.data(),

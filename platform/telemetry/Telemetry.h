@@ -26,9 +26,9 @@ public:
     static constexpr const char* kReportSymbol = "halo_telemetry_report";
 
     enum Kind : int32_t {
-        kEvent = 0,         // a plain named event
-        kResultEvent = 1,   // a named event with the uid it concerns and a success flag
-        kError = 2,         // an error with the uid it concerns and a message
+        kEvent = 0,        // a plain named event
+        kResultEvent = 1,  // a named event with the uid it concerns and a success flag
+        kError = 2,        // an error with the uid it concerns and a message
     };
 
     // A plain named event.

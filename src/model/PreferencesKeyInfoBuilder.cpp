@@ -121,7 +121,8 @@ bool PreferencesKeyInfoBuilder::processEntry(const Json::Value& entry, unsigned 
         return false;
     }
     std::string defaultValue = entry["default"].asString();
-    defaultValue = android::base::GetProperty(kDefaultOverridePrefix + mKeyInfo->mKey, defaultValue);
+    defaultValue =
+            android::base::GetProperty(kDefaultOverridePrefix + mKeyInfo->mKey, defaultValue);
 
     bool typed = false;
     for (auto it = entry.begin(); it != entry.end(); ++it) {

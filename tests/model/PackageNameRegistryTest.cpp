@@ -28,9 +28,9 @@ TEST(PackageNameRegistryTest, LookupByApplicationId) {
 
 TEST(PackageNameRegistryTest, AcceptedEntriesRecordTheirPackage) {
     PreferencesKeyInfoBuilder builder;
-    ASSERT_TRUE(builder.process(
-            testing::parseJson(R"({"key": "k", "type": "integer", "default": 0})"), 1010555,
-            "com.example.recorded"));
+    ASSERT_TRUE(
+            builder.process(testing::parseJson(R"({"key": "k", "type": "integer", "default": 0})"),
+                            1010555, "com.example.recorded"));
     EXPECT_EQ("com.example.recorded", PreferencesKeyInfo::get(10555));
 
     PreferencesKeyInfoBuilder rejected;

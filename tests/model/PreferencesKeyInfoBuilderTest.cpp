@@ -96,8 +96,8 @@ TEST(PreferencesKeyInfoBuilderTest, DefaultsAreNormalisedToTheTypeEncoding) {
             {"", "1", Type::NoType, "1"},
     };
     for (const Case& c : cases) {
-        std::string json = std::string(R"({"key": "k", "type": ")") + c.type +
-                           R"(", "default": )" + c.defaultJson + "}";
+        std::string json = std::string(R"({"key": "k", "type": ")") + c.type + R"(", "default": )" +
+                           c.defaultJson + "}";
         auto info = build(json);
         ASSERT_NE(nullptr, info) << json;
         EXPECT_EQ(c.expectedType, info->getType()) << json;
@@ -110,10 +110,10 @@ TEST(PreferencesKeyInfoBuilderTest, ScopeWordsAndFlags) {
         const char* members;
         Scope scope;
     } cases[] = {
-            {R"("scope": "system")", Scope::System}, {R"("scope": "user")", Scope::User},
+            {R"("scope": "system")", Scope::System},   {R"("scope": "user")", Scope::User},
             {R"("scope": "crossUser")", Scope::Cross}, {R"("scope": "User")", Scope::User},
-            {R"("scope": "")", Scope::User},         {R"("scope": "System")", Scope::User},
-            {R"("scope": "crossuser")", Scope::User}, {R"("other": 1)", Scope::System},
+            {R"("scope": "")", Scope::User},           {R"("scope": "System")", Scope::User},
+            {R"("scope": "crossuser")", Scope::User},  {R"("other": 1)", Scope::System},
     };
     for (const Case& c : cases) {
         std::string json =

@@ -13,8 +13,8 @@ std::string gLast;
 extern "C" {
 
 __attribute__((visibility("default"))) void halo_telemetry_report(int32_t kind, const char* name,
-                                                                   int64_t uid, int32_t success,
-                                                                   const char* message) {
+                                                                  int64_t uid, int32_t success,
+                                                                  const char* message) {
     std::lock_guard<std::mutex> lock(gMutex);
     ++gReports;
     gLast = std::to_string(kind) + "|" + name + "|" + std::to_string(uid) + "|" +
