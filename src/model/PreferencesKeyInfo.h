@@ -35,6 +35,12 @@ public:
         ReadWrite = 2,
     };
 
+    // Which of a key's two values an operation means.
+    enum class PreferenceValueType : uint32_t {
+        Current = 0,  // the stored current value ("current" in messages)
+        Default = 1,  // the declared default value ("default" in messages)
+    };
+
     PreferencesKeyInfo() = default;
 
     unsigned int getPackageUid() const { return mPackageUid; }
