@@ -13,31 +13,10 @@ namespace {
 using preferences::profiler::EventType;
 using std::chrono::microseconds;
 
-// Pins the local time zone so that calendar times are predictable; restores it afterwards.
-class TraceDataTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        const char* tz = getenv("TZ");
-        mHadTz = tz != nullptr;
-        if (mHadTz) mOldTz = tz;
-        setenv("TZ", "UTC", 1);
-        tzset();
-    }
-    void TearDown() override {
-        if (mHadTz) {
-            setenv("TZ", mOldTz.c_str(), 1);
-        } else {
-            unsetenv("TZ");
-        }
-        tzset();
-    }
-
-private:
-    bool mHadTz = false;
-    std::string mOldTz;
-};
-
-TEST_F(TraceDataTest, ToStringLine) {
+TEST(TraceDataTest, ToStringLine) {
+    // Calendar times are local; no other test in this binary depends on the time zone.
+    setenv("TZ", "UTC", 1);
+    tzset();
     // 2024-05-11 13:45:12 UTC.
     const TraceData::TimePoint second(microseconds(1715435112LL * 1000000));
     TraceData entry(second + microseconds(4211), EventType::Read, "some_key", "some_text",
@@ -47,7 +26,6 @@ TEST_F(TraceDataTest, ToStringLine) {
             "1234 | 87",
             entry.toString(second + microseconds(3688)));
 
-    // Every event word, an own-process pid (no name) and a start in the same microsecond.
     const char* words[] = {"read", "write",   "register", "callback", "unregister",
                            "lock", "gettype", "process",  "reset"};
     for (int code = 0; code <= 8; ++code) {
