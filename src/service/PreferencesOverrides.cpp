@@ -1,0 +1,61 @@
+#define LOG_TAG "PreferencesService"
+
+#include "service/PreferencesOverrides.h"
+
+#include <android-base/properties.h>
+#include <log/log.h>
+
+#include <cstdint>
+#include <cstdlib>
+
+#include "service/String16Utils.h"
+
+namespace Halo::OS {
+
+const std::unordered_map<std::string, PreferencesKeyInfo::Type> PreferencesOverrides::kOverrides = {
+        {"autosleep_time", PreferencesKeyInfo::Type::Integer},
+};
+
+int PreferencesOverrides::getInteger(const android::String16& key, int* out) {
+    const std::string name = toString(key);
+    auto it = kOverrides.find(name);
+    if (it == kOverrides.end()) return kNoOverride;
+    if (it->second != PreferencesKeyInfo::Type::Integer) return kWrongType;
+    const std::string value = android::base::GetProperty(kOverridesPrefix + name, "");
+    if (value.empty()) return kNoOverride;
+    *out = static_cast<int32_t>(strtol(value.c_str(), nullptr, 10));
+    ALOGD("PreferencesOverrides: returning override for key = %s, value = %d", name.c_str(), *out);
+    return kOk;
+}
+
+int PreferencesOverrides::setInteger(const android::String16& key, int value) {
+    const std::string name = toString(key);
+    auto it = kOverrides.find(name);
+    if (it == kOverrides.end()) return kNoOverride;
+    if (it->second != PreferencesKeyInfo::Type::Integer) return kWrongType;
+    const bool written = android::base::SetProperty(kOverridesPrefix + name, std::to_string(value));
+    ALOGD("PreferencesOverrides: setting override int for key = %s, value = %d", name.c_str(),
+          value);
+    return written ? kOk : kNoOverride;
+}
+
+int PreferencesOverrides::getType(const android::String16& key, int* type) {
+    const std::string name = toString(key);
+    auto it = kOverrides.find(name);
+    if (it == kOverrides.end()) return kNoOverride;
+    if (android::base::GetProperty(kOverridesPrefix + name, "").empty()) return kNoOverride;
+    *type = static_cast<int>(it->second);
+    ALOGD("PreferencesOverrides: returning override type for key = %s type = %d", name.c_str(),
+          *type);
+    return kOk;
+}
+
+int PreferencesOverrides::reset(const android::String16& key) {
+    const std::string name = toString(key);
+    if (kOverrides.count(name) == 0) return kNoOverride;
+    const bool written = android::base::SetProperty(kOverridesPrefix + name, "");
+    ALOGD("PreferencesOverrides: resetting override for key = %s", name.c_str());
+    return written ? kOk : kNoOverride;
+}
+
+}  // namespace Halo::OS
