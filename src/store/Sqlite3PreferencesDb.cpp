@@ -1,0 +1,1037 @@
+#define LOG_TAG "PreferencesService"
+#include <log/log.h>
+
+#include "store/Sqlite3PreferencesDb.h"
+
+#include <dirent.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <regex>
+#include <unordered_set>
+
+#include "store/ScopedStatementReset.h"
+#include "telemetry/Telemetry.h"
+
+namespace Halo::OS {
+namespace {
+
+using PreferenceScope = PreferencesKeyInfo::PreferenceScope;
+
+constexpr const char* kDatabaseDirectory = "/data/nimbus/preferences/";
+constexpr const char* kSystemDbName = "system";
+constexpr const char* kUserDbPrefix = "user";
+constexpr const char* kDbExtension = ".db";
+// Files SQLite keeps beside a database while it is open or after a crash.
+constexpr const char* kCompanionSuffixes[] = {"-journal", "-wal", "-shm"};
+
+// Names of user database files; group 1 is the user id. Compiled once, at load time.
+const std::regex kUserDbFilePattern("^user([0-9]+)\\.db$", std::regex::ECMAScript);
+
+constexpr const char* kQueryCreatePackagesTable =
+        "CREATE TABLE IF NOT EXISTS packages (package_uid INTEGER NOT NULL, package_name TEXT NOT "
+        "NULL PRIMARY KEY, UNIQUE(package_name, package_uid) ON CONFLICT ABORT)";
+constexpr const char* kQueryCreatePreferencesMapTable =
+        "CREATE TABLE IF NOT EXISTS preferences (key TEXT NOT NULL PRIMARY KEY, type INTEGER NOT "
+        "NULL CHECK(type >= 0 AND type < 6), scope INTEGER NOT NULL CHECK(scope == 0 OR scope == 1 "
+        "OR scope == 2), owner_package_uid INTEGER, owner_package_name TEXT, default_value TEXT, "
+        "migration INTEGER NOT NULL DEFAULT 0, expires_at TEXT)";
+constexpr const char* kQueryCreatePermissionsTable =
+        "CREATE TABLE IF NOT EXISTS permissions (key TEXT NOT NULL REFERENCES preferences(key) ON "
+        "DELETE CASCADE, package_uid INTEGER, package_name TEXT, permission INTEGER NOT NULL "
+        "CHECK(permission >= 0 AND permission <= 3), UNIQUE(key, package_name, package_uid) ON "
+        "CONFLICT ABORT, FOREIGN KEY(package_name, package_uid) REFERENCES packages(package_name, "
+        "package_uid) ON DELETE CASCADE)";
+constexpr const char* kQueryCreateValuesTable =
+        "CREATE TABLE IF NOT EXISTS preference_values (key TEXT NOT NULL PRIMARY KEY REFERENCES "
+        "preferences(key) ON DELETE CASCADE, current_value TEXT)";
+constexpr const char* kQueryCreateListenersTable =
+        "CREATE TABLE IF NOT EXISTS mem.listeners (listener_uuid INTEGER NOT NULL, key TEXT NOT "
+        "NULL, package_uid INTEGER NOT NULL, UNIQUE(key, package_uid, listener_uuid) ON CONFLICT "
+        "ABORT)";
+constexpr const char* kQueryCreateReapOrphanedPreferencesTrigger =
+        "CREATE TRIGGER IF NOT EXISTS reap_orphaned_preferences AFTER DELETE ON permissions WHEN "
+        "NOT EXISTS (SELECT 1 FROM permissions WHERE key = OLD.key) BEGIN DELETE FROM preferences "
+        "WHERE key = OLD.key; END";
+constexpr const char* kQueryDropReapOrphanedPreferencesTrigger =
+        "DROP TRIGGER IF EXISTS reap_orphaned_preferences";
+constexpr const char* kQueryCreateUserValuesTable =
+        "CREATE TABLE IF NOT EXISTS preference_values (key TEXT NOT NULL PRIMARY KEY, "
+        "current_value TEXT)";
+constexpr const char* kQueryCheckIfTableIsEmpty =
+        "SELECT count(*) FROM sqlite_master WHERE type = 'table' AND name != 'android_metadata' "
+        "AND name != 'sqlite_sequence'";
+constexpr const char* kQueryAttachInMemDb = "ATTACH DATABASE ':memory:' as mem";
+constexpr const char* kQueryDropListeners = "DROP TABLE IF EXISTS listeners";
+constexpr const char* kQueryDropSystemTables[] = {
+        "DROP TABLE IF EXISTS preference_values", "DROP TABLE IF EXISTS permissions",
+        "DROP TABLE IF EXISTS listeners",         "DROP TABLE IF EXISTS packages",
+        "DROP TABLE IF EXISTS preferences",
+};
+constexpr const char* kQueryDropUserValuesTable = "DROP TABLE IF EXISTS preference_values";
+constexpr const char* kQueryCacheSize = "PRAGMA cache_size = 256";
+constexpr const char* kQueryPageSize = "PRAGMA page_size = 4096";
+constexpr const char* kQueryJournalModeWal = "PRAGMA main.journal_mode = WAL";
+constexpr const char* kQuerySynchronousNormal = "PRAGMA synchronous = NORMAL";
+constexpr const char* kQueryForeignKeysOn = "PRAGMA foreign_keys = ON";
+constexpr const char* kQueryUpgradeForeignKeysOff = "PRAGMA foreign_keys=OFF";
+constexpr const char* kQueryUpgradeForeignKeysOn = "PRAGMA foreign_keys=ON";
+constexpr const char* kQueryStampVersion2 = "PRAGMA user_version=2";
+constexpr const char* kQueryUpgradeV0ToV1 =
+        "BEGIN;CREATE TABLE IF NOT EXISTS preferences_bk (key TEXT NOT NULL PRIMARY KEY, type "
+        "INTEGER NOT NULL CHECK(type >= 0 AND type < 6), scope INTEGER NOT NULL CHECK(scope == 0 "
+        "OR "
+        "scope == 1 OR scope == 2), owner_package_uid INTEGER, owner_package_name TEXT, "
+        "default_value TEXT, expires_at TEXT);INSERT INTO preferences_bk SELECT * FROM "
+        "preferences;DROP TABLE preferences;ALTER TABLE preferences_bk RENAME TO "
+        "preferences;COMMIT";
+constexpr const char* kQueryUpgradeV1ToV2 =
+        "BEGIN;ALTER TABLE preferences ADD migration INTEGER NOT NULL DEFAULT 0;COMMIT";
+constexpr const char* kQueryBegin = "BEGIN";
+constexpr const char* kQueryCommit = "COMMIT";
+
+// The statements of the system database, in preparation order (Sqlite3PreferencesDb's
+// SystemStatement enumeration follows this order). The texts are kept exactly as they are: the
+// SET clause of "clear package ownership" joins its assignments with AND, so it only sets
+// owner_package_uid (to NULL) and leaves owner_package_name alone, which unregistering relies on.
+constexpr const char* kSystemStatements[] = {
+        // read the foreign-key setting
+        "PRAGMA foreign_keys",
+        // list packages (name, uid)
+        "SELECT package_name, package_uid FROM packages",
+        // insert package
+        "INSERT INTO packages (package_uid, package_name) VALUES (?, ?)",
+        // delete package
+        "DELETE FROM packages WHERE package_uid = ? AND package_name = ?",
+        // clear package ownership
+        "UPDATE preferences SET owner_package_uid = NULL AND owner_package_name = NULL WHERE "
+        "owner_package_uid = ? AND owner_package_name = ?",
+        // expire keys referenced only by one package
+        "UPDATE preferences SET expires_at = datetime('now') WHERE   KEY IN (SELECT DISTINCT key "
+        "FROM permissions WHERE     package_uid = ? AND package_name = ?) AND   KEY NOT IN (SELECT "
+        "DISTINCT key FROM permissions WHERE     package_uid != ? AND package_name != ?)",
+        // insert key
+        "INSERT INTO preferences (key, type, scope, owner_package_uid, owner_package_name, "
+        "default_value) VALUES (?, ?, ?, ?, ?, ?)",
+        // expire keys not referenced by the service package
+        "UPDATE preferences SET expires_at = datetime('now', ?) WHERE  key NOT IN (SELECT DISTINCT "
+        "key FROM permissions WHERE    package_name LIKE 'nimbus.preferences.service%' )",
+        // expire orphaned keys
+        "UPDATE preferences SET expires_at = datetime('now', ?) WHERE   (NOT EXISTS (SELECT key "
+        "FROM permissions WHERE permissions.key = preferences.key LIMIT 1)      AND (        "
+        "(SELECT owner_package_uid FROM preferences WHERE owner_package_uid IS NULL)        OR     "
+        "   (NOT EXISTS (SELECT package_uid, package_name FROM packages WHERE                     "
+        "packages.package_uid = preferences.owner_package_uid AND                     "
+        "packages.package_name = preferences.owner_package_name                     LIMIT 1))))",
+        // clear expiration
+        "UPDATE preferences SET expires_at = NULL WHERE key = ?",
+        // list expired keys
+        "SELECT key, scope FROM preferences WHERE strftime('%s', 'now') - strftime('%s', "
+        "expires_at) >= 0",
+        // delete expired keys
+        "DELETE FROM preferences WHERE strftime('%s', 'now') - strftime('%s', expires_at) >= 0",
+        // get scope
+        "SELECT scope FROM preferences WHERE key = ?",
+        // set scope
+        "UPDATE preferences SET scope = ? WHERE key = ?",
+        // get type
+        "SELECT type FROM preferences WHERE key = ?",
+        // set type
+        "UPDATE preferences SET type = ? WHERE key = ?",
+        // insert permission
+        "INSERT INTO permissions (key, package_uid, package_name, permission) VALUES (?, ?, ?, ?)",
+        // get permission
+        "SELECT MAX(permission) FROM permissions WHERE key = ? AND package_uid = ?",
+        // update permission
+        "UPDATE permissions SET permission = ? WHERE key = ? AND package_uid = ? AND package_name "
+        "= ?",
+        // clear a package's permissions
+        "DELETE FROM permissions WHERE package_uid = ? AND package_name = ? AND package_name NOT "
+        "LIKE 'nimbus.preferences.service%'",
+        // get owner
+        "SELECT owner_package_uid, owner_package_name FROM preferences WHERE key = ?",
+        // set owner
+        "UPDATE preferences SET owner_package_uid = ?, owner_package_name = ? WHERE key = ?",
+        // clear owner, legacy domain
+        "UPDATE preferences SET owner_package_uid = NULL, owner_package_name = NULL WHERE "
+        "owner_package_name LIKE 'nimbus.preferences.service%'",
+        // clear owner, native-service domain
+        "UPDATE preferences SET owner_package_uid = NULL, owner_package_name = NULL WHERE "
+        "owner_package_name LIKE 'nimbus.preferences.native%'",
+        // clear owner, application domain
+        "UPDATE preferences SET owner_package_uid = NULL, owner_package_name = NULL WHERE "
+        "owner_package_name NOT LIKE 'nimbus.preferences.service%'AND owner_package_name NOT LIKE "
+        "'nimbus.preferences.native%'",
+        // highest listener id
+        "SELECT MAX(listener_uuid) FROM mem.listeners",
+        // insert listener row
+        "INSERT INTO mem.listeners (listener_uuid, key, package_uid) VALUES (?, ?, ?)",
+        // delete listener rows
+        "DELETE FROM mem.listeners WHERE package_uid = ? AND listener_uuid = ?",
+        // listeners of a key
+        "SELECT package_uid, listener_uuid FROM mem.listeners WHERE key = ?",
+        // listener ids of a package
+        "SELECT listener_uuid FROM mem.listeners WHERE package_uid = ?",
+        // delete dangling listener rows
+        "DELETE from mem.listeners WHERE key NOT IN (SELECT key from preferences)",
+        // get default
+        "SELECT default_value FROM preferences WHERE key = ?",
+        // set default
+        "UPDATE preferences SET default_value = ? WHERE key = ?",
+        // insert value row
+        "INSERT INTO preference_values (key) VALUES (?)",
+        // get current value
+        "SELECT current_value FROM preference_values WHERE key = ?",
+        // update current value
+        "UPDATE preference_values SET current_value = ? WHERE key = ?",
+        // clear current value
+        "DELETE FROM preference_values WHERE key = ?",
+        // delete value row
+        "DELETE FROM preference_values WHERE key = ?",
+        // dump packages
+        "SELECT package_uid, package_name FROM packages",
+        // dump permissions
+        "SELECT key, package_uid, permission FROM permissions",
+        // dump values
+        "SELECT key, current_value FROM preference_values",
+        // dump listeners
+        "SELECT listener_uuid, key, package_uid FROM mem.listeners",
+        // expire keys of the legacy domain
+        "UPDATE preferences SET expires_at = datetime('now', ?) WHERE  key IN (SELECT DISTINCT key "
+        "FROM permissions WHERE    package_name LIKE 'nimbus.preferences.service%' )",
+        // expire keys of the native-service domain
+        "UPDATE preferences SET expires_at = datetime('now', ?) WHERE  key IN (SELECT DISTINCT key "
+        "FROM permissions WHERE    package_name LIKE 'nimbus.preferences.native%' )",
+        // expire keys of the application domain
+        "UPDATE preferences SET expires_at = datetime('now', ?) WHERE  key NOT IN (SELECT DISTINCT "
+        "key FROM permissions WHERE    package_name LIKE 'nimbus.preferences.service%'    OR "
+        "package_name LIKE 'nimbus.preferences.native%' )",
+        // downgrade cross-user scope
+        "UPDATE preferences SET scope = 1 WHERE scope = 2 AND (owner_package_name NOT LIKE "
+        "'nimbus.preferences.service%' OR owner_package_name IS NULL)",
+        // read schema version
+        "SELECT * FROM pragma_user_version LIMIT 1",
+        // test for the `migration` column
+        "SELECT name FROM pragma_table_info('preferences') WHERE name = 'migration'",
+};
+static_assert(sizeof(kSystemStatements) / sizeof(kSystemStatements[0]) == 48);
+
+// The statements of a user database, in the order of the ValueStatement enumeration.
+constexpr const char* kUserStatements[] = {
+        "INSERT INTO preference_values (key) VALUES (?)",
+        "SELECT current_value FROM preference_values WHERE key = ?",
+        "UPDATE preference_values SET current_value = ? WHERE key = ?",
+        "DELETE FROM preference_values WHERE key = ?",
+        "DELETE FROM preference_values WHERE key = ?",
+        "SELECT key, current_value FROM preference_values",
+};
+static_assert(sizeof(kUserStatements) / sizeof(kUserStatements[0]) == 6);
+
+// Rolls back a transaction that a failed multi-statement text began and left open.
+void rollBackLeftOpenTransaction(sqlite3* db, bool wasAutocommit) {
+    if (db != nullptr && wasAutocommit && sqlite3_get_autocommit(db) == 0) {
+        sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
+    }
+}
+
+}  // namespace
+
+Sqlite3PreferencesDb::Sqlite3PreferencesDb() = default;
+
+Sqlite3PreferencesDb::~Sqlite3PreferencesDb() {
+    if (uninitialize() != 0) ALOGE("Unable to uninitialize DB during destruction.");
+}
+
+// ---- Paths ----
+
+const char* Sqlite3PreferencesDb::getQueryCreatePreferencesMapTable() const {
+    return kQueryCreatePreferencesMapTable;
+}
+
+std::string Sqlite3PreferencesDb::getUserDbPath(unsigned int userId) const {
+    return std::string(kDatabaseDirectory) + kUserDbPrefix + std::to_string(userId) + kDbExtension;
+}
+
+std::string Sqlite3PreferencesDb::getSystemDbPath() const {
+    return std::string(kDatabaseDirectory) + kSystemDbName + kDbExtension;
+}
+
+bool Sqlite3PreferencesDb::getUserIdsForExistingDbs(std::vector<unsigned int>& userIds) {
+    return getUserIdsInDirectory(kDatabaseDirectory, userIds);
+}
+
+bool Sqlite3PreferencesDb::getUserIdsInDirectory(const std::string& directory,
+                                                 std::vector<unsigned int>& userIds) {
+    DIR* dir = opendir(directory.c_str());
+    if (dir == nullptr) {
+        ALOGE("Unable to get user IDs for existing DBs: failed to open directory.");
+        return false;
+    }
+    while (const dirent* entry = readdir(dir)) {
+        std::cmatch match;
+        if (!std::regex_search(entry->d_name, match, kUserDbFilePattern)) continue;
+        errno = 0;
+        const unsigned long long id = strtoull(match[1].first, nullptr, 10);
+        // A number that is not a 32-bit user id cannot name an Android user's database.
+        if (errno == ERANGE || id > UINT_MAX) {
+            ALOGW("Ignoring database file %s: user id out of range.", entry->d_name);
+            continue;
+        }
+        userIds.push_back(static_cast<unsigned int>(id));
+    }
+    closedir(dir);
+    return true;
+}
+
+// ---- Choosing a database and running SQL ----
+
+Sqlite3PreferencesDb::UserDb& Sqlite3PreferencesDb::userDbRecord(unsigned int userId) {
+    std::unique_ptr<UserDb>& record = mUserDbs[userId];
+    if (record == nullptr) record = std::make_unique<UserDb>();
+    return *record;
+}
+
+sqlite3* Sqlite3PreferencesDb::getDbForScope(PreferenceScope scope,
+                                             const std::optional<unsigned int>& userId) {
+    switch (scope) {
+        case PreferenceScope::System:
+            return mSystemDb != nullptr ? mSystemDb->db : nullptr;
+        case PreferenceScope::User:
+        case PreferenceScope::Cross:
+            if (!userId.has_value()) {
+                ALOGE("Unable to get db for user scope as no user ID was provided.");
+                return nullptr;
+            }
+            return userDbRecord(*userId).db;
+    }
+    ALOGE("Invalid Scope %u provided to getDbForScope.", static_cast<unsigned int>(scope));
+    return nullptr;
+}
+
+sqlite3_stmt* Sqlite3PreferencesDb::systemStatement(SystemStatement statement) const {
+    return mSystemDb != nullptr ? mSystemDb->statements[statement] : nullptr;
+}
+
+sqlite3_stmt* Sqlite3PreferencesDb::valueStatement(ValueStatement role, PreferenceScope scope,
+                                                   const std::optional<unsigned int>& userId) {
+    static constexpr SystemStatement kSystemRoles[kValueStatementCount] = {
+            kInsertValueRow,    kGetCurrentValue, kUpdateCurrentValue,
+            kClearCurrentValue, kDeleteValueRow,  kDumpValues,
+    };
+    switch (scope) {
+        case PreferenceScope::System:
+            return systemStatement(kSystemRoles[role]);
+        case PreferenceScope::User:
+        case PreferenceScope::Cross:
+            if (!userId.has_value()) return nullptr;
+            return userDbRecord(*userId).statements[role];
+    }
+    return nullptr;
+}
+
+int32_t Sqlite3PreferencesDb::executeRawQuery(const char* sql, sqlite3* db,
+                                              PreferenceScope scopeForLogs) {
+    logRawQuery(scopeForLogs, sql);
+    if (db == nullptr) {
+        ALOGE("Unable to execute raw query because DB (scope=%s) is not initialized.",
+              scopeToString(scopeForLogs));
+        return -3;
+    }
+    char* error = nullptr;
+    if (sqlite3_exec(db, sql, nullptr, nullptr, &error) != SQLITE_OK) {
+        const std::string details = std::string("scope=") + scopeToString(scopeForLogs) +
+                                    ", query='" + sql + "', code='" +
+                                    std::to_string(sqlite3_extended_errcode(db)) + "', error='" +
+                                    (error != nullptr ? error : "") + "'";
+        ALOGE("Failed to execute raw query: %s", details.c_str());
+        Telemetry::report("executerawquery_error_sqlite3_exec:" + details);
+        sqlite3_free(error);
+        return -1;
+    }
+    return 0;
+}
+
+bool Sqlite3PreferencesDb::resetPreparedStatement(sqlite3_stmt* statement) {
+    if (statement == nullptr) return true;
+    sqlite3_reset(statement);
+    if (sqlite3_clear_bindings(statement) != SQLITE_OK) {
+        ALOGE("Unable to clear statement bindings.");
+        return false;
+    }
+    return true;
+}
+
+int32_t Sqlite3PreferencesDb::resetPreparedStatements() {
+    if (mSystemDb != nullptr) {
+        for (sqlite3_stmt* statement : mSystemDb->statements) {
+            if (!resetPreparedStatement(statement)) return -4;
+        }
+    }
+    for (auto& [userId, record] : mUserDbs) {
+        for (sqlite3_stmt* statement : record->statements) {
+            if (!resetPreparedStatement(statement)) return -4;
+        }
+    }
+    return 0;
+}
+
+bool Sqlite3PreferencesDb::prepareToRun(sqlite3_stmt* statement, PreferenceScope scope,
+                                        const std::optional<unsigned int>& userId) {
+    if (resetPreparedStatement(statement)) return true;
+    logFailureToBuildQuery(scope, userId);
+    return false;
+}
+
+int Sqlite3PreferencesDb::step(sqlite3_stmt* statement) {
+    logPreparedStatementQuery(statement);
+    return sqlite3_step(statement);
+}
+
+int32_t Sqlite3PreferencesDb::runWrite(sqlite3_stmt* statement, PreferenceScope scope,
+                                       const std::optional<unsigned int>& userId) {
+    if (step(statement) != SQLITE_DONE) {
+        logFailureToExecutePreparedStatement(statement, scope, userId);
+        return -1;
+    }
+    return 0;
+}
+
+int Sqlite3PreferencesDb::changedRows(PreferenceScope scope,
+                                      const std::optional<unsigned int>& userId) {
+    sqlite3* db = getDbForScope(scope, userId);
+    return db != nullptr ? sqlite3_changes(db) : 0;
+}
+
+// ---- System database ----
+
+int32_t Sqlite3PreferencesDb::initialize() {
+    return initializeSystemDb();
+}
+
+void Sqlite3PreferencesDb::closeHalfOpenSystemDb() {
+    if (mSystemDb == nullptr || mSystemDb->db == nullptr) return;
+    uninitializePreparedStatementsForSystemDb();
+    sqlite3_close_v2(mSystemDb->db);
+    mSystemDb->db = nullptr;
+}
+
+int32_t Sqlite3PreferencesDb::initializeSystemDb() {
+    if (mSystemDb != nullptr && mSystemDb->state == DbState::Ready) return 0;
+    // A connection left open by a failed attempt would otherwise leak with its record.
+    closeHalfOpenSystemDb();
+    mSystemDb = std::make_unique<SystemDb>();
+    mSystemDb->state = DbState::Opening;
+
+    const std::string path = getSystemDbPath();
+    if (sqlite3_open(path.c_str(), &mSystemDb->db) != SQLITE_OK) {
+        ALOGE("Failed to open db");
+        Telemetry::report("systemdbinit_error");
+        // The handle of a failed open is only good for its error message.
+        sqlite3_close(mSystemDb->db);
+        mSystemDb->db = nullptr;
+        return -2;
+    }
+    int32_t result = initializeInMemDb();
+    if (result != 0) {
+        ALOGE("Unable to initalize in memory DB.");
+        Telemetry::report("systemdbinit_error_attach_in_mem_db");
+        return result;
+    }
+    if (configureSystemCache() != 0) {
+        ALOGE("Unable to configure cache for system DB.");
+        Telemetry::report("systemdbinit_error_cache");
+    }
+    configureDurability(mSystemDb->db, PreferenceScope::System, std::nullopt);
+    result = createSystemTables();
+    if (result != 0) {
+        ALOGE("Failed to create system DB tables.");
+        Telemetry::report("systemdbinit_error_tables_creation");
+        return result;
+    }
+    result = initializePreparedStatementsForSystemDb();
+    if (result != 0) return result;
+    result = configureForeignKeys();
+    if (result != 0) {
+        ALOGE("Unable to enable foreign keys. Cascade deletion would fail, preventing cleanup of "
+              "orphaned data.");
+        Telemetry::report("systemdbinit_error_foreignkeys");
+        return result;
+    }
+    mSystemDb->state = DbState::Ready;
+    return 0;
+}
+
+int32_t Sqlite3PreferencesDb::initializeInMemDb() {
+    const int32_t result =
+            executeRawQuery(kQueryAttachInMemDb, mSystemDb->db, PreferenceScope::System);
+    if (result != 0) {
+        ALOGE("Failed to create in memory database");
+        Telemetry::report("systemdbinit_error_attach_in_mem_db");
+    }
+    return result;
+}
+
+int32_t Sqlite3PreferencesDb::configureSystemCache() {
+    sqlite3* db = mSystemDb->db;
+    if (executeRawQuery(kQueryCacheSize, db, PreferenceScope::System) != 0 ||
+        executeRawQuery(kQueryPageSize, db, PreferenceScope::System) != 0) {
+        ALOGE("Unable to configure database cache size of system database. Memory usage "
+              "increase.");
+        return -1;
+    }
+    return 0;
+}
+
+// Durability: a value write that returned 0 must survive a crash of the service process right
+// after it (not a power loss). Whatever the synchronous setting, SQLite has handed a committed
+// transaction to the kernel with write() before the commit returns, and the kernel keeps it when
+// the process dies, so no fsync is needed for that guarantee. The cheapest way to commit is then
+// write-ahead logging with synchronous=NORMAL: a commit is one sequential append to the -wal file
+// and no fsync, where a rollback journal creates, writes and deletes a journal file per commit.
+// The -wal file is synced only when it is checkpointed into the database, which keeps the
+// database uncorrupted even after a power loss (the latest commits may then be lost);
+// synchronous=OFF would save only those checkpoint syncs and could corrupt the file on power loss.
+// The page size must already be set: a database in WAL mode cannot change it. Failing to switch
+// is not fatal, as every journal mode keeps commits across a process crash.
+int32_t Sqlite3PreferencesDb::configureDurability(sqlite3* db, PreferenceScope scope,
+                                                  const std::optional<unsigned int>& userId) {
+    sqlite3_stmt* statement = nullptr;
+    std::string mode;
+    if (sqlite3_prepare_v2(db, kQueryJournalModeWal, -1, &statement, nullptr) == SQLITE_OK &&
+        sqlite3_step(statement) == SQLITE_ROW) {
+        const unsigned char* text = sqlite3_column_text(statement, 0);
+        if (text != nullptr) mode = reinterpret_cast<const char*>(text);
+    }
+    sqlite3_finalize(statement);
+    int32_t result = 0;
+    if (mode != "wal") {
+        ALOGW("Unable to enable write-ahead logging (scope %s, user %d); journal mode is '%s'.",
+              scopeToString(scope), userId.has_value() ? static_cast<int>(*userId) : -1,
+              mode.c_str());
+        result = -4;
+    }
+    if (executeRawQuery(kQuerySynchronousNormal, db, scope) != 0) result = -4;
+    return result;
+}
+
+int32_t Sqlite3PreferencesDb::createSystemTables() {
+    sqlite3* db = mSystemDb->db;
+    if (executeRawQuery(kQueryDropListeners, db, PreferenceScope::System) != 0) {
+        ALOGE("Failed to remove all existing listeners.");
+        return -4;
+    }
+    const char* preferencesTable = getQueryCreatePreferencesMapTable();
+    if (preferencesTable == nullptr) {
+        ALOGE("Failed to create one or more tables in system DB.");
+        return -4;
+    }
+    if (strcmp(preferencesTable, kQueryCreatePreferencesMapTable) == 0) {
+        // Only a database without tables is new; it gets the current layout and so the current
+        // version. An existing database keeps its version for the upgrade steps.
+        sqlite3_stmt* check = nullptr;
+        if (sqlite3_prepare_v2(db, kQueryCheckIfTableIsEmpty, -1, &check, nullptr) != SQLITE_OK) {
+            ALOGE("Error initializing prepared statements: kQueryCheckIfTableIsEmpty");
+            sqlite3_finalize(check);
+            return -4;
+        }
+        if (sqlite3_step(check) != SQLITE_ROW) {
+            ALOGE("database is not configured right");
+            sqlite3_finalize(check);
+            return -4;
+        }
+        if (sqlite3_column_int64(check, 0) == 0 &&
+            executeRawQuery(kQueryStampVersion2, db, PreferenceScope::System) != 0) {
+            ALOGE("failed to add user version to database");
+            sqlite3_finalize(check);
+            return -4;
+        }
+        sqlite3_finalize(check);
+    }
+    const char* tables[] = {kQueryCreatePackagesTable, preferencesTable,
+                            kQueryCreatePermissionsTable, kQueryCreateValuesTable,
+                            kQueryCreateListenersTable};
+    for (const char* table : tables) {
+        if (executeRawQuery(table, db, PreferenceScope::System) != 0) {
+            ALOGE("Failed to create one or more tables in system DB.");
+            return -4;
+        }
+    }
+    if (createReapOrphanedPreferencesTrigger() != 0) return -4;
+    return 0;
+}
+
+int32_t Sqlite3PreferencesDb::createReapOrphanedPreferencesTrigger() {
+    const int32_t result = executeRawQuery(kQueryCreateReapOrphanedPreferencesTrigger,
+                                           getDbForScope(PreferenceScope::System, std::nullopt),
+                                           PreferenceScope::System);
+    if (result != 0) ALOGE("Failed to create trigger to reap orphaned preferences.");
+    return result;
+}
+
+int32_t Sqlite3PreferencesDb::dropReapOrphanedPreferencesTrigger() {
+    const int32_t result = executeRawQuery(kQueryDropReapOrphanedPreferencesTrigger,
+                                           getDbForScope(PreferenceScope::System, std::nullopt),
+                                           PreferenceScope::System);
+    if (result != 0) ALOGE("Failed to drop trigger to reap orphaned preferences.");
+    return result;
+}
+
+int32_t Sqlite3PreferencesDb::initializePreparedStatementsForSystemDb() {
+    for (size_t i = 0; i < kSystemStatementCount; ++i) {
+        if (sqlite3_prepare_v2(mSystemDb->db, kSystemStatements[i], -1, &mSystemDb->statements[i],
+                               nullptr) != SQLITE_OK) {
+            ALOGE("Error initializing prepared statements for system DB.");
+            return -4;
+        }
+    }
+    return 0;
+}
+
+int32_t Sqlite3PreferencesDb::configureForeignKeys() {
+    if (executeRawQuery(kQueryForeignKeysOn, mSystemDb->db, PreferenceScope::System) != 0) {
+        return -4;
+    }
+    sqlite3_stmt* statement = systemStatement(kForeignKeys);
+    if (!prepareToRun(statement, PreferenceScope::System)) return -1;
+    ScopedStatementReset reset(statement);
+    switch (step(statement)) {
+        case SQLITE_DONE:
+            ALOGE("Foreign keys are not supported due to incorrect compilation flags.");
+            return -4;
+        case SQLITE_ROW:
+            if (sqlite3_column_int(statement, 0) == 1) return 0;
+            ALOGE("Foreign keys were not enabled.");
+            return -4;
+        default:
+            logFailureToExecutePreparedStatement(statement, PreferenceScope::System);
+            return -1;
+    }
+}
+
+void Sqlite3PreferencesDb::uninitializePreparedStatementsForSystemDb() {
+    for (sqlite3_stmt*& statement : mSystemDb->statements) {
+        sqlite3_finalize(statement);
+        statement = nullptr;
+    }
+}
+
+int32_t Sqlite3PreferencesDb::uninitializeSystemDb() {
+    if (mSystemDb == nullptr || mSystemDb->state == DbState::Closed) return 0;
+    uninitializePreparedStatementsForSystemDb();
+    if (sqlite3_close(mSystemDb->db) != SQLITE_OK) {
+        ALOGE("Failed to close db system DB.");
+        return -5;
+    }
+    mSystemDb->db = nullptr;
+    mSystemDb->state = DbState::Closed;
+    return 0;
+}
+
+int32_t Sqlite3PreferencesDb::uninitialize() {
+    int32_t result = 0;
+    if (uninitializeSystemDb() != 0) {
+        ALOGE("Unable to uninitialize system DB.");
+        result = -5;
+    }
+    for (const auto& [userId, record] : mUserDbs) {
+        if (uninitializeUserDb(userId) != 0) {
+            ALOGE("Unable to uninitialize user DB for %d.", userId);
+            result = -5;
+        }
+    }
+    if (sqlite3_shutdown() != SQLITE_OK) {
+        ALOGE("Failed to shutdown DB.");
+        result = -5;
+    }
+    return result;
+}
+
+// ---- Versions ----
+
+int32_t Sqlite3PreferencesDb::getDatabaseUserVersion() {
+    sqlite3_stmt* statement = systemStatement(kUserVersion);
+    if (!prepareToRun(statement, PreferenceScope::System)) return -1;
+    ScopedStatementReset reset(statement);
+    if (step(statement) != SQLITE_ROW) return -1;
+    return sqlite3_column_int(statement, 0);
+}
+
+int32_t Sqlite3PreferencesDb::upgradeVersionFromV0ToV1() {
+    resetPreparedStatements();
+    sqlite3* db = getDbForScope(PreferenceScope::System, std::nullopt);
+    if (executeRawQuery(kQueryUpgradeForeignKeysOff, db, PreferenceScope::System) != 0) {
+        ALOGE("Failed to turn foreign_keys off");
+        return -16;
+    }
+    // Since SQLite 3.26, RENAME TABLE checks every trigger of the schema, and between the DROP and
+    // the RENAME the reaping trigger names a table that does not exist, which fails the rename.
+    // The trigger is therefore taken away for the rebuild and put back afterwards.
+    if (dropReapOrphanedPreferencesTrigger() != 0) return -16;
+    const bool wasAutocommit = sqlite3_get_autocommit(db) != 0;
+    const int32_t upgraded = executeRawQuery(kQueryUpgradeV0ToV1, db, PreferenceScope::System);
+    if (upgraded != 0) {
+        ALOGE("Failed to upgrade system DB from version 0 to 1");
+        rollBackLeftOpenTransaction(db, wasAutocommit);
+    }
+    if (createReapOrphanedPreferencesTrigger() != 0 || upgraded != 0) return -16;
+    if (executeRawQuery(kQueryUpgradeForeignKeysOn, db, PreferenceScope::System) != 0) {
+        ALOGE("Failed to turn foreign_keys on");
+        return -16;
+    }
+    return 0;
+}
+
+int32_t Sqlite3PreferencesDb::upgradeVersionFromV1ToV2() {
+    sqlite3_stmt* statement = systemStatement(kHasMigrationColumn);
+    if (!prepareToRun(statement, PreferenceScope::System)) return -1;
+    {
+        ScopedStatementReset reset(statement);
+        const int stepped = step(statement);
+        if (stepped == SQLITE_ROW) return 0;
+        if (stepped != SQLITE_DONE) {
+            logFailureToExecutePreparedStatement(statement, PreferenceScope::System);
+            return -1;
+        }
+    }
+    sqlite3* db = getDbForScope(PreferenceScope::System, std::nullopt);
+    if (executeRawQuery(kQueryUpgradeForeignKeysOff, db, PreferenceScope::System) != 0) {
+        ALOGE("Failed to turn foreign_keys off");
+        return -16;
+    }
+    const bool wasAutocommit = sqlite3_get_autocommit(db) != 0;
+    if (executeRawQuery(kQueryUpgradeV1ToV2, db, PreferenceScope::System) != 0) {
+        ALOGE("Failed to upgrade system DB from version 1 to 2");
+        rollBackLeftOpenTransaction(db, wasAutocommit);
+        return -16;
+    }
+    if (executeRawQuery(kQueryStampVersion2, db, PreferenceScope::System) != 0) {
+        ALOGE("failed to put a user version in database");
+        return -4;
+    }
+    if (executeRawQuery(kQueryUpgradeForeignKeysOn, db, PreferenceScope::System) != 0) {
+        ALOGE("Failed to turn foreign_keys on");
+        return -16;
+    }
+    return 0;
+}
+
+// ---- Batches ----
+
+int32_t Sqlite3PreferencesDb::beginBatch() {
+    const int32_t result =
+            executeRawQuery(kQueryBegin, getDbForScope(PreferenceScope::System, std::nullopt),
+                            PreferenceScope::System);
+    if (result != 0) ALOGE("Failed to begin batch mode transaction for system DB");
+    return result;
+}
+
+int32_t Sqlite3PreferencesDb::commitBatch() {
+    const int32_t result =
+            executeRawQuery(kQueryCommit, getDbForScope(PreferenceScope::System, std::nullopt),
+                            PreferenceScope::System);
+    if (result != 0) ALOGE("Failed to commit batch operations for system DB");
+    return result;
+}
+
+// ---- User databases ----
+
+int32_t Sqlite3PreferencesDb::initializeUserDb(unsigned int userId) {
+    auto existing = mUserDbs.find(userId);
+    if (existing != mUserDbs.end() && existing->second != nullptr) {
+        if (existing->second->state == DbState::Ready) return 0;
+        uninitializeUserDb(userId);
+    }
+    UserDb& record = userDbRecord(userId);
+    record.state = DbState::Opening;
+
+    const std::string path = getUserDbPath(userId);
+    const int opened = sqlite3_open(path.c_str(), &record.db);
+    if (opened != SQLITE_OK) {
+        ALOGE("Failed to open db for %d, path %s: error: %d, %s", userId, path.c_str(), opened,
+              sqlite3_errmsg(record.db));
+        Telemetry::report("userdbinit_error");
+        sqlite3_close(record.db);
+        record.db = nullptr;
+        return -2;
+    }
+    if (configureUserCache(userId) != 0) {
+        ALOGE("Unable to configure cache for %d", userId);
+        Telemetry::report("userdbinit_error_cache");
+    }
+    configureDurability(record.db, PreferenceScope::User, userId);
+    const int32_t result = createUserTable(userId);
+    if (result != 0) {
+        ALOGE("Failed to create user DB table for: %d.", userId);
+        Telemetry::report("userdbinit_error_table");
+        return result;
+    }
+    if (initializePreparedStatementsForUserDb(userId) != 0) {
+        ALOGE("Failed to initialize prepared statements for: %d.", userId);
+        Telemetry::report("userdbinit_error_preparedstatements");
+        return -4;
+    }
+    record.state = DbState::Ready;
+    return 0;
+}
+
+int32_t Sqlite3PreferencesDb::configureUserCache(unsigned int userId) {
+    sqlite3* db = userDbRecord(userId).db;
+    if (executeRawQuery(kQueryCacheSize, db, PreferenceScope::User) != 0 ||
+        executeRawQuery(kQueryPageSize, db, PreferenceScope::User) != 0) {
+        ALOGE("Unable to configure database cache size for %d. ", userId);
+        return -1;
+    }
+    return 0;
+}
+
+int32_t Sqlite3PreferencesDb::createUserTable(unsigned int userId) {
+    if (executeRawQuery(kQueryCreateUserValuesTable, userDbRecord(userId).db,
+                        PreferenceScope::User) != 0) {
+        ALOGE("Failed to create values table in DB: %d.", userId);
+        return -4;
+    }
+    return 0;
+}
+
+int32_t Sqlite3PreferencesDb::initializePreparedStatementsForUserDb(unsigned int userId) {
+    UserDb& record = userDbRecord(userId);
+    for (size_t i = 0; i < kValueStatementCount; ++i) {
+        if (sqlite3_prepare_v2(record.db, kUserStatements[i], -1, &record.statements[i], nullptr) !=
+            SQLITE_OK) {
+            ALOGE("Error initializing prepared statements for %d.", userId);
+            return -4;
+        }
+    }
+    return 0;
+}
+
+void Sqlite3PreferencesDb::uninitializePreparedStatementsForUserDb(unsigned int userId) {
+    for (sqlite3_stmt*& statement : userDbRecord(userId).statements) {
+        sqlite3_finalize(statement);
+        statement = nullptr;
+    }
+}
+
+int32_t Sqlite3PreferencesDb::uninitializeUserDb(unsigned int userId) {
+    auto found = mUserDbs.find(userId);
+    if (found == mUserDbs.end() || found->second == nullptr) {
+        ALOGE("Could not find an existing database connection for: %d", userId);
+        return -15;
+    }
+    UserDb& record = *found->second;
+    if (record.state == DbState::Closed) return 0;
+    uninitializePreparedStatementsForUserDb(userId);
+    if (sqlite3_close(record.db) != SQLITE_OK) {
+        ALOGE("Failed to close db %d.", userId);
+        Telemetry::report("userdb_error_shutdown");
+        return -5;
+    }
+    record.db = nullptr;
+    record.state = DbState::Closed;
+    return 0;
+}
+
+bool Sqlite3PreferencesDb::removeFile(const std::string& path, bool mustExist) {
+    if (unlink(path.c_str()) == 0) return true;
+    if (errno == ENOENT && !mustExist) return true;
+    ALOGE("Unable to remove %s: %s", path.c_str(), strerror(errno));
+    return false;
+}
+
+int32_t Sqlite3PreferencesDb::deleteUserData(unsigned int userId) {
+    auto found = mUserDbs.find(userId);
+    // A half-open connection is closed as well: its file is about to go.
+    if (found != mUserDbs.end() && found->second != nullptr &&
+        found->second->state != DbState::Closed) {
+        const int32_t result = uninitializeUserDb(userId);
+        if (result != 0) {
+            ALOGE("Unable to uninitialize user DB for %d, in preparation for deleting the db",
+                  userId);
+            return result;
+        }
+    }
+    const std::string path = getUserDbPath(userId);
+    if (!removeFile(path, true)) return -15;
+    // A journal or WAL file left behind would be applied to a later database of the same name.
+    int32_t result = 0;
+    for (const char* suffix : kCompanionSuffixes) {
+        if (!removeFile(path + suffix, false)) result = -15;
+    }
+    return result;
+}
+
+int32_t Sqlite3PreferencesDb::updateUserList(const std::vector<int>& userIds) {
+    std::vector<unsigned int> existing;
+    if (!getUserIdsForExistingDbs(existing)) return -1;
+    const std::unordered_set<int> present(userIds.begin(), userIds.end());
+    for (unsigned int userId : existing) {
+        if (present.count(static_cast<int>(userId)) != 0) continue;
+        const int32_t result = deleteUserData(userId);
+        if (result != 0) {
+            ALOGW("Failed to delete data: %d", userId);
+            return result;
+        }
+    }
+    return 0;
+}
+
+// ---- Dropping tables and resetting ----
+
+int32_t Sqlite3PreferencesDb::dropSystemTables() {
+    if (mSystemDb == nullptr || mSystemDb->state != DbState::Ready) return -3;
+    for (const char* drop : kQueryDropSystemTables) {
+        if (executeRawQuery(drop, mSystemDb->db, PreferenceScope::System) != 0) return -1;
+    }
+    return 0;
+}
+
+int32_t Sqlite3PreferencesDb::dropTablesForUser(unsigned int userId) {
+    const int32_t result = initializeUserDb(userId);
+    if (result != 0) return result;
+    return executeRawQuery(kQueryDropUserValuesTable, userDbRecord(userId).db,
+                           PreferenceScope::User);
+}
+
+int32_t Sqlite3PreferencesDb::dropTables() {
+    int32_t result = dropSystemTables();
+    if (result != 0) ALOGE("Unable to drop system tables.");
+    std::vector<unsigned int> userIds;
+    if (!getUserIdsForExistingDbs(userIds)) return -1;
+    for (unsigned int userId : userIds) {
+        const int32_t dropped = dropTablesForUser(userId);
+        if (dropped != 0) {
+            ALOGE("Unable to dump user database");
+            if (result == 0) result = dropped;
+        }
+    }
+    return result;
+}
+
+int32_t Sqlite3PreferencesDb::reset() {
+    int32_t result = resetPreparedStatements();
+    if (result != 0) {
+        ALOGE("Unable to reset DBs; failed to reset prepared statement(s), blocking dropping of "
+              "tables.");
+        return result;
+    }
+    result = dropTables();
+    if (result != 0) {
+        ALOGE("Unable to reset DBs; failed to drop table(s).");
+        return result;
+    }
+    result = uninitialize();
+    if (result != 0) {
+        ALOGE("Unable to reset DBs; failed to uninitialize.");
+        return result;
+    }
+    result = initialize();
+    if (result != 0) ALOGE("Unable to reset DBs; failed to reinitialize.");
+    return result;
+}
+
+// ---- Logging helpers ----
+
+void Sqlite3PreferencesDb::logFailureToBuildQuery(PreferenceScope scope,
+                                                  const std::optional<unsigned int>& userId) {
+    sqlite3* db = getDbForScope(scope, userId);
+    if (db != nullptr) {
+        ALOGE("Unable to prepare or bind statement (scope %s). Error: %s. Extended error code: %d.",
+              scopeToString(scope), sqlite3_errmsg(db), sqlite3_extended_errcode(db));
+    } else {
+        ALOGE("DB for scope %s is null.", scopeToString(scope));
+    }
+}
+
+void Sqlite3PreferencesDb::logFailureToExecutePreparedStatement(
+        sqlite3_stmt* statement, PreferenceScope scope, const std::optional<unsigned int>& userId) {
+    sqlite3* db = getDbForScope(scope, userId);
+    char* sql = sqlite3_expanded_sql(statement);
+    ALOGE("Failed to execute prepared statement (scope %s): %s. Error: %s. Extended error code: "
+          "%d.",
+          scopeToString(scope), sql != nullptr ? sql : "(null)", sqlite3_errmsg(db),
+          sqlite3_extended_errcode(db));
+    sqlite3_free(sql);
+}
+
+void Sqlite3PreferencesDb::logRawQuery(PreferenceScope /*scope*/, const char* /*sql*/) {}
+
+void Sqlite3PreferencesDb::logPreparedStatementQuery(sqlite3_stmt* statement) {
+    if (!mQueryLogging) return;
+    // Expanding the statement is what a debugger breakpoint here inspects; nothing is written.
+    sqlite3_free(sqlite3_expanded_sql(statement));
+}
+
+// ---- Texts ----
+
+const char* Sqlite3PreferencesDb::scopeToString(PreferenceScope scope) {
+    const char* result = nullptr;
+    switch (scope) {
+        case PreferenceScope::System:
+            result = "System";
+            break;
+        case PreferenceScope::User:
+            result = "User";
+            break;
+        case PreferenceScope::Cross:
+            result = "Cross";
+            break;
+    }
+    LOG_ALWAYS_FATAL_IF(!result, "lookup error");
+    return result;
+}
+
+const char* Sqlite3PreferencesDb::domainToString(KeySourceDomain domain) {
+    const char* result = nullptr;
+    switch (domain) {
+        case KeySourceDomain::Legacy:
+            result = "Legacy";
+            break;
+        case KeySourceDomain::NativeService:
+            result = "NativeService";
+            break;
+        case KeySourceDomain::Application:
+            result = "Application";
+            break;
+    }
+    LOG_ALWAYS_FATAL_IF(!result, "lookup error");
+    return result;
+}
+
+const char* Sqlite3PreferencesDb::typeToString(Type type) {
+    switch (type) {
+        case Type::Integer:
+            return "Integer";
+        case Type::Double:
+            return "Double";
+        case Type::String:
+            return "String";
+        case Type::Long:
+            return "Long";
+        case Type::Boolean:
+            return "Boolean";
+        case Type::Float:
+            return "Float";
+        case Type::NoType:
+            break;
+    }
+    ALOGE("Invalid type provided to typeToString: %u", static_cast<unsigned int>(type));
+    return "[unknown type]";
+}
+
+const char* Sqlite3PreferencesDb::permissionToString(PreferencePermission permission) {
+    switch (permission) {
+        case PreferencePermission::None:
+            return "None";
+        case PreferencePermission::Read:
+            return "Read";
+        case PreferencePermission::ReadWrite:
+            return "Read & Write";
+    }
+    ALOGE("Unable to convert permissions %u to string.", static_cast<unsigned int>(permission));
+    return "Invalid Permissions";
+}
+
+}  // namespace Halo::OS

@@ -1,0 +1,807 @@
+// Packages, key registration, owners, permissions and the expiry sweep of Sqlite3PreferencesDb.
+
+#define LOG_TAG "PreferencesService"
+#include <log/log.h>
+
+#include <string>
+
+#include "store/ScopedStatementReset.h"
+#include "store/Sqlite3PreferencesDb.h"
+#include "store/SqliteBinding.h"
+#include "telemetry/Telemetry.h"
+
+namespace Halo::OS {
+namespace {
+
+using PreferenceScope = PreferencesKeyInfo::PreferenceScope;
+using PreferencePermission = PreferencesKeyInfo::PreferencePermission;
+
+constexpr const char* kLegacyPrefix = "nimbus.preferences.service";
+constexpr const char* kNativeServicePrefix = "nimbus.preferences.native";
+// Requesters that may take over a key owned by another package.
+constexpr const char* kPrivilegedRequesters[] = {"nimbus.preferences.service.legacy",
+                                                 "nimbus.preferences.service.core"};
+
+bool startsWith(const std::string& text, const char* prefix) {
+    return text.rfind(prefix, 0) == 0;
+}
+
+bool isPrivilegedRequester(const std::string& packageName) {
+    for (const char* privileged : kPrivilegedRequesters) {
+        if (packageName == privileged) return true;
+    }
+    return false;
+}
+
+// "package(uid)", naming the package that asks for a change in log lines.
+std::string describeRequester(unsigned int uid, const std::string& packageName) {
+    return packageName + "(" + std::to_string(uid) + ")";
+}
+
+std::string describeOwner(const std::optional<unsigned int>& uid,
+                          const std::optional<std::string>& packageName) {
+    if (!uid.has_value()) return "none";
+    return packageName.value_or("") + "(" + std::to_string(*uid) + ")";
+}
+
+bool isOwnedBy(const std::optional<unsigned int>& ownerUid, unsigned int uid) {
+    return ownerUid.has_value() && *ownerUid == uid;
+}
+
+}  // namespace
+
+// ---- Packages ----
+
+int32_t Sqlite3PreferencesDb::registerPackage(unsigned int uid, const std::string& packageName) {
+    sqlite3_stmt* statement = systemStatement(kInsertPackage);
+    if (!prepareToRun(statement, PreferenceScope::System)) return -1;
+    ScopedStatementReset reset(statement);
+    if (!bindUnsigned(statement, 1, uid) || !bindText(statement, 2, packageName)) {
+        logFailureToBuildQuery(PreferenceScope::System);
+        return -1;
+    }
+    const int stepped = step(statement);
+    if (isConstraintFailure(stepped)) {
+        // Known package with a new schema: what only it declared expires unless re-declared.
+        return markPreferencesReferencedOnlyByPackageForExpiration(uid, packageName);
+    }
+    if (stepped != SQLITE_DONE) {
+        logFailureToExecutePreparedStatement(statement, PreferenceScope::System);
+        return -1;
+    }
+    if (changedRows(PreferenceScope::System, std::nullopt) > 0) return 0;
+    ALOGE("Unable to register duplicate package.");
+    return -6;
+}
+
+int32_t Sqlite3PreferencesDb::unregisterPackage(unsigned int uid, const std::string& packageName) {
+    int32_t result = 0;
+    {
+        sqlite3_stmt* statement = systemStatement(kDeletePackage);
+        if (!prepareToRun(statement, PreferenceScope::System)) return -1;
+        ScopedStatementReset reset(statement);
+        if (!bindUnsigned(statement, 1, uid) || !bindText(statement, 2, packageName)) {
+            logFailureToBuildQuery(PreferenceScope::System);
+            return -1;
+        }
+        if (step(statement) != SQLITE_DONE) {
+            logFailureToExecutePreparedStatement(statement, PreferenceScope::System);
+            result = -1;
+        } else if (changedRows(PreferenceScope::System, std::nullopt) == 0) {
+            ALOGE("Unable to unregister package: package does not in packages table.");
+            result = -7;
+        }
+    }
+    const int32_t cleared = clearPackageOwnership(uid, packageName);
+    return result != 0 ? result : cleared;
+}
+
+int32_t Sqlite3PreferencesDb::clearPackageOwnership(unsigned int uid,
+                                                    const std::string& packageName) {
+    sqlite3_stmt* statement = systemStatement(kClearPackageOwnership);
+    if (!prepareToRun(statement, PreferenceScope::System)) return -1;
+    ScopedStatementReset reset(statement);
+    if (!bindUnsigned(statement, 1, uid) || !bindText(statement, 2, packageName)) {
+        logFailureToBuildQuery(PreferenceScope::System);
+        return -1;
+    }
+    return runWrite(statement, PreferenceScope::System);
+}
+
+int32_t Sqlite3PreferencesDb::getAllPackages(PackageSet& packages) {
+    sqlite3_stmt* statement = systemStatement(kListPackages);
+    if (!prepareToRun(statement, PreferenceScope::System)) return -1;
+    ScopedStatementReset reset(statement);
+    int stepped;
+    while ((stepped = step(statement)) == SQLITE_ROW) {
+        packages.emplace(columnUnsigned(statement, 1), columnText(statement, 0).value_or(""));
+    }
+    if (stepped != SQLITE_DONE) {
+        logFailureToExecutePreparedStatement(statement, PreferenceScope::System);
+        return -1;
+    }
+    return 0;
+}
+
+int32_t Sqlite3PreferencesDb::unregisterMissingPackages(const PackageSet& present,
+                                                        KeySourceDomain domain) {
+    PackageSet known;
+    int32_t result = getAllPackages(known);
+    if (result != 0) {
+        ALOGE("Failed to unregister missing packages; could not get list of all known packages.");
+        return result;
+    }
+    for (const auto& package : known) {
+        if (present.count(package) != 0 || !isPackageInDomain(package.second, domain)) continue;
+        const int32_t unregistered = unregisterPackage(package.first, package.second);
+        if (unregistered != 0) {
+            ALOGE("Unable to unregister missing package.");
+            if (result == 0) result = unregistered;
+        }
+    }
+    return result;
+}
+
+bool Sqlite3PreferencesDb::isPackageInDomain(const std::string& packageName,
+                                             KeySourceDomain domain) {
+    switch (domain) {
+        case KeySourceDomain::Legacy:
+            return startsWith(packageName, kLegacyPrefix);
+        case KeySourceDomain::NativeService:
+            return startsWith(packageName, kNativeServicePrefix);
+        case KeySourceDomain::Application:
+            return !startsWith(packageName, kLegacyPrefix) &&
+                   !startsWith(packageName, kNativeServicePrefix);
+    }
+    return false;
+}
+
+// ---- Registering keys ----
+
+int32_t Sqlite3PreferencesDb::registerPreference(unsigned int requesterUid,
+                                                 const std::string& requesterPackage,
+                                                 const std::string& key, PreferenceScope scope,
+                                                 Type type,
+                                                 const std::optional<unsigned int>& ownerUid,
+                                                 const std::optional<std::string>& ownerPackage,
+                                                 const std::optional<std::string>& defaultValue) {
+    if (static_cast<uint32_t>(scope) > static_cast<uint32_t>(PreferenceScope::Cross)) {
+        ALOGE("Unable to register %s: invalid scope %u.", key.c_str(),
+              static_cast<unsigned int>(scope));
+        return -1;
+    }
+    PreferenceScope currentScope;
+    int32_t result = getPreferenceScope(key, currentScope, true);
+    if (result == -8) {
+        result = insertPreferenceInPreferencesMap(scope, type, ownerUid, ownerPackage, key,
+                                                  defaultValue);
+        if (result != 0) ALOGE("Failed to register new %s.", key.c_str());
+        return result;
+    }
+    if (result != 0) {
+        ALOGE("Unable to register/update %s; failed to determine if exists or to get current "
+              "scope. req: %s",
+              key.c_str(), describeRequester(requesterUid, requesterPackage).c_str());
+        Telemetry::report("registerpreference_error_check_preference_exists");
+        return result;
+    }
+    result = clearExpiration(key);
+    if (result != 0) {
+        ALOGE("Unable to update %s; unable to clear expiration time. value will expire when it "
+              "should not.",
+              key.c_str());
+        Telemetry::report("registerpreference_error_expiration_time");
+        return result;
+    }
+    return updateExistingPreference(requesterUid, requesterPackage, key, currentScope, scope, type,
+                                    ownerUid, ownerPackage, defaultValue);
+}
+
+int32_t Sqlite3PreferencesDb::insertPreferenceInPreferencesMap(
+        PreferenceScope scope, Type type, const std::optional<unsigned int>& ownerUid,
+        const std::optional<std::string>& ownerPackage, const std::string& key,
+        const std::optional<std::string>& defaultValue) {
+    if (ownerUid.has_value() != ownerPackage.has_value()) {
+        ALOGE("Unable to insert %s; either both owner package and name or neither must be "
+              "specified.",
+              key.c_str());
+        return -9;
+    }
+    sqlite3_stmt* statement = systemStatement(kInsertPreference);
+    if (!prepareToRun(statement, PreferenceScope::System)) return -1;
+    ScopedStatementReset reset(statement);
+    if (!bindText(statement, 1, key) || !bindCode(statement, 2, type) ||
+        !bindCode(statement, 3, scope) || !bindUnsigned(statement, 4, ownerUid) ||
+        !bindText(statement, 5, ownerPackage) || !bindText(statement, 6, defaultValue)) {
+        logFailureToBuildQuery(PreferenceScope::System);
+        return -1;
+    }
+    const int stepped = step(statement);
+    if (stepped == SQLITE_DONE) return 0;
+    const int extended = sqlite3_extended_errcode(mSystemDb->db);
+    if (extended == SQLITE_CONSTRAINT_PRIMARYKEY || extended == SQLITE_CONSTRAINT_UNIQUE) {
+        ALOGE("Unable to insert duplicate row for %s.", key.c_str());
+    } else {
+        // A type or scope outside the table's CHECK constraints, or a database failure.
+        logFailureToExecutePreparedStatement(statement, PreferenceScope::System);
+    }
+    return -1;
+}
+
+int32_t Sqlite3PreferencesDb::getPreferenceConfiguration(const std::string& key, Type& type,
+                                                         std::optional<unsigned int>& ownerUid,
+                                                         std::optional<std::string>& ownerPackage,
+                                                         std::optional<std::string>& defaultValue) {
+    static constexpr const char* kOperation = "getPreferenceConfiguration";
+    int32_t result = getPreferenceType(key, type);
+    if (result != 0) {
+        ALOGE("%s, Unable to update existing %s; failed to get current type.", kOperation,
+              key.c_str());
+        Telemetry::report("getPreferenceConfiguration_error_retrieve_type");
+        return result;
+    }
+    result = getPreferenceOwner(key, ownerUid, ownerPackage);
+    if (result != 0) {
+        ALOGE("%s, Unable to update existing %s; failed to get current owner %s.", kOperation,
+              key.c_str(), std::to_string(result).c_str());
+        Telemetry::report("getPreferenceConfiguration_error_retrieve_owner");
+        return result;
+    }
+    // The default is read here rather than with getDefaultValue(): a key may have no default,
+    // which is a valid configuration and not an error.
+    sqlite3_stmt* statement = systemStatement(kGetDefault);
+    if (!prepareToRun(statement, PreferenceScope::System)) {
+        result = -1;
+    } else {
+        ScopedStatementReset reset(statement);
+        if (!bindText(statement, 1, key)) {
+            logFailureToBuildQuery(PreferenceScope::System);
+            result = -1;
+        } else {
+            const int stepped = step(statement);
+            if (stepped == SQLITE_ROW) {
+                defaultValue = columnText(statement, 0);
+            } else if (stepped == SQLITE_DONE) {
+                result = -8;
+            } else {
+                logFailureToExecutePreparedStatement(statement, PreferenceScope::System);
+                result = -1;
+            }
+        }
+    }
+    if (result != 0) {
+        ALOGE("%s, Unable to update existing %s; failed to get current default value.", kOperation,
+              key.c_str());
+        Telemetry::report("getPreferenceConfiguration_error_retrieve_default_value");
+    }
+    return result;
+}
+
+// The owner's request is applied first, so that the owner it leaves decides whether the
+// declared scope, type and default may change: a package that owns a key (or takes an unowned
+// one) has its declaration applied in full. The first refusal or failure ends the update.
+int32_t Sqlite3PreferencesDb::updateExistingPreference(
+        unsigned int requesterUid, const std::string& requesterPackage, const std::string& key,
+        PreferenceScope currentScope, PreferenceScope scope, Type type,
+        const std::optional<unsigned int>& ownerUid, const std::optional<std::string>& ownerPackage,
+        const std::optional<std::string>& defaultValue) {
+    Type currentType;
+    std::optional<unsigned int> currentOwnerUid;
+    std::optional<std::string> currentOwnerPackage;
+    std::optional<std::string> currentDefault;
+    int32_t result = getPreferenceConfiguration(key, currentType, currentOwnerUid,
+                                                currentOwnerPackage, currentDefault);
+    if (result != 0) {
+        ALOGE("Unable to update %s; unable to get configuration.", key.c_str());
+        Telemetry::report("updatepreference_error_update_configuration");
+        return result;
+    }
+    result = processPreferenceOwnerChangeRequest(requesterUid, requesterPackage, key,
+                                                 currentOwnerUid, currentOwnerPackage, ownerUid,
+                                                 ownerPackage);
+    if (result != 0) return result;
+    result = processPreferenceScopeChangeRequest(requesterUid, requesterPackage, key, currentScope,
+                                                 scope, currentOwnerUid, currentOwnerPackage);
+    if (result != 0) return result;
+    result = processPreferenceTypeChangeRequest(requesterUid, requesterPackage, key, currentType,
+                                                type, currentOwnerUid, currentOwnerPackage);
+    if (result != 0) return result;
+    return processPreferenceDefaultValueChangeRequest(requesterUid, requesterPackage, key,
+                                                      currentDefault, defaultValue, currentOwnerUid,
+                                                      currentOwnerPackage);
+}
+
+int32_t Sqlite3PreferencesDb::processPreferenceOwnerChangeRequest(
+        unsigned int requesterUid, const std::string& requesterPackage, const std::string& key,
+        std::optional<unsigned int>& ownerUid, std::optional<std::string>& ownerPackage,
+        const std::optional<unsigned int>& requestedOwnerUid,
+        const std::optional<std::string>& requestedOwnerPackage) {
+    const std::string request = describeRequester(requesterUid, requesterPackage);
+    if (requestedOwnerUid.has_value() || requestedOwnerPackage.has_value()) {
+        if (ownerUid.has_value() && requestedOwnerUid.has_value() &&
+            *ownerUid != *requestedOwnerUid && !isPrivilegedRequester(requesterPackage)) {
+            ALOGE("%s: Unable to update existing %s; already owned by (%s).", request.c_str(),
+                  key.c_str(), describeOwner(ownerUid, ownerPackage).c_str());
+            Telemetry::report("preferenceownerchange_error_already_owned");
+            return -9;
+        }
+        if (ownerUid == requestedOwnerUid && ownerPackage == requestedOwnerPackage) return 0;
+        const int32_t result = setPreferenceOwner(key, requestedOwnerUid, requestedOwnerPackage);
+        if (result != 0) {
+            ALOGE("%s: Unable to update existing %s; failed to set new owner.", request.c_str(),
+                  key.c_str());
+            Telemetry::report("preferenceownerchange_error_set_owner");
+            return result;
+        }
+        ownerUid = requestedOwnerUid;
+        ownerPackage = requestedOwnerPackage;
+        return 0;
+    }
+    // The owner declares the key without claiming it any more: it gives the key up. Packages
+    // that never owned the key leave its owner alone.
+    if (!isOwnedBy(ownerUid, requesterUid)) return 0;
+    const int32_t result = setPreferenceOwner(key, std::nullopt, std::nullopt);
+    if (result != 0) {
+        ALOGE("%s: Unable to update existing %s; failed to clear owner package.", request.c_str(),
+              key.c_str());
+        Telemetry::report("preferenceownerchange_error_clear_owner_package");
+        return result;
+    }
+    ownerUid.reset();
+    ownerPackage.reset();
+    return 0;
+}
+
+int32_t Sqlite3PreferencesDb::processPreferenceScopeChangeRequest(
+        unsigned int requesterUid, const std::string& requesterPackage, const std::string& key,
+        PreferenceScope currentScope, PreferenceScope requestedScope,
+        const std::optional<unsigned int>& ownerUid,
+        const std::optional<std::string>& ownerPackage) {
+    if (requestedScope == currentScope) return 0;
+    if (!isOwnedBy(ownerUid, requesterUid)) {
+        // A non-owner declaring a shared key as a plain user key is accepted as it is.
+        if (currentScope == PreferenceScope::Cross && requestedScope == PreferenceScope::User) {
+            return 0;
+        }
+        ALOGE("Unable to update existing %s; failed to change from %s to %s, requester %s is not "
+              "the owner %s",
+              key.c_str(), scopeToString(currentScope), scopeToString(requestedScope),
+              requesterPackage.c_str(), ownerPackage.value_or("none").c_str());
+        Telemetry::report("preferencescopechange_error_not_owner");
+        return -10;
+    }
+    ALOGW("%s: non-owning packages have different scope (%d) from that (%d) of owning package. "
+          "Please correct.",
+          key.c_str(), static_cast<int>(currentScope), static_cast<int>(requestedScope));
+    const int32_t result = updatePreferenceScope(key, requestedScope);
+    if (result != 0) {
+        ALOGE("Unable to update %s; unable to update from %s to %s.", key.c_str(),
+              scopeToString(currentScope), scopeToString(requestedScope));
+        Telemetry::report("preferencescopechange_error_update_scope");
+    }
+    return result;
+}
+
+int32_t Sqlite3PreferencesDb::processPreferenceTypeChangeRequest(
+        unsigned int requesterUid, const std::string& requesterPackage, const std::string& key,
+        Type currentType, Type requestedType, const std::optional<unsigned int>& ownerUid,
+        const std::optional<std::string>& ownerPackage) {
+    if (requestedType == currentType) return 0;
+    if (!isOwnedBy(ownerUid, requesterUid)) {
+        ALOGE("Unable to update existing %s; failed to change from %s to %s, requester %s is not "
+              "the owner(%s).",
+              key.c_str(), typeToString(currentType), typeToString(requestedType),
+              requesterPackage.c_str(), ownerPackage.value_or("none").c_str());
+        Telemetry::report("preferencestypechange_error_not_owner");
+        return -10;
+    }
+    const int32_t result = updatePreferenceType(key, requestedType);
+    if (result != 0) {
+        ALOGE("%s, Unable to update %s; unable to update from %s to %s.",
+              describeRequester(requesterUid, requesterPackage).c_str(), key.c_str(),
+              typeToString(currentType), typeToString(requestedType));
+        Telemetry::report("preferencestypechange_error_update_type");
+    }
+    return result;
+}
+
+int32_t Sqlite3PreferencesDb::processPreferenceDefaultValueChangeRequest(
+        unsigned int requesterUid, const std::string& requesterPackage, const std::string& key,
+        const std::optional<std::string>& currentDefault,
+        const std::optional<std::string>& requestedDefault,
+        const std::optional<unsigned int>& ownerUid,
+        const std::optional<std::string>& ownerPackage) {
+    if (requestedDefault == currentDefault) return 0;
+    if (!isOwnedBy(ownerUid, requesterUid)) {
+        ALOGE("Unable to update existing %s; failed to change default value, requester %s is not "
+              "the owner (%s).",
+              key.c_str(), requesterPackage.c_str(), ownerPackage.value_or("none").c_str());
+        Telemetry::report("preferencedefault_error_not_owner");
+        return -10;
+    }
+    const int32_t result = requestedDefault.has_value()
+                                   ? setPreferenceDefault(key, *requestedDefault)
+                                   : clearPreferenceDefault(key);
+    if (result != 0) {
+        ALOGE("%s: Unable to update %s; unable to update default value",
+              describeRequester(requesterUid, requesterPackage).c_str(), key.c_str());
+        Telemetry::report("preferencedefault_error");
+    }
+    return result;
+}
+
+int32_t Sqlite3PreferencesDb::clearPreferenceDefault(const std::string& key) {
+    sqlite3_stmt* statement = systemStatement(kSetDefault);
+    if (!prepareToRun(statement, PreferenceScope::System)) return -1;
+    ScopedStatementReset reset(statement);
+    if (!bindText(statement, 1, std::optional<std::string>()) || !bindText(statement, 2, key)) {
+        logFailureToBuildQuery(PreferenceScope::System);
+        return -1;
+    }
+    const int32_t result = runWrite(statement, PreferenceScope::System);
+    if (result != 0) return result;
+    return changedRows(PreferenceScope::System, std::nullopt) > 0 ? 0 : -8;
+}
+
+// ---- Scope and type ----
+
+int32_t Sqlite3PreferencesDb::getPreferenceScope(const std::string& key, PreferenceScope& scope,
+                                                 bool quiet) {
+    sqlite3_stmt* statement = systemStatement(kGetScope);
+    if (!prepareToRun(statement, PreferenceScope::System)) return -1;
+    ScopedStatementReset reset(statement);
+    if (!bindText(statement, 1, key)) {
+        logFailureToBuildQuery(PreferenceScope::System);
+        return -1;
+    }
+    switch (step(statement)) {
+        case SQLITE_ROW:
+            scope = static_cast<PreferenceScope>(sqlite3_column_int(statement, 0));
+            return 0;
+        case SQLITE_DONE:
+            if (!quiet) ALOGE("Unable to get scope: %s does not exist in table.", key.c_str());
+            return -8;
+        default:
+            logFailureToExecutePreparedStatement(statement, PreferenceScope::System);
+            return -1;
+    }
+}
+
+int32_t Sqlite3PreferencesDb::updatePreferenceScope(const std::string& key, PreferenceScope scope) {
+    sqlite3_stmt* statement = systemStatement(kSetScope);
+    if (!prepareToRun(statement, PreferenceScope::System)) return -1;
+    ScopedStatementReset reset(statement);
+    if (!bindCode(statement, 1, scope) || !bindText(statement, 2, key)) {
+        logFailureToBuildQuery(PreferenceScope::System);
+        return -1;
+    }
+    const int32_t result = runWrite(statement, PreferenceScope::System);
+    if (result != 0) return result;
+    return changedRows(PreferenceScope::System, std::nullopt) > 0 ? 0 : -8;
+}
+
+int32_t Sqlite3PreferencesDb::getPreferenceType(const std::string& key, Type& type) {
+    sqlite3_stmt* statement = systemStatement(kGetType);
+    if (!prepareToRun(statement, PreferenceScope::System)) return -1;
+    ScopedStatementReset reset(statement);
+    if (!bindText(statement, 1, key)) {
+        logFailureToBuildQuery(PreferenceScope::System);
+        return -1;
+    }
+    switch (step(statement)) {
+        case SQLITE_ROW:
+            type = static_cast<Type>(sqlite3_column_int(statement, 0));
+            return 0;
+        case SQLITE_DONE:
+            ALOGE("Unable to get scope: %s does not exist in table.", key.c_str());
+            Telemetry::report("getpreferencetype_error_unregistered_key");
+            return -8;
+        default:
+            logFailureToExecutePreparedStatement(statement, PreferenceScope::System);
+            return -1;
+    }
+}
+
+int32_t Sqlite3PreferencesDb::updatePreferenceType(const std::string& key, Type type) {
+    sqlite3_stmt* statement = systemStatement(kSetType);
+    if (!prepareToRun(statement, PreferenceScope::System)) return -1;
+    ScopedStatementReset reset(statement);
+    if (!bindCode(statement, 1, type) || !bindText(statement, 2, key)) {
+        logFailureToBuildQuery(PreferenceScope::System);
+        return -1;
+    }
+    const int32_t result = runWrite(statement, PreferenceScope::System);
+    if (result != 0) return result;
+    if (changedRows(PreferenceScope::System, std::nullopt) > 0) return 0;
+    Telemetry::report("updatepreferencetype_error_unregistered_key");
+    return -8;
+}
+
+int32_t Sqlite3PreferencesDb::downGradeScopeForPackage() {
+    return runSystemWrite(kDowngradeCrossScope);
+}
+
+// ---- Owners ----
+
+int32_t Sqlite3PreferencesDb::getPreferenceOwner(const std::string& key,
+                                                 std::optional<unsigned int>& uid,
+                                                 std::optional<std::string>& packageName) {
+    sqlite3_stmt* statement = systemStatement(kGetOwner);
+    if (!prepareToRun(statement, PreferenceScope::System)) return -1;
+    ScopedStatementReset reset(statement);
+    if (!bindText(statement, 1, key)) {
+        logFailureToBuildQuery(PreferenceScope::System);
+        return -1;
+    }
+    switch (step(statement)) {
+        case SQLITE_ROW:
+            if (sqlite3_column_type(statement, 0) == SQLITE_NULL) {
+                uid.reset();
+                packageName.reset();
+            } else {
+                uid = columnUnsigned(statement, 0);
+                packageName = columnText(statement, 1);
+            }
+            return 0;
+        case SQLITE_DONE:
+            ALOGE("Unable to get owner: %s does not exist.", key.c_str());
+            Telemetry::report("getpreferenceowner_error_key_not_exist");
+            return -8;
+        default:
+            logFailureToExecutePreparedStatement(statement, PreferenceScope::System);
+            return -1;
+    }
+}
+
+int32_t Sqlite3PreferencesDb::setPreferenceOwner(const std::string& key,
+                                                 const std::optional<unsigned int>& uid,
+                                                 const std::optional<std::string>& packageName) {
+    if (uid.has_value() != packageName.has_value()) {
+        ALOGE("Unable to set %s owner, either both owner id and name or neither must be "
+              "specified.",
+              key.c_str());
+        return -9;
+    }
+    sqlite3_stmt* statement = systemStatement(kSetOwner);
+    if (!prepareToRun(statement, PreferenceScope::System)) return -1;
+    ScopedStatementReset reset(statement);
+    if (!bindUnsigned(statement, 1, uid) || !bindText(statement, 2, packageName) ||
+        !bindText(statement, 3, key)) {
+        logFailureToBuildQuery(PreferenceScope::System);
+        return -1;
+    }
+    const int32_t result = runWrite(statement, PreferenceScope::System);
+    if (result != 0) return result;
+    if (changedRows(PreferenceScope::System, std::nullopt) > 0) return 0;
+    ALOGE("Unable to set %s owner: key does not exist.", key.c_str());
+    Telemetry::report("setpreferenceowner_error_key_not_exist");
+    return -8;
+}
+
+int32_t Sqlite3PreferencesDb::clearPreferenceOwnerForNonMigrationKeys(KeySourceDomain domain) {
+    switch (domain) {
+        case KeySourceDomain::Legacy:
+            return runSystemWrite(kClearOwnerLegacy);
+        case KeySourceDomain::NativeService:
+            return runSystemWrite(kClearOwnerNativeService);
+        case KeySourceDomain::Application:
+            return runSystemWrite(kClearOwnerApplication);
+    }
+    ALOGE("Invalid domain %u provided to clear owners.", static_cast<unsigned int>(domain));
+    return -1;
+}
+
+// ---- Permissions ----
+
+int32_t Sqlite3PreferencesDb::setPreferencePermission(const std::string& key, unsigned int uid,
+                                                      const std::string& packageName,
+                                                      PreferencePermission permission) {
+    if (permission != PreferencePermission::Read && permission != PreferencePermission::ReadWrite) {
+        ALOGE("%s Invalid permission provided to registering permission: %u", key.c_str(),
+              static_cast<unsigned int>(permission));
+        return -13;
+    }
+    sqlite3_stmt* statement = systemStatement(kInsertPermission);
+    if (!prepareToRun(statement, PreferenceScope::System)) {
+        Telemetry::report("setpreferencepermission_error_build_query");
+        return -1;
+    }
+    ScopedStatementReset reset(statement);
+    if (!bindText(statement, 1, key) || !bindUnsigned(statement, 2, uid) ||
+        !bindText(statement, 3, packageName) || !bindCode(statement, 4, permission)) {
+        logFailureToBuildQuery(PreferenceScope::System);
+        Telemetry::report("setpreferencepermission_error_build_query");
+        return -1;
+    }
+    const int stepped = step(statement);
+    if (stepped == SQLITE_DONE) return 0;
+    // The package already holds a permission on the key: update it. A missing key or package
+    // (a foreign key failure) is an error, not an update of nothing.
+    if (isConstraintFailure(stepped) &&
+        sqlite3_extended_errcode(mSystemDb->db) == SQLITE_CONSTRAINT_UNIQUE) {
+        return updatePreferencePermission(key, uid, packageName, permission);
+    }
+    logFailureToExecutePreparedStatement(statement, PreferenceScope::System);
+    Telemetry::report("setpreferencepermission_error_prepared_statement");
+    return -1;
+}
+
+int32_t Sqlite3PreferencesDb::updatePreferencePermission(const std::string& key, unsigned int uid,
+                                                         const std::string& packageName,
+                                                         PreferencePermission permission) {
+    sqlite3_stmt* statement = systemStatement(kUpdatePermission);
+    if (!prepareToRun(statement, PreferenceScope::System)) {
+        Telemetry::report("updatepreferencepermission_error_build_query");
+        return -1;
+    }
+    ScopedStatementReset reset(statement);
+    if (!bindCode(statement, 1, permission) || !bindText(statement, 2, key) ||
+        !bindUnsigned(statement, 3, uid) || !bindText(statement, 4, packageName)) {
+        logFailureToBuildQuery(PreferenceScope::System);
+        Telemetry::report("updatepreferencepermission_error_build_query");
+        return -1;
+    }
+    if (runWrite(statement, PreferenceScope::System) != 0) {
+        Telemetry::report("updatepreferencepermission_error_prepared_statement");
+        return -1;
+    }
+    return 0;
+}
+
+int32_t Sqlite3PreferencesDb::getPreferencePermission(const std::string& key, unsigned int uid,
+                                                      PreferencePermission& permission) {
+    sqlite3_stmt* statement = systemStatement(kGetPermission);
+    if (!prepareToRun(statement, PreferenceScope::System)) {
+        Telemetry::report("getpreferencepermission_error_build_query");
+        return -1;
+    }
+    ScopedStatementReset reset(statement);
+    if (!bindText(statement, 1, key) || !bindUnsigned(statement, 2, uid)) {
+        logFailureToBuildQuery(PreferenceScope::System);
+        Telemetry::report("getpreferencepermission_error_build_query");
+        return -1;
+    }
+    if (step(statement) != SQLITE_ROW) {
+        logFailureToExecutePreparedStatement(statement, PreferenceScope::System);
+        Telemetry::report("getpreferencepermission_error_prepared_statement");
+        return -1;
+    }
+    // MAX() over no rows is NULL, read as 0: no permission.
+    permission = static_cast<PreferencePermission>(sqlite3_column_int(statement, 0));
+    return 0;
+}
+
+int32_t Sqlite3PreferencesDb::clearPermissionsForPackage(unsigned int uid,
+                                                         const std::string& packageName) {
+    sqlite3_stmt* statement = systemStatement(kClearPackagePermissions);
+    if (!prepareToRun(statement, PreferenceScope::System)) return -1;
+    ScopedStatementReset reset(statement);
+    if (!bindUnsigned(statement, 1, uid) || !bindText(statement, 2, packageName)) {
+        logFailureToBuildQuery(PreferenceScope::System);
+        return -1;
+    }
+    // Without the trigger, keys that lose their last permission here stay for the expiry sweep,
+    // which also removes their values from the user databases.
+    if (dropReapOrphanedPreferencesTrigger() != 0) {
+        ALOGE("Failed to drop trigger to reap orphaned preferences prior to clearing permissions.");
+        return -1;
+    }
+    const bool stepped = step(statement) == SQLITE_DONE;
+    if (!stepped) {
+        logFailureToExecutePreparedStatement(statement, PreferenceScope::System);
+        Telemetry::report("clearpreferencepermission_error_prepared_statement");
+    }
+    if (createReapOrphanedPreferencesTrigger() != 0) {
+        ALOGE("Failed to re-create trigger to reap orphaned preferences after clearing "
+              "permissions.");
+        return -1;
+    }
+    return stepped ? 0 : -1;
+}
+
+// ---- Expiry ----
+
+int32_t Sqlite3PreferencesDb::runSystemWrite(SystemStatement statementId) {
+    sqlite3_stmt* statement = systemStatement(statementId);
+    if (!prepareToRun(statement, PreferenceScope::System)) return -1;
+    ScopedStatementReset reset(statement);
+    return runWrite(statement, PreferenceScope::System);
+}
+
+int32_t Sqlite3PreferencesDb::runExpiryMark(SystemStatement statementId,
+                                            std::chrono::seconds delay) {
+    sqlite3_stmt* statement = systemStatement(statementId);
+    if (!prepareToRun(statement, PreferenceScope::System)) return -1;
+    ScopedStatementReset reset(statement);
+    // The datetime() modifier, e.g. "+60 seconds".
+    const std::string modifier = "+" + std::to_string(delay.count()) + " seconds";
+    if (!bindText(statement, 1, modifier)) {
+        logFailureToBuildQuery(PreferenceScope::System);
+        return -1;
+    }
+    return runWrite(statement, PreferenceScope::System);
+}
+
+int32_t Sqlite3PreferencesDb::markPreferencesForExpiration(std::chrono::seconds delay,
+                                                           KeySourceDomain domain) {
+    switch (domain) {
+        case KeySourceDomain::Legacy:
+            return runExpiryMark(kExpireLegacy, delay);
+        case KeySourceDomain::NativeService:
+            return runExpiryMark(kExpireNativeService, delay);
+        case KeySourceDomain::Application:
+            return runExpiryMark(kExpireApplication, delay);
+    }
+    ALOGE("Invalid domain %u provided to mark keys for expiration.",
+          static_cast<unsigned int>(domain));
+    return -1;
+}
+
+int32_t Sqlite3PreferencesDb::markOrphanedPreferencesForExpiration(std::chrono::seconds delay) {
+    return runExpiryMark(kExpireOrphaned, delay);
+}
+
+int32_t Sqlite3PreferencesDb::markPreferencesReferencedOnlyByPackageForExpiration(
+        unsigned int uid, const std::string& packageName) {
+    if (startsWith(packageName, kLegacyPrefix)) return 0;
+    sqlite3_stmt* statement = systemStatement(kExpireReferencedOnlyByPackage);
+    if (!prepareToRun(statement, PreferenceScope::System)) return -1;
+    ScopedStatementReset reset(statement);
+    if (!bindUnsigned(statement, 1, uid) || !bindText(statement, 2, packageName) ||
+        !bindUnsigned(statement, 3, uid) || !bindText(statement, 4, packageName)) {
+        logFailureToBuildQuery(PreferenceScope::System);
+        return -1;
+    }
+    return runWrite(statement, PreferenceScope::System);
+}
+
+int32_t Sqlite3PreferencesDb::clearExpiration(const std::string& key) {
+    sqlite3_stmt* statement = systemStatement(kClearExpiration);
+    if (!prepareToRun(statement, PreferenceScope::System)) return -1;
+    ScopedStatementReset reset(statement);
+    if (!bindText(statement, 1, key)) {
+        logFailureToBuildQuery(PreferenceScope::System);
+        return -1;
+    }
+    return runWrite(statement, PreferenceScope::System);
+}
+
+int32_t Sqlite3PreferencesDb::getExpiredPreferences(
+        std::vector<std::pair<std::string, PreferenceScope>>& expired) {
+    sqlite3_stmt* statement = systemStatement(kListExpired);
+    if (!prepareToRun(statement, PreferenceScope::System)) return -1;
+    ScopedStatementReset reset(statement);
+    int stepped;
+    while ((stepped = step(statement)) == SQLITE_ROW) {
+        expired.emplace_back(columnText(statement, 0).value_or(""),
+                             static_cast<PreferenceScope>(sqlite3_column_int(statement, 1)));
+    }
+    if (stepped != SQLITE_DONE) {
+        logFailureToExecutePreparedStatement(statement, PreferenceScope::System);
+        return -1;
+    }
+    return 0;
+}
+
+int32_t Sqlite3PreferencesDb::deleteExpiredPreferencesFromMapPermissions() {
+    return runSystemWrite(kDeleteExpired);
+}
+
+int32_t Sqlite3PreferencesDb::unregisterExpiredPreferences() {
+    std::vector<std::pair<std::string, PreferenceScope>> expired;
+    int32_t result = getExpiredPreferences(expired);
+    if (result != 0) return result;
+    for (const auto& [key, scope] : expired) {
+        result = deletePreferenceFromValueTables(key, scope);
+        if (result == -8) {
+            ALOGW("Unable to unregister %s: not found.", key.c_str());
+        } else if (result != 0) {
+            return result;
+        }
+    }
+    result = deleteExpiredPreferencesFromMapPermissions();
+    if (result != 0) return result;
+    return cleanupDanglingListeners();
+}
+
+}  // namespace Halo::OS
