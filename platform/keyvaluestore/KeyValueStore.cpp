@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdint>
 
 namespace Halo::OS {
 namespace {
@@ -105,7 +106,8 @@ bool KeyValueStore::openLocked() {
 
 bool KeyValueStore::ensureTableLocked() {
     sqlite3_stmt* query = nullptr;
-    if (!prepareLocked("SELECT count(*) FROM sqlite_master WHERE type = 'table' AND name = ?1",
+    if (!prepareLocked("SELECT count(*) FROM sqlite_master WHERE type = 'table' AND name = ?1 "
+                       "COLLATE NOCASE",
                        &query)) {
         return false;
     }
