@@ -392,6 +392,8 @@ private:
             const std::optional<std::string>& requestedDefault,
             const std::optional<unsigned int>& ownerUid,
             const std::optional<std::string>& ownerPackage);
+    // Deletes value rows of a key that has just been created from every user database.
+    void purgeUserValuesOfNewKey(const std::string& key);
     // Writes NULL as the default of an existing key.
     int32_t clearPreferenceDefault(const std::string& key);
 

@@ -89,12 +89,17 @@ protected:
         sqlite3_free(error);
     }
 
-    // Registers the package (if new), the key and the package's permission on it, as the key
-    // manager does for one schema entry. Returns the first non-zero store result.
+    // Registers the package (if new: registering a known package marks its keys), the key and
+    // the package's permission on it, as the key manager does for one schema entry. Returns the
+    // first non-zero store result.
     int32_t declare(unsigned int uid, const std::string& package, const std::string& key,
                     Scope scope, Type type, bool owner, const std::string& defaultValue,
                     Permission permission = Permission::ReadWrite) {
-        int32_t result = mStore->registerPackage(uid, package);
+        IPreferencesDb::PackageSet known;
+        int32_t result = mStore->getAllPackages(known);
+        if (result == 0 && known.count({uid, package}) == 0) {
+            result = mStore->registerPackage(uid, package);
+        }
         if (result != 0) return result;
         result = mStore->registerPreference(
                 uid, package, key, scope, type,

@@ -1,0 +1,375 @@
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "store/LogLines.h"
+#include "store/StoreTest.h"
+#include "support/LogCapture.h"
+
+namespace Halo::OS::testing {
+namespace {
+
+using std::chrono::seconds;
+
+constexpr unsigned int kCoreUid = 1000;
+constexpr const char* kCore = "nimbus.preferences.service.core";
+constexpr const char* kNative = "nimbus.preferences.native.audio";
+constexpr unsigned int kNativeUid = 1041;
+
+class StoreRegistrationTest : public StoreTest {
+protected:
+    std::string definition(const std::string& key) {
+        return scalar(
+                "SELECT key, type, scope, owner_package_uid, owner_package_name, "
+                "default_value, migration, expires_at FROM preferences WHERE key = '" +
+                key + "'");
+    }
+    std::string expiresAt(const std::string& key) {
+        return scalar("SELECT expires_at IS NOT NULL FROM preferences WHERE key = '" + key + "'");
+    }
+    std::vector<std::string> keys() { return query("SELECT key FROM preferences ORDER BY key"); }
+    // Registers a key as `uid`/`package` without touching packages or permissions.
+    int32_t registerKey(unsigned int uid, const std::string& package, const std::string& key,
+                        Scope scope, Type type, bool owner, const std::string& defaultValue) {
+        return mStore->registerPreference(
+                uid, package, key, scope, type,
+                owner ? std::optional<unsigned int>(uid) : std::nullopt,
+                owner ? std::optional<std::string>(package) : std::nullopt, defaultValue);
+    }
+};
+
+TEST_F(StoreRegistrationTest, NewKeysAreStoredWithTheirDefinition) {
+    ASSERT_EQ(0, declare(kAppUid, kApp, "volume", Scope::System, Type::Integer, true, "5"));
+    ASSERT_EQ(0, declare(kAppUid, kApp, "name", Scope::Cross, Type::String, false, "",
+                         Permission::Read));
+    EXPECT_EQ("volume|0|0|1010123|com.example.app|5|0|NULL", definition("volume"));
+    EXPECT_EQ("name|2|2|NULL|NULL||0|NULL", definition("name"));
+    EXPECT_EQ("1010123|com.example.app", scalar("SELECT * FROM packages"));
+    EXPECT_EQ((std::vector<std::string>{"name|1010123|com.example.app|1",
+                                        "volume|1010123|com.example.app|2"}),
+              query("SELECT * FROM permissions ORDER BY key"));
+
+    // Half an owner is refused; a type outside the table's range is refused by its CHECK.
+    LogCapture log;
+    EXPECT_NE(0, mStore->registerPreference(kAppUid, kApp, "half", Scope::System, Type::Integer,
+                                            kAppUid, std::nullopt, "1"));
+    EXPECT_NE(0, registerKey(kAppUid, kApp, "untyped", Scope::System, Type::NoType, true, "1"));
+    EXPECT_EQ((std::vector<std::string>{"name", "volume"}), keys());
+    const std::string& text = log.text();
+    EXPECT_TRUE(hasLogLine(text, 'E',
+                           "Unable to insert half; either both owner package and name or "
+                           "neither must be specified."));
+    EXPECT_TRUE(hasLogLine(text, 'E', "Failed to register new untyped."));
+}
+
+TEST_F(StoreRegistrationTest, OwnerKeepsAndChangesItsKey) {
+    ASSERT_EQ(0, declare(kAppUid, kApp, "volume", Scope::System, Type::Integer, true, "5"));
+    // The same declaration again changes nothing.
+    EXPECT_EQ(0, registerKey(kAppUid, kApp, "volume", Scope::System, Type::Integer, true, "5"));
+    EXPECT_EQ("volume|0|0|1010123|com.example.app|5|0|NULL", definition("volume"));
+
+    LogCapture log;
+    EXPECT_EQ(0, registerKey(kAppUid, kApp, "volume", Scope::User, Type::Long, true, "6"));
+    EXPECT_EQ("volume|3|1|1010123|com.example.app|6|0|NULL", definition("volume"));
+    EXPECT_TRUE(hasLogLine(log.text(), 'W',
+                           "volume: non-owning packages have different scope (0) from that (1) "
+                           "of owning package. Please correct."));
+
+    // Declaring the key without ownership gives it up.
+    EXPECT_EQ(0, registerKey(kAppUid, kApp, "volume", Scope::User, Type::Long, false, "6"));
+    EXPECT_EQ("volume|3|1|NULL|NULL|6|0|NULL", definition("volume"));
+}
+
+TEST_F(StoreRegistrationTest, NonOwnersCannotChangeOrTakeOverAKey) {
+    ASSERT_EQ(0, declare(kAppUid, kApp, "volume", Scope::Cross, Type::Integer, true, "5"));
+    ASSERT_EQ(0, mStore->registerPackage(kOtherUid, kOther));
+    const std::string original = definition("volume");
+
+    // Same definition: accepted. A "user" declaration of a Cross key: accepted silently.
+    EXPECT_EQ(0, registerKey(kOtherUid, kOther, "volume", Scope::Cross, Type::Integer, false, "5"));
+    EXPECT_EQ(0, registerKey(kOtherUid, kOther, "volume", Scope::User, Type::Integer, false, "5"));
+    EXPECT_EQ(original, definition("volume"));
+
+    LogCapture log;
+    EXPECT_EQ(-10,
+              registerKey(kOtherUid, kOther, "volume", Scope::System, Type::Integer, false, "5"));
+    EXPECT_EQ(-10, registerKey(kOtherUid, kOther, "volume", Scope::Cross, Type::Long, false, "5"));
+    EXPECT_EQ(-10,
+              registerKey(kOtherUid, kOther, "volume", Scope::Cross, Type::Integer, false, "6"));
+    EXPECT_EQ(-9, registerKey(kOtherUid, kOther, "volume", Scope::Cross, Type::Integer, true, "5"));
+    EXPECT_EQ(original, definition("volume"));
+    const std::string& text = log.text();
+    EXPECT_TRUE(hasLogLine(text, 'E',
+                           "Unable to update existing volume; failed to change from Cross to "
+                           "System, requester com.example.other is not the owner "
+                           "com.example.app"))
+            << text;
+    EXPECT_TRUE(hasLogLine(text, 'E',
+                           "Unable to update existing volume; failed to change from Integer to "
+                           "Long, requester com.example.other is not the owner(com.example.app)."));
+    EXPECT_TRUE(hasLogLine(text, 'E',
+                           "Unable to update existing volume; failed to change default value, "
+                           "requester com.example.other is not the owner (com.example.app)."));
+    EXPECT_TRUE(hasLogLine(text, 'E', "Unable to update existing volume; already owned by ("));
+    EXPECT_EQ(1u, Telemetry::count("preferencescopechange_error_not_owner"));
+    EXPECT_EQ(1u, Telemetry::count("preferencestypechange_error_not_owner"));
+    EXPECT_EQ(1u, Telemetry::count("preferencedefault_error_not_owner"));
+    EXPECT_EQ(1u, Telemetry::count("preferenceownerchange_error_already_owned"));
+}
+
+TEST_F(StoreRegistrationTest, PrivilegedRequestersTakeOverAndUnownedKeysCanBeClaimed) {
+    ASSERT_EQ(0, declare(kAppUid, kApp, "volume", Scope::System, Type::Integer, true, "5"));
+    EXPECT_EQ(0, registerKey(kCoreUid, kCore, "volume", Scope::System, Type::Integer, true, "7"));
+    EXPECT_EQ("volume|0|0|1000|nimbus.preferences.service.core|7|0|NULL", definition("volume"));
+    EXPECT_EQ(0, registerKey(kAppUid, "nimbus.preferences.service.legacy", "volume", Scope::System,
+                             Type::Integer, true, "7"));
+    EXPECT_EQ("1010123|nimbus.preferences.service.legacy",
+              scalar("SELECT owner_package_uid, owner_package_name FROM preferences"));
+    // A package whose name only starts like a privileged one is not privileged.
+    EXPECT_EQ(-9, registerKey(kOtherUid, "nimbus.preferences.service.core2", "volume",
+                              Scope::System, Type::Integer, true, "7"));
+
+    // Nobody owns "theme": the first package to claim it becomes its owner, and its declaration
+    // applies in full.
+    ASSERT_EQ(0, declare(kAppUid, kApp, "theme", Scope::User, Type::String, false, "dark"));
+    EXPECT_EQ(-10,
+              registerKey(kOtherUid, kOther, "theme", Scope::User, Type::String, false, "light"));
+    EXPECT_EQ(0, registerKey(kOtherUid, kOther, "theme", Scope::User, Type::String, true, "light"));
+    EXPECT_EQ("theme|2|1|1010456|com.example.other|light|0|NULL", definition("theme"));
+}
+
+TEST_F(StoreRegistrationTest, UnregisteringAPackageClearsOnlyTheOwnerUid) {
+    ASSERT_EQ(0, declare(kAppUid, kApp, "volume", Scope::System, Type::Integer, true, "5"));
+    ASSERT_EQ(0, declare(kOtherUid, kOther, "volume", Scope::System, Type::Integer, false, "5"));
+    ASSERT_EQ(0, declare(kAppUid, kApp, "solo", Scope::System, Type::Integer, true, "1"));
+    ASSERT_EQ(0, mStore->setPreferenceValue(std::nullopt, "solo", "3"));
+
+    EXPECT_EQ(0, mStore->unregisterPackage(kAppUid, kApp));
+    EXPECT_EQ("0", scalar("SELECT count(*) FROM packages WHERE package_name = 'com.example.app'"));
+    EXPECT_EQ("com.example.other", scalar("SELECT group_concat(package_name) FROM permissions"));
+    // "solo" lost its only permission: the trigger reaped it and the cascade its value.
+    EXPECT_EQ((std::vector<std::string>{"volume"}), keys());
+    EXPECT_EQ("0", scalar("SELECT count(*) FROM preference_values"));
+    // The owner uid is cleared, the owner name stays.
+    EXPECT_EQ("volume|0|0|NULL|com.example.app|5|0|NULL", definition("volume"));
+    std::optional<unsigned int> ownerUid = 1;
+    std::optional<std::string> ownerName = "x";
+    EXPECT_EQ(0, mStore->getPreferenceOwner("volume", ownerUid, ownerName));
+    EXPECT_FALSE(ownerUid.has_value());
+    EXPECT_FALSE(ownerName.has_value());
+
+    LogCapture log;
+    EXPECT_EQ(-7, mStore->unregisterPackage(kAppUid, kApp));
+    EXPECT_TRUE(hasLogLine(log.text(), 'E',
+                           "Unable to unregister package: package does not in packages table."));
+}
+
+TEST_F(StoreRegistrationTest, PermissionsAreReadAndReadWriteOnly) {
+    ASSERT_EQ(0, declare(kAppUid, kApp, "volume", Scope::System, Type::Integer, true, "5",
+                         Permission::Read));
+    Permission permission = Permission::None;
+    EXPECT_EQ(0, mStore->getPreferencePermission("volume", kAppUid, permission));
+    EXPECT_EQ(Permission::Read, permission);
+    // Setting it again updates the row.
+    EXPECT_EQ(0, mStore->setPreferencePermission("volume", kAppUid, kApp, Permission::ReadWrite));
+    EXPECT_EQ("1", scalar("SELECT count(*) FROM permissions"));
+    EXPECT_EQ(0, mStore->getPreferencePermission("volume", kAppUid, permission));
+    EXPECT_EQ(Permission::ReadWrite, permission);
+    // The highest permission of the uid under any package name.
+    ASSERT_EQ(0, mStore->registerPackage(kAppUid, "com.example.app.second"));
+    EXPECT_EQ(0, mStore->setPreferencePermission("volume", kAppUid, "com.example.app.second",
+                                                 Permission::Read));
+    EXPECT_EQ(0, mStore->getPreferencePermission("volume", kAppUid, permission));
+    EXPECT_EQ(Permission::ReadWrite, permission);
+    EXPECT_EQ(0, mStore->getPreferencePermission("volume", kOtherUid, permission));
+    EXPECT_EQ(Permission::None, permission);
+
+    LogCapture log;
+    EXPECT_EQ(-13, mStore->setPreferencePermission("volume", kAppUid, kApp, Permission::None));
+    EXPECT_EQ(-13,
+              mStore->setPreferencePermission("volume", kAppUid, kApp, static_cast<Permission>(3)));
+    // A key or package that does not exist is an error, not an update of nothing.
+    EXPECT_EQ(-1, mStore->setPreferencePermission("missing", kAppUid, kApp, Permission::Read));
+    EXPECT_EQ(-1, mStore->setPreferencePermission("volume", kOtherUid, kOther, Permission::Read));
+    EXPECT_EQ(0, mStore->getPreferencePermission("volume", kAppUid, permission));
+    EXPECT_EQ(Permission::ReadWrite, permission);
+    EXPECT_TRUE(hasLogLine(log.text(), 'E',
+                           "volume Invalid permission provided to registering permission: 3"));
+    EXPECT_EQ(2u, Telemetry::count("setpreferencepermission_error_prepared_statement"));
+}
+
+// A package that comes back with a new schema: the keys it no longer declares are swept with
+// their values in every user database and their listener rows; the others stay.
+TEST_F(StoreRegistrationTest, ReRegistrationMarksAndTheSweepRemovesUndeclaredKeys) {
+    ASSERT_EQ(0, declare(kAppUid, kApp, "kept", Scope::System, Type::Integer, true, "1"));
+    ASSERT_EQ(0, declare(kAppUid, kApp, "dropped", Scope::User, Type::String, true, "a"));
+    ASSERT_EQ(0, declare(kAppUid, kApp, "shared", Scope::Cross, Type::String, true, "b"));
+    ASSERT_EQ(0, declare(kAppUid, kApp, "systemGone", Scope::System, Type::String, true, "c"));
+    ASSERT_EQ(0, declare(kOtherUid, kOther, "shared", Scope::Cross, Type::String, false, "b"));
+    ASSERT_EQ(0, mStore->setPreferenceValue(std::nullopt, "kept", "2"));
+    ASSERT_EQ(0, mStore->setPreferenceValue(std::nullopt, "systemGone", "z"));
+    for (unsigned int user : {0u, 10u}) {
+        ASSERT_EQ(0, mStore->setPreferenceValue(user, "dropped", "x"));
+        ASSERT_EQ(0, mStore->setPreferenceValue(user, "shared", "y"));
+    }
+    unsigned int listenerId = 0;
+    ASSERT_EQ(0, mStore->registerPreferenceListener(kAppUid, {"kept", "dropped"}, listenerId));
+
+    // The new schema declares "kept" only. Registering the package again marks what only it
+    // declares; clearing its permissions does not reap anything; re-registering clears the mark.
+    EXPECT_EQ(0, mStore->registerPackage(kAppUid, kApp));
+    EXPECT_EQ("1", expiresAt("kept"));
+    EXPECT_EQ("1", expiresAt("dropped"));
+    EXPECT_EQ("0", expiresAt("shared"));
+    EXPECT_EQ(0, mStore->clearPermissionsForPackage(kAppUid, kApp));
+    EXPECT_EQ("com.example.other", scalar("SELECT group_concat(package_name) FROM permissions"));
+    EXPECT_EQ(4u, keys().size());
+    EXPECT_EQ(0, registerKey(kAppUid, kApp, "kept", Scope::System, Type::Integer, true, "1"));
+    EXPECT_EQ(0, mStore->setPreferencePermission("kept", kAppUid, kApp, Permission::ReadWrite));
+    EXPECT_EQ("0", expiresAt("kept"));
+    std::vector<std::pair<std::string, Scope>> expired;
+    EXPECT_EQ(0, mStore->getExpiredPreferences(expired));
+    EXPECT_EQ(2u, expired.size());
+
+    EXPECT_EQ(0, mStore->unregisterExpiredPreferences());
+    EXPECT_EQ((std::vector<std::string>{"kept", "shared"}), keys());
+    EXPECT_EQ("kept|2", scalar("SELECT * FROM preference_values"));
+    for (unsigned int user : {0u, 10u}) {
+        EXPECT_EQ("shared|y", scalar("SELECT * FROM preference_values", userDb(user))) << user;
+    }
+    EXPECT_EQ("kept", scalar("SELECT group_concat(key) FROM mem.listeners"));
+    // The trigger is back: a key losing its last permission is reaped at once again.
+    EXPECT_EQ(0, mStore->unregisterPackage(kOtherUid, kOther));
+    EXPECT_EQ((std::vector<std::string>{"kept"}), keys());
+}
+
+// The trigger reaps a key without touching user databases; a new key of the same name, here of
+// another package, must not find the old package's values there.
+TEST_F(StoreRegistrationTest, ANewKeyDoesNotInheritValuesOfAReapedKeyOfTheSameName) {
+    ASSERT_EQ(0, declare(kAppUid, kApp, "token", Scope::Cross, Type::String, true, "none"));
+    ASSERT_EQ(0, mStore->setPreferenceValue(0u, "token", "secret0"));
+    ASSERT_EQ(0, mStore->setPreferenceValue(10u, "token", "secret10"));
+    ASSERT_EQ(0, mStore->unregisterPackage(kAppUid, kApp));
+    ASSERT_TRUE(keys().empty());
+
+    ASSERT_EQ(0, declare(kOtherUid, kOther, "token", Scope::Cross, Type::String, true, "fresh"));
+    EXPECT_EQ("fresh", read(0u, "token").value_or("<none>"));
+    EXPECT_EQ("fresh", read(10u, "token").value_or("<none>"));
+    EXPECT_EQ("0", scalar("SELECT count(*) FROM preference_values", userDb(10)));
+}
+
+TEST_F(StoreRegistrationTest, ServicePackagesKeepTheirPermissionsAndMarks) {
+    ASSERT_EQ(0, declare(kCoreUid, kCore, "version", Scope::System, Type::Integer, true, "1"));
+    EXPECT_EQ(0, mStore->registerPackage(kCoreUid, kCore));
+    EXPECT_EQ("0", expiresAt("version"));
+    EXPECT_EQ(0, mStore->clearPermissionsForPackage(kCoreUid, kCore));
+    EXPECT_EQ("1", scalar("SELECT count(*) FROM permissions"));
+}
+
+TEST_F(StoreRegistrationTest, DomainsLimitMarkingOwnerClearingAndMissingPackages) {
+    ASSERT_EQ(0, declare(kCoreUid, kCore, "legacyKey", Scope::Cross, Type::Integer, true, "1"));
+    ASSERT_EQ(0, declare(kNativeUid, kNative, "nativeKey", Scope::Cross, Type::Integer, true, "1"));
+    ASSERT_EQ(0, declare(kAppUid, kApp, "appKey", Scope::Cross, Type::Integer, true, "1"));
+    ASSERT_EQ(0, declare(kOtherUid, kOther, "otherKey", Scope::System, Type::Integer, false, "1"));
+
+    EXPECT_TRUE(Sqlite3PreferencesDb::isPackageInDomain(kCore, KeySourceDomain::Legacy));
+    EXPECT_TRUE(Sqlite3PreferencesDb::isPackageInDomain(kNative, KeySourceDomain::NativeService));
+    EXPECT_TRUE(Sqlite3PreferencesDb::isPackageInDomain(kApp, KeySourceDomain::Application));
+    EXPECT_FALSE(Sqlite3PreferencesDb::isPackageInDomain(kCore, KeySourceDomain::Application));
+    EXPECT_FALSE(Sqlite3PreferencesDb::isPackageInDomain(kNative, KeySourceDomain::Legacy));
+
+    // A 60-second mark on the application keys: one minute from now, not yet expired.
+    EXPECT_EQ(0, mStore->markPreferencesForExpiration(seconds(60), KeySourceDomain::Application));
+    EXPECT_EQ((std::vector<std::string>{"appKey|60", "otherKey|60"}),
+              query("SELECT key, strftime('%s', expires_at) - strftime('%s', 'now') FROM "
+                    "preferences WHERE expires_at IS NOT NULL ORDER BY key"));
+    std::vector<std::pair<std::string, Scope>> expired;
+    EXPECT_EQ(0, mStore->getExpiredPreferences(expired));
+    EXPECT_TRUE(expired.empty());
+    EXPECT_EQ(0, mStore->markPreferencesForExpiration(seconds(0), KeySourceDomain::NativeService));
+    EXPECT_EQ(0, mStore->getExpiredPreferences(expired));
+    ASSERT_EQ(1u, expired.size());
+    EXPECT_EQ("nativeKey", expired[0].first);
+    EXPECT_EQ(Scope::Cross, expired[0].second);
+
+    // Owners are cleared per domain.
+    EXPECT_EQ(0, mStore->clearPreferenceOwnerForNonMigrationKeys(KeySourceDomain::NativeService));
+    EXPECT_EQ("appKey|com.example.app|legacyKey|nimbus.preferences.service.core",
+              scalar("SELECT group_concat(key || '|' || owner_package_name, '|') FROM (SELECT * "
+                     "FROM preferences WHERE owner_package_name IS NOT NULL ORDER BY key)"));
+    EXPECT_EQ(0, mStore->clearPreferenceOwnerForNonMigrationKeys(KeySourceDomain::Application));
+    EXPECT_EQ("legacyKey", scalar("SELECT key FROM preferences WHERE owner_package_uid IS NOT "
+                                  "NULL"));
+
+    // Cross keys not owned by the service become user keys.
+    EXPECT_EQ(0, mStore->downGradeScopeForPackage());
+    EXPECT_EQ((std::vector<std::string>{"appKey|1", "legacyKey|2", "nativeKey|1", "otherKey|0"}),
+              query("SELECT key, scope FROM preferences ORDER BY key"));
+
+    // Only packages of the given domain that are missing from the set go.
+    EXPECT_EQ(0,
+              mStore->unregisterMissingPackages({{kAppUid, kApp}}, KeySourceDomain::Application));
+    EXPECT_EQ((std::vector<std::string>{"com.example.app", "nimbus.preferences.native.audio",
+                                        "nimbus.preferences.service.core"}),
+              query("SELECT package_name FROM packages ORDER BY package_name"));
+    EXPECT_EQ(0, mStore->unregisterMissingPackages({}, KeySourceDomain::Legacy));
+    EXPECT_EQ((std::vector<std::string>{"appKey", "nativeKey"}), keys());
+}
+
+TEST_F(StoreRegistrationTest, OrphanedKeysAreMarked) {
+    ASSERT_EQ(0, declare(kAppUid, kApp, "held", Scope::System, Type::Integer, true, "1"));
+    ASSERT_EQ(0, declare(kAppUid, kApp, "orphan", Scope::System, Type::Integer, false, "1"));
+    ASSERT_EQ(0, declare(kAppUid, kApp, "ownedOrphan", Scope::System, Type::Integer, true, "1"));
+    ASSERT_EQ(0, mStore->clearPermissionsForPackage(kAppUid, kApp));
+    ASSERT_EQ(0, mStore->setPreferencePermission("held", kAppUid, kApp, Permission::Read));
+
+    // Without permission: "orphan" has no owner; "ownedOrphan"'s owner is a known package.
+    EXPECT_EQ(0, mStore->markOrphanedPreferencesForExpiration(seconds(0)));
+    EXPECT_EQ((std::vector<std::string>{"held|0", "orphan|1", "ownedOrphan|0"}),
+              query("SELECT key, expires_at IS NOT NULL FROM preferences ORDER BY key"));
+    EXPECT_EQ(0, mStore->unregisterExpiredPreferences());
+    EXPECT_EQ((std::vector<std::string>{"held", "ownedOrphan"}), keys());
+}
+
+TEST_F(StoreRegistrationTest, UnknownKeysAndBadOwners) {
+    ASSERT_EQ(0, declare(kAppUid, kApp, "volume", Scope::System, Type::Integer, true, "5"));
+    Scope scope;
+    Type type;
+    std::optional<unsigned int> uid;
+    std::optional<std::string> name;
+    {
+        LogCapture quiet;
+        EXPECT_EQ(-8, mStore->getPreferenceScope("missing", scope, true));
+        EXPECT_EQ("", quiet.text());
+    }
+    LogCapture log;
+    EXPECT_EQ(-8, mStore->getPreferenceScope("missing", scope, false));
+    EXPECT_EQ(-8, mStore->getPreferenceType("missing", type));
+    EXPECT_EQ(-8, mStore->getPreferenceOwner("missing", uid, name));
+    EXPECT_EQ(-8, mStore->updatePreferenceScope("missing", Scope::User));
+    EXPECT_EQ(-8, mStore->updatePreferenceType("missing", Type::Long));
+    EXPECT_EQ(-8, mStore->setPreferenceOwner("missing", kAppUid, std::string(kApp)));
+    EXPECT_EQ(-9, mStore->setPreferenceOwner("volume", kAppUid, std::nullopt));
+    EXPECT_EQ(0, mStore->setPreferenceOwner("volume", kOtherUid, std::string(kOther)));
+    EXPECT_EQ(0, mStore->getPreferenceOwner("volume", uid, name));
+    EXPECT_EQ(kOtherUid, uid.value_or(0));
+    EXPECT_EQ(kOther, name.value_or(""));
+    EXPECT_EQ(0, mStore->getPreferenceType("volume", type));
+    EXPECT_EQ(Type::Integer, type);
+    const std::string& text = log.text();
+    EXPECT_TRUE(hasLogLine(text, 'E', "Unable to get scope: missing does not exist in table."));
+    EXPECT_TRUE(hasLogLine(text, 'E', "Unable to get owner: missing does not exist."));
+    EXPECT_TRUE(hasLogLine(text, 'E', "Unable to set missing owner: key does not exist."));
+    EXPECT_TRUE(hasLogLine(text, 'E',
+                           "Unable to set volume owner, either both owner id and name or neither "
+                           "must be specified."));
+    EXPECT_EQ(1u, Telemetry::count("getpreferencetype_error_unregistered_key"));
+    EXPECT_EQ(1u, Telemetry::count("updatepreferencetype_error_unregistered_key"));
+    EXPECT_EQ(1u, Telemetry::count("getpreferenceowner_error_key_not_exist"));
+    EXPECT_EQ(1u, Telemetry::count("setpreferenceowner_error_key_not_exist"));
+}
+
+}  // namespace
+}  // namespace Halo::OS::testing
