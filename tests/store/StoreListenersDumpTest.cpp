@@ -1,0 +1,316 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "store/LogLines.h"
+#include "store/StoreTest.h"
+#include "support/LogCapture.h"
+
+namespace Halo::OS::testing {
+namespace {
+
+using Pairs = std::vector<std::pair<unsigned int, unsigned int>>;
+
+// What `dump` writes to a file descriptor.
+std::string capture(const std::function<int32_t(int)>& dump, int32_t* result = nullptr) {
+    FILE* file = tmpfile();
+    if (file == nullptr) {
+        ADD_FAILURE() << "tmpfile failed";
+        return "";
+    }
+    const int32_t status = dump(fileno(file));
+    if (result != nullptr) *result = status;
+    std::string text;
+    rewind(file);
+    char buffer[4096];
+    size_t read;
+    while ((read = fread(buffer, 1, sizeof(buffer), file)) > 0) text.append(buffer, read);
+    fclose(file);
+    return text;
+}
+
+std::string header(const std::string& title, const std::string& schema) {
+    return "\n=== Start of " + title + " table dump ===\nSchema: " + schema +
+           "\n-------------------\n";
+}
+
+std::string end(const std::string& title) {
+    return "=== End of " + title + " table dump ===\n";
+}
+
+class StoreListenersTest : public StoreTest {
+protected:
+    void SetUp() override {
+        StoreTest::SetUp();
+        for (const char* key : {"a", "b", "c"}) {
+            ASSERT_EQ(0, declare(kAppUid, kApp, key, Scope::System, Type::Integer, true, "1"));
+        }
+    }
+    unsigned int registerListener(unsigned int uid, const std::vector<std::string>& keys) {
+        unsigned int id = 0;
+        EXPECT_EQ(0, mStore->registerPreferenceListener(uid, keys, id));
+        return id;
+    }
+};
+
+TEST_F(StoreListenersTest, IdsStartAtOneAndAreReusedAfterTheHighestGoes) {
+    EXPECT_EQ(1u, registerListener(kAppUid, {"a", "b"}));
+    EXPECT_EQ(2u, registerListener(kOtherUid, {"a"}));
+    EXPECT_EQ(0, mStore->unregisterPreferenceListener(kOtherUid, 2));
+    EXPECT_EQ(2u, registerListener(kOtherUid, {"c"}));
+    // Without keys an id is handed out but nothing is stored, so it is handed out again.
+    EXPECT_EQ(3u, registerListener(kOtherUid, {}));
+    EXPECT_EQ(3u, registerListener(kOtherUid, {"b", "c"}));
+
+    // One row per key: an id occurs once per key of its listener. Outputs are appended to.
+    std::vector<unsigned int> ids = {99};
+    EXPECT_EQ(0, mStore->getPreferenceListenersIdsForPackage(kAppUid, ids));
+    EXPECT_EQ((std::vector<unsigned int>{99, 1, 1}), ids);
+    Pairs listeners;
+    EXPECT_EQ(0, mStore->getPreferenceListenersForKey("a", listeners));
+    EXPECT_EQ((Pairs{{kAppUid, 1}}), listeners);
+    listeners.clear();
+    EXPECT_EQ(0, mStore->getPreferenceListenersForKey("c", listeners));
+    std::sort(listeners.begin(), listeners.end());
+    EXPECT_EQ((Pairs{{kOtherUid, 2}, {kOtherUid, 3}}), listeners);
+
+    // Unregistering removes every row of the listener, and only for its own uid.
+    EXPECT_EQ(-12, mStore->unregisterPreferenceListener(kOtherUid, 1));
+    EXPECT_EQ(0, mStore->unregisterPreferenceListener(kAppUid, 1));
+    ids.clear();
+    EXPECT_EQ(0, mStore->getPreferenceListenersIdsForPackage(kAppUid, ids));
+    EXPECT_TRUE(ids.empty());
+    EXPECT_EQ("2", scalar("SELECT count(*) FROM mem.listeners WHERE package_uid = 1010456 AND "
+                          "listener_uuid = 3"));
+}
+
+TEST_F(StoreListenersTest, DuplicateAndUnknownListenersAreRefused) {
+    const unsigned int id = registerListener(kAppUid, {"a"});
+    LogCapture log;
+    EXPECT_EQ(-11, mStore->registerListener(id, "a", kAppUid));
+    unsigned int second = 0;
+    // A duplicate in the key list stops the registration; the rows before it stay.
+    EXPECT_EQ(-11, mStore->registerPreferenceListener(kAppUid, {"b", "b", "c"}, second));
+    EXPECT_EQ(2u, second);
+    EXPECT_EQ(-12, mStore->unregisterPreferenceListener(kAppUid, 7));
+    const std::string& text = log.text();
+    EXPECT_TRUE(hasLogLine(text, 'E', "Unable to insert duplicate listener, a"));
+    EXPECT_TRUE(hasLogLine(text, 'E', "Unable to insert duplicate listener, b"));
+    EXPECT_FALSE(hasLogLine(text, 'E', "listener_uuid = 7")) << text;
+    EXPECT_EQ(2u, Telemetry::count("registerpreferencelistener_error_duplicate_listener"));
+    EXPECT_EQ(1u, Telemetry::count("unregisterpreferencelistener_error"));
+    EXPECT_EQ((std::vector<std::string>{"1|a", "2|b"}),
+              query("SELECT listener_uuid, key FROM mem.listeners ORDER BY listener_uuid"));
+}
+
+TEST_F(StoreListenersTest, RowsGoWithTheirKeys) {
+    registerListener(kAppUid, {"a", "b"});
+    registerListener(kOtherUid, {"b", "never-declared"});
+    // Only the key "a" is declared again: "b" and "c" expire and are swept with their rows.
+    ASSERT_EQ(0, mStore->registerPackage(kAppUid, kApp));
+    ASSERT_EQ(0, mStore->clearExpiration("a"));
+    EXPECT_EQ(0, mStore->unregisterExpiredPreferences());
+    EXPECT_EQ((std::vector<std::string>{"1|a|1010123"}),
+              query("SELECT * FROM mem.listeners ORDER BY listener_uuid, key"));
+    // Listener rows vanish with the connection.
+    reopenStore();
+    EXPECT_EQ("0", scalar("SELECT count(*) FROM mem.listeners"));
+}
+
+// A store with packages, keys with and without owner, a migrated key, an expiring key, Read,
+// Read & Write and code-3 permissions, system and user values and listeners.
+class StoreDumpTest : public StoreTest {
+protected:
+    static constexpr const char* kCore = "nimbus.preferences.service.core";
+
+    void populate() {
+        ASSERT_EQ(0, mStore->registerPackage(kAppUid, kApp));
+        ASSERT_EQ(0, mStore->registerPackage(kOtherUid, kOther));
+        ASSERT_EQ(0, mStore->registerPackage(1000, kCore));
+        ASSERT_EQ(0, declare(kAppUid, kApp, "brightness", Scope::System, Type::Float, true,
+                             "0.500000"));
+        ASSERT_EQ(0, declare(kOtherUid, kOther, "brightness", Scope::System, Type::Float, false,
+                             "0.500000", Permission::Read));
+        ASSERT_EQ(0,
+                  declare(1000, kCore, "legacy_volume", Scope::System, Type::Integer, true, "3"));
+        ASSERT_EQ(0, declare(kAppUid, kApp, "nickname", Scope::User, Type::String, false, "guest",
+                             Permission::Read));
+        ASSERT_EQ(0, declare(kAppUid, kApp, "wallpaper", Scope::Cross, Type::String, true, "sky"));
+        exec("UPDATE preferences SET migration = 1 WHERE key = 'legacy_volume'");
+        exec("UPDATE permissions SET permission = 3 WHERE package_name = 'com.example.other'");
+        ASSERT_EQ(0, mStore->markPreferencesForExpiration(std::chrono::seconds(3600),
+                                                          KeySourceDomain::Application));
+        for (const char* key : {"brightness", "nickname"}) {
+            ASSERT_EQ(0, mStore->clearExpiration(key));
+        }
+        mExpiry = scalar("SELECT expires_at FROM preferences WHERE key = 'wallpaper'");
+        ASSERT_EQ(0, mStore->setPreferenceValue(std::nullopt, "brightness", "0.750000"));
+        ASSERT_EQ(0, mStore->setPreferenceValue(0u, "nickname", "alice"));
+        ASSERT_EQ(0, mStore->setPreferenceValue(10u, 0u, "wallpaper", "sea"));
+        unsigned int id = 0;
+        ASSERT_EQ(0, mStore->registerPreferenceListener(kAppUid, {"brightness", "nickname"}, id));
+        ASSERT_EQ(0, mStore->registerPreferenceListener(kOtherUid, {"wallpaper"}, id));
+    }
+
+    std::string packagesDump() {
+        return header("Packages", "package_uid | package_name") +
+               "  > Package: 1010123 | com.example.app\n"
+               "  > Package: 1010456 | com.example.other\n"
+               "  > Package: 1000 | nimbus.preferences.service.core\n" +
+               end("Packages");
+    }
+    std::string preferencesDump() {
+        return header("Preferences",
+                      "key | type | scope | owner_package_uid | owner_package_name | "
+                      "default_value | expires_at") +
+               "  > Preference: brightness | Float | System | 1010123 | com.example.app | "
+               "0.500000 | no | (null)\n"
+               "  > Preference: legacy_volume | Integer | System | 1000 | "
+               "nimbus.preferences.service.core | 3 | yes | (null)\n"
+               "  > Preference: nickname | String | User | 0 | (null) | guest | no | (null)\n"
+               "  > Preference: wallpaper | String | Cross | 1010123 | com.example.app | sky | "
+               "no | " +
+               mExpiry + "\n" + end("Preferences");
+    }
+    std::string permissionsDump() {
+        return header("Permissions", "key | package_uid | permission") +
+               "  > Permission: brightness | 1010123 | Read & Write\n"
+               "  > Permission: brightness | 1010456 | Invalid Permissions\n"
+               "  > Permission: legacy_volume | 1000 | Read & Write\n"
+               "  > Permission: nickname | 1010123 | Read\n"
+               "  > Permission: wallpaper | 1010123 | Read & Write\n" +
+               end("Permissions");
+    }
+    std::string systemValuesDump() {
+        return header("System Values", "key | current_value") +
+               "  > Value: brightness | 0.750000\n" + end("System Values");
+    }
+    std::string listenersDump() {
+        return header("Listeners", "listener_uuid, key, package_uid") +
+               "  > Listener: 1 | brightness | 1010123\n"
+               "  > Listener: 1 | nickname | 1010123\n"
+               "  > Listener: 2 | wallpaper | 1010456\n" +
+               end("Listeners");
+    }
+    std::string userDump(unsigned int userId, const std::string& rows) {
+        const std::string id = std::to_string(userId);
+        return "\n=== Start of user " + id + " DB dump ===\n" +
+               header("User Values", "key | current_value") + rows + end("User Values") +
+               "=== End of user " + id + " DB dump ===\n";
+    }
+
+    std::string mExpiry;
+};
+
+TEST_F(StoreDumpTest, DumpOfAPopulatedStore) {
+    populate();
+    ASSERT_FALSE(mExpiry.empty());
+    const std::string system =
+            "=== Start of Sqlite3PreferencesDb dump ===\n"
+            "\n=== Start of system DB dump ===\n" +
+            packagesDump() + preferencesDump() + permissionsDump() + systemValuesDump() +
+            listenersDump() + "=== End of system DB dump ===\n";
+    const std::string user0 = userDump(0, "  > Value: nickname | alice\n");
+    const std::string user10 = userDump(10, "  > Value: wallpaper | sea\n");
+    const std::string last = "\n=== End of Sqlite3PreferencesDb dump ===\n";
+
+    int32_t result = -100;
+    const std::string dump = capture([&](int fd) { return mStore->dumpDatabases(fd); }, &result);
+    EXPECT_EQ(0, result);
+    // User databases are listed in directory order.
+    if (dump != system + user0 + user10 + last) {
+        EXPECT_EQ(system + user10 + user0 + last, dump);
+    }
+    EXPECT_EQ(preferencesDump(), capture([&](int fd) { return mStore->dumpPreferencesTable(fd); }));
+    EXPECT_EQ(user10, capture([&](int fd) { return mStore->dumpUserDb(10, fd); }));
+}
+
+TEST_F(StoreDumpTest, NullValuesAndAStoreWithoutUserDatabases) {
+    ASSERT_EQ(0, declare(kAppUid, kApp, "k", Scope::System, Type::String, false, "d"));
+    exec("INSERT INTO preference_values (key) VALUES ('k')");
+    EXPECT_EQ(
+            "=== Start of Sqlite3PreferencesDb dump ===\n"
+            "\n=== Start of system DB dump ===\n" +
+                    header("Packages", "package_uid | package_name") +
+                    "  > Package: 1010123 | com.example.app\n" + end("Packages") +
+                    header("Preferences",
+                           "key | type | scope | owner_package_uid | owner_package_name | "
+                           "default_value | expires_at") +
+                    "  > Preference: k | String | System | 0 | (null) | d | no | (null)\n" +
+                    end("Preferences") + header("Permissions", "key | package_uid | permission") +
+                    "  > Permission: k | 1010123 | Read & Write\n" + end("Permissions") +
+                    header("System Values", "key | current_value") + "  > Value: k | (null)\n" +
+                    end("System Values") + header("Listeners", "listener_uuid, key, package_uid") +
+                    end("Listeners") +
+                    "=== End of system DB dump ===\n"
+                    "\n=== End of Sqlite3PreferencesDb dump ===\n",
+            capture([&](int fd) { return mStore->dumpDatabases(fd); }));
+}
+
+TEST_F(StoreDumpTest, FailingTablesWriteTheirErrorLineAndTheOthersStillPrint) {
+    populate();
+    exec("DROP TABLE permissions");
+    ASSERT_EQ(0, mkdir(mDir.file("user11.db").c_str(), 0700));
+
+    LogCapture log;
+    int32_t result = 0;
+    const std::string dump = capture([&](int fd) { return mStore->dumpDatabases(fd); }, &result);
+    EXPECT_EQ(-1, result);
+    const std::string permissions = header("Permissions", "key | package_uid | permission") +
+                                    "Error encountered while dumping table Permissions.\n" +
+                                    end("Permissions");
+    EXPECT_NE(std::string::npos, dump.find(packagesDump() + preferencesDump() + permissions +
+                                           systemValuesDump() + listenersDump()))
+            << dump;
+    EXPECT_NE(std::string::npos,
+              dump.find("\n=== Start of user 11 DB dump ===\n" +
+                        header("User Values", "key | current_value") +
+                        "Error encountered while dumping table Preferences: Unable to initialize "
+                        "user DB.\n=== End of user 11 DB dump ===\n"))
+            << dump;
+    EXPECT_NE(std::string::npos, dump.find(userDump(0, "  > Value: nickname | alice\n")));
+    EXPECT_NE(std::string::npos, dump.find(userDump(10, "  > Value: wallpaper | sea\n")));
+    const std::string& text = log.text();
+    EXPECT_TRUE(hasLogLine(text, 'E',
+                           "Failed to execute prepared statement (scope System): "
+                           "SELECT key, package_uid, permission FROM permissions."))
+            << text;
+    EXPECT_TRUE(hasLogLine(text, 'E', "Unable to dump system DB."));
+    EXPECT_TRUE(hasLogLine(text, 'E', "Unable to dump user values table for user"));
+    EXPECT_TRUE(hasLogLine(text, 'E', "Unable to dump user database for user"));
+    EXPECT_TRUE(hasLogLine(text, 'E', "Unable to dump user DB(s)."));
+}
+
+TEST_F(StoreDumpTest, ValuesTableNeedsAUserAndPreferencesTableItsColumns) {
+    LogCapture log;
+    int32_t result = 0;
+    EXPECT_EQ(
+            header("User Values", "key | current_value") +
+                    "Error encountered while dumping table Preferences: No user ID provided.\n",
+            capture([&](int fd) { return mStore->dumpValuesTable(std::nullopt, Scope::User, fd); },
+                    &result));
+    EXPECT_EQ(-14, result);
+
+    // A store still in the version-1 layout cannot dump its preferences table.
+    exec("ALTER TABLE preferences DROP COLUMN migration");
+    EXPECT_EQ(header("Preferences",
+                     "key | type | scope | owner_package_uid | owner_package_name | "
+                     "default_value | expires_at"),
+              capture([&](int fd) { return mStore->dumpPreferencesTable(fd); }, &result));
+    EXPECT_EQ(-1, result);
+    const std::string& text = log.text();
+    EXPECT_TRUE(hasLogLine(text, 'E', "Unable to dump user values table: no id was provided."));
+    EXPECT_TRUE(hasLogLine(text, 'E',
+                           "Error initializing prepared statements: kQueryDumpPreferencesTable"));
+}
+
+}  // namespace
+}  // namespace Halo::OS::testing
