@@ -188,17 +188,6 @@ TEST_F(StoreValuesTest, DeletingAndClearingAcrossUserDatabases) {
     EXPECT_EQ(-14, mStore->deletePreferenceValueRow(std::nullopt, "theme", Scope::Cross));
 }
 
-TEST_F(StoreValuesTest, ValuesSurviveReopening) {
-    ASSERT_EQ(0, mStore->setPreferenceValue(std::nullopt, "volume", "7"));
-    ASSERT_EQ(0, mStore->setPreferenceValue(0u, "theme", "light"));
-    ASSERT_EQ(0, mStore->setPreferenceValue(10u, "wallpaper", "sea"));
-    reopenStore();
-    EXPECT_EQ("7", read(std::nullopt, "volume").value_or("<none>"));
-    EXPECT_EQ("light", read(0u, "theme").value_or("<none>"));
-    EXPECT_EQ("sea", read(10u, "wallpaper").value_or("<none>"));
-    EXPECT_EQ("sky", read(0u, "wallpaper").value_or("<none>"));
-}
-
 TEST_F(StoreValuesTest, AUserDatabaseThatCannotBeOpenedFailsItsAccesses) {
     // A directory where the file should be.
     ASSERT_EQ(0, mkdir(mDir.file("user12.db").c_str(), 0700));
