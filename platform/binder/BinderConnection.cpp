@@ -1,0 +1,850 @@
+#define LOG_TAG "PreferencesService"
+
+#include "binder/BinderConnection.h"
+
+#include <binder/IPCThreadState.h>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <log/log.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "binder/BinderRuntime.h"
+#include "binder/WireFormat.h"
+
+namespace Halo::OS {
+
+using android::BpBinder;
+using android::IBinder;
+using android::IPCThreadState;
+using android::Parcel;
+using android::sp;
+using android::status_t;
+using android::base::unique_fd;
+
+namespace {
+
+constexpr size_t kReadChunk = 64 * 1024;
+// Output queued for a peer that does not read; more than this breaks the connection.
+constexpr size_t kMaxPendingBytes = 4 * 1024 * 1024;
+// A peer that takes none of the queued output for this long is disconnected.
+constexpr auto kStallTimeout = std::chrono::seconds(10);
+
+template <typename T>
+T load(const uint8_t* p) {
+    T value;
+    memcpy(&value, p, sizeof(value));
+    return value;
+}
+
+bool isOneway(uint32_t flags) {
+    return (flags & IBinder::FLAG_ONEWAY) != 0;
+}
+
+// Checks a frame's structure: sizes that add up, object records inside the data, in ascending
+// order, of known types, and descriptor records numbered in order. Sets the frame's descriptor
+// count.
+bool validateFrame(uint32_t type, const uint8_t* body, uint32_t size, uint32_t* fdCount) {
+    *fdCount = 0;
+    if (type == wire::kFrameRelease) {
+        if (size != sizeof(wire::ReleaseBody)) return false;
+        return load<wire::ReleaseBody>(body).count > 0;
+    }
+    size_t fixed;
+    uint32_t dataSize;
+    uint32_t objectCount;
+    uint32_t fds;
+    if (type == wire::kFrameTransaction) {
+        if (size < sizeof(wire::TransactionBody)) return false;
+        const auto t = load<wire::TransactionBody>(body);
+        if (isOneway(t.flags) ? (t.txid != 0 || t.context != 0) : t.txid == 0) return false;
+        fixed = sizeof(t);
+        dataSize = t.dataSize;
+        objectCount = t.objectCount;
+        fds = t.fdCount;
+    } else if (type == wire::kFrameReply) {
+        if (size < sizeof(wire::ReplyBody)) return false;
+        const auto r = load<wire::ReplyBody>(body);
+        if (r.status > 0) return false;
+        if (r.status != 0 && (r.dataSize != 0 || r.objectCount != 0 || r.fdCount != 0)) {
+            return false;
+        }
+        fixed = sizeof(r);
+        dataSize = r.dataSize;
+        objectCount = r.objectCount;
+        fds = r.fdCount;
+    } else {
+        return false;
+    }
+    if (static_cast<uint64_t>(fixed) + dataSize + static_cast<uint64_t>(objectCount) * 4 != size) {
+        return false;
+    }
+    if (fds > wire::kMaxFdsPerFrame) return false;
+    const uint8_t* data = body + fixed;
+    const uint8_t* offsets = data + dataSize;
+    uint64_t minOffset = 0;
+    uint32_t fdSeen = 0;
+    for (uint32_t i = 0; i < objectCount; ++i) {
+        const uint32_t offset = load<uint32_t>(offsets + i * 4);
+        if (offset % 4 != 0 || offset < minOffset ||
+            static_cast<uint64_t>(offset) + sizeof(wire::ObjectRecord) > dataSize) {
+            return false;
+        }
+        const auto record = load<wire::ObjectRecord>(data + offset);
+        switch (record.type) {
+            case wire::kWireSenderObject:
+            case wire::kWireReceiverObject:
+                break;
+            case wire::kWireFd:
+                if (record.value != fdSeen) return false;
+                ++fdSeen;
+                break;
+            default:
+                return false;
+        }
+        minOffset = static_cast<uint64_t>(offset) + sizeof(wire::ObjectRecord);
+    }
+    if (fdSeen != fds) return false;
+    *fdCount = fds;
+    return true;
+}
+
+}  // namespace
+
+BinderConnection::BinderConnection(unique_fd fd, const sp<IBinder>& root)
+    : mFd(std::move(fd)), mIsClient(root == nullptr), mPeerPid(-1), mPeerUid(-1) {
+    ucred cred{};
+    socklen_t len = sizeof(cred);
+    if (getsockopt(mFd.get(), SOL_SOCKET, SO_PEERCRED, &cred, &len) == 0) {
+        mPeerPid = cred.pid;
+        mPeerUid = cred.uid;
+    } else {
+        ALOGE("Binder: cannot read the peer's credentials: %s", strerror(errno));
+    }
+    mReadBuffer.resize(kReadChunk);
+    mLastProgress = std::chrono::steady_clock::now();
+    if (root != nullptr) {
+        mExports.emplace(0, Export{root, 1});
+        mExportIds.emplace(root.get(), 0);
+    }
+}
+
+BinderConnection::~BinderConnection() = default;
+
+sp<IBinder> BinderConnection::connectTo(const std::string& path) {
+    sockaddr_un addr{};
+    if (path.size() >= sizeof(addr.sun_path)) {
+        errno = ENAMETOOLONG;
+        return nullptr;
+    }
+    unique_fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (fd.get() < 0) return nullptr;
+    addr.sun_family = AF_UNIX;
+    memcpy(addr.sun_path, path.c_str(), path.size());
+    int rc;
+    do {
+        rc = connect(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
+    } while (rc != 0 && errno == EINTR);
+    if (rc != 0) return nullptr;
+    sp<BinderConnection> connection = new BinderConnection(std::move(fd), nullptr);
+    BinderRuntime::instance().registerConnection(connection);
+    return connection->rootProxy();
+}
+
+sp<IBinder> BinderConnection::rootProxy() {
+    Mutex::Autolock lock(mLock);
+    return proxyForLocked(0);
+}
+
+bool BinderConnection::isDead() const {
+    Mutex::Autolock lock(mLock);
+    return mDead;
+}
+
+bool BinderConnection::takeArmedForRearm() {
+    Mutex::Autolock lock(mLock);
+    if (mDead || mArmed) return false;
+    mArmed = true;
+    return true;
+}
+
+status_t BinderConnection::transact(uint64_t target, uint32_t code, const Parcel& data,
+                                    Parcel* reply, uint32_t flags) {
+    const bool oneway = isOneway(flags);
+    Parcel localReply;
+    Waiter waiter;
+    wire::TransactionBody body{};
+    {
+        Mutex::Autolock lock(mLock);
+        if (mDead) return android::DEAD_OBJECT;
+        if (!oneway) {
+            waiter.txid = ++mNextTxid;
+            waiter.reply = reply != nullptr ? reply : &localReply;
+            mWaiters.emplace(waiter.txid, &waiter);
+        }
+    }
+    body.txid = waiter.txid;
+    body.target = target;
+    body.context = oneway ? 0 : IPCThreadState::self()->nestingContext(this);
+    body.code = code;
+    body.flags = oneway ? IBinder::FLAG_ONEWAY : 0;
+    status_t err = sendParcel(wire::kFrameTransaction, &body, sizeof(body), &body.dataSize,
+                              &body.objectCount, &body.fdCount, data);
+    if (oneway) return err;
+    if (err != android::OK) {
+        bool idle;
+        {
+            Mutex::Autolock lock(mLock);
+            mWaiters.erase(waiter.txid);
+            idle = idleLocked();
+        }
+        if (idle) markDead(nullptr);
+        return err;
+    }
+    return waitForReply(&waiter);
+}
+
+status_t BinderConnection::waitForReply(Waiter* waiter) {
+    BinderRuntime& runtime = BinderRuntime::instance();
+    for (;;) {
+        enum class Action { Done, Nested, Read } action;
+        BinderTask nested;
+        bool disarm = false;
+        {
+            Mutex::Autolock lock(mLock);
+            while (!waiter->done && waiter->nested.empty() && mReading) {
+                waiter->cv.wait(lock.unique());
+            }
+            if (waiter->done) {
+                mWaiters.erase(waiter->txid);
+                action = Action::Done;
+            } else if (!waiter->nested.empty()) {
+                nested = std::move(waiter->nested.front());
+                waiter->nested.pop_front();
+                action = Action::Nested;
+            } else {
+                mReading = true;
+                if (mArmed && runtime.poolStarted()) {
+                    mArmed = false;
+                    disarm = true;
+                }
+                action = Action::Read;
+            }
+        }
+        if (action == Action::Done) break;
+        if (action == Action::Nested) {
+            execute(std::move(nested));
+            continue;
+        }
+        if (disarm) runtime.disarm(this);
+        std::vector<BinderTask> runnable;
+        readAndRoute(/*block=*/true, &runnable);
+        releaseReadingToken();
+        for (BinderTask& task : runnable) runtime.queueTask(std::move(task));
+    }
+    waiter->nested.clear();
+    bool idle;
+    {
+        Mutex::Autolock lock(mLock);
+        idle = idleLocked();
+    }
+    if (idle) markDead(nullptr);
+    return waiter->status;
+}
+
+void BinderConnection::releaseReadingToken() {
+    bool rearm = false;
+    {
+        Mutex::Autolock lock(mLock);
+        mReading = false;
+        if (!mDead && !mArmed && BinderRuntime::instance().poolStarted()) {
+            mArmed = true;
+            rearm = true;
+        }
+        for (auto& [txid, waiter] : mWaiters) waiter->cv.notify_one();
+    }
+    if (rearm) BinderRuntime::instance().rearm(this);
+}
+
+void BinderConnection::onPollEvent(std::vector<BinderTask>* runnable) {
+    {
+        Mutex::Autolock lock(mLock);
+        mArmed = false;
+        if (mDead || mReading) return;
+        mReading = true;
+    }
+    readAndRoute(/*block=*/false, runnable);
+    releaseReadingToken();
+}
+
+BinderConnection::ReadResult BinderConnection::readSome(bool block) {
+    if (mReadStart == mReadEnd) {
+        mReadStart = mReadEnd = 0;
+    } else if (mReadStart > 0) {
+        memmove(mReadBuffer.data(), mReadBuffer.data() + mReadStart, mReadEnd - mReadStart);
+        mReadEnd -= mReadStart;
+        mReadStart = 0;
+    }
+    // Room for the rest of a large frame, and never less than a quarter chunk free.
+    size_t needed = mReadEnd + kReadChunk / 4;
+    if (mReadEnd >= sizeof(wire::FrameHeader)) {
+        const auto header = load<wire::FrameHeader>(mReadBuffer.data());
+        if (header.size <= wire::kMaxFrameBody) {
+            needed = std::max(needed, sizeof(wire::FrameHeader) + header.size);
+        }
+    }
+    if (mReadBuffer.size() < needed) mReadBuffer.resize(needed + kReadChunk);
+
+    iovec iov{mReadBuffer.data() + mReadEnd, mReadBuffer.size() - mReadEnd};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * wire::kMaxFdsPerFrame)];
+    msghdr msg{};
+    msg.msg_iov = &iov;
+    msg.msg_iovlen = 1;
+    msg.msg_control = control;
+    msg.msg_controllen = sizeof(control);
+    ssize_t n;
+    do {
+        n = recvmsg(mFd.get(), &msg, MSG_CMSG_CLOEXEC | (block ? 0 : MSG_DONTWAIT));
+    } while (n < 0 && errno == EINTR);
+    if (n < 0) {
+        return (errno == EAGAIN || errno == EWOULDBLOCK) ? ReadResult::WouldBlock
+                                                         : ReadResult::Closed;
+    }
+    for (cmsghdr* cmsg = CMSG_FIRSTHDR(&msg); cmsg != nullptr; cmsg = CMSG_NXTHDR(&msg, cmsg)) {
+        if (cmsg->cmsg_level != SOL_SOCKET || cmsg->cmsg_type != SCM_RIGHTS) continue;
+        const size_t count = (cmsg->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+        const auto* fds = reinterpret_cast<const unsigned char*>(CMSG_DATA(cmsg));
+        for (size_t i = 0; i < count; ++i) {
+            mReceivedFds.emplace_back(load<int>(fds + i * sizeof(int)));
+        }
+    }
+    if ((msg.msg_flags & MSG_CTRUNC) != 0 || mReceivedFds.size() > wire::kMaxPendingFds) {
+        ALOGW("Binder: pid %d sent too many file descriptors", mPeerPid);
+        return ReadResult::Closed;
+    }
+    if (n == 0) return ReadResult::Closed;
+    mReadEnd += static_cast<size_t>(n);
+    return ReadResult::Data;
+}
+
+bool BinderConnection::extractFrames(std::vector<FrameRef>* frames) {
+    while (mReadEnd - mReadStart >= sizeof(wire::FrameHeader)) {
+        const auto header = load<wire::FrameHeader>(mReadBuffer.data() + mReadStart);
+        if (header.size > wire::kMaxFrameBody) {
+            ALOGW("Binder: pid %d sent a frame of %u bytes", mPeerPid, header.size);
+            return false;
+        }
+        if (header.type != wire::kFrameTransaction && header.type != wire::kFrameReply &&
+            header.type != wire::kFrameRelease) {
+            ALOGW("Binder: pid %d sent a frame of unknown type 0x%x", mPeerPid, header.type);
+            return false;
+        }
+        if (mReadEnd - mReadStart - sizeof(header) < header.size) break;
+        const uint8_t* body = mReadBuffer.data() + mReadStart + sizeof(header);
+        uint32_t fdCount;
+        if (!validateFrame(header.type, body, header.size, &fdCount) ||
+            fdCount > mReceivedFds.size()) {
+            ALOGW("Binder: pid %d sent a malformed frame", mPeerPid);
+            return false;
+        }
+        FrameRef frame{header.type, body, header.size, {}};
+        frame.fds.reserve(fdCount);
+        for (uint32_t i = 0; i < fdCount; ++i) {
+            frame.fds.push_back(std::move(mReceivedFds.front()));
+            mReceivedFds.pop_front();
+        }
+        frames->push_back(std::move(frame));
+        mReadStart += sizeof(header) + header.size;
+    }
+    return true;
+}
+
+bool BinderConnection::readAndRoute(bool block, std::vector<BinderTask>* runnable) {
+    const ReadResult result = readSome(block);
+    if (result == ReadResult::WouldBlock) return true;
+    if (result == ReadResult::Closed) {
+        markDead(nullptr);
+        return false;
+    }
+    std::vector<FrameRef> frames;
+    if (!extractFrames(&frames)) {
+        markDead("malformed frame");
+        return false;
+    }
+    if (frames.empty()) return true;
+    std::vector<BinderTask> discard;
+    bool routed;
+    bool idle = false;
+    {
+        Mutex::Autolock lock(mLock);
+        routed = routeFrames(&frames, runnable, &discard);
+        if (routed) idle = idleLocked();
+    }
+    if (!routed) {
+        markDead("protocol error");
+        return false;
+    }
+    if (idle) markDead(nullptr);
+    return true;
+}
+
+bool BinderConnection::routeFrames(std::vector<FrameRef>* frames, std::vector<BinderTask>* runnable,
+                                   std::vector<BinderTask>* discard) {
+    for (FrameRef& frame : *frames) {
+        if (frame.type == wire::kFrameRelease) {
+            const auto release = load<wire::ReleaseBody>(frame.body);
+            auto it = mExports.find(release.id);
+            if (it == mExports.end() || it->second.count < release.count) return false;
+            it->second.count -= release.count;
+            if (it->second.count == 0) {
+                BinderTask drop;
+                drop.target = std::move(it->second.binder);
+                discard->push_back(std::move(drop));
+                mExportIds.erase(discard->back().target.get());
+                mExports.erase(it);
+            }
+            continue;
+        }
+
+        if (frame.type == wire::kFrameReply) {
+            const auto reply = load<wire::ReplyBody>(frame.body);
+            auto it = mWaiters.find(reply.txid);
+            if (it == mWaiters.end() || it->second->done) return false;
+            Waiter* waiter = it->second;
+            if (reply.status != android::OK) {
+                waiter->reply->freeData();
+                waiter->status = reply.status;
+            } else {
+                const uint8_t* data = frame.body + sizeof(reply);
+                if (!unflattenLocked(data, reply.dataSize, data + reply.dataSize, reply.objectCount,
+                                     &frame.fds, waiter->reply)) {
+                    return false;
+                }
+                waiter->status = android::OK;
+            }
+            waiter->done = true;
+            waiter->cv.notify_one();
+            continue;
+        }
+
+        const auto t = load<wire::TransactionBody>(frame.body);
+        auto target = mExports.find(t.target);
+        if (target == mExports.end()) return false;
+        BinderTask task;
+        task.connection = this;
+        task.target = target->second.binder;
+        task.targetId = t.target;
+        task.txid = t.txid;
+        task.code = t.code;
+        task.flags = t.flags;
+        task.data = std::make_unique<Parcel>();
+        const uint8_t* data = frame.body + sizeof(t);
+        if (!unflattenLocked(data, t.dataSize, data + t.dataSize, t.objectCount, &frame.fds,
+                             task.data.get())) {
+            discard->push_back(std::move(task));
+            return false;
+        }
+        ++mActiveIncoming;
+        if (isOneway(t.flags)) {
+            auto [queue, inserted] = mAsync.try_emplace(t.target);
+            if (!inserted) {
+                queue->second.push_back(std::move(task));
+                continue;
+            }
+        } else if (t.context != 0) {
+            auto waiter = mWaiters.find(t.context);
+            if (waiter != mWaiters.end() && !waiter->second->done) {
+                waiter->second->nested.push_back(std::move(task));
+                waiter->second->cv.notify_one();
+                continue;
+            }
+        }
+        runnable->push_back(std::move(task));
+    }
+    return true;
+}
+
+bool BinderConnection::unflattenLocked(const uint8_t* data, uint32_t dataSize,
+                                       const uint8_t* offsets, uint32_t objectCount,
+                                       std::vector<unique_fd>* fds, Parcel* out) {
+    out->freeData();
+    if (out->setData(data, dataSize) != android::OK) return false;
+    for (uint32_t i = 0; i < objectCount; ++i) {
+        const uint32_t offset = load<uint32_t>(offsets + i * 4);
+        const auto record = load<wire::ObjectRecord>(out->mData + offset);
+        wire::ObjectRecord local{0, wire::kObjectFlags, 0, 0};
+        if (record.type == wire::kWireSenderObject) {
+            local.type = wire::kRecordBinder;
+            local.value = out->appendBinderRef(proxyForLocked(record.value)) + 1;
+        } else if (record.type == wire::kWireReceiverObject) {
+            auto it = mExports.find(record.value);
+            if (it == mExports.end()) return false;
+            local.type = wire::kRecordBinder;
+            local.value = out->appendBinderRef(it->second.binder) + 1;
+        } else {
+            local.type = wire::kRecordFd;
+            local.value = out->appendFd((*fds)[record.value].release(), true);
+        }
+        memcpy(out->mData + offset, &local, sizeof(local));
+        out->mObjects.push_back(offset);
+    }
+    out->setDataPosition(0);
+    return true;
+}
+
+sp<BpBinder> BinderConnection::proxyForLocked(uint64_t id) {
+    auto it = mProxies.find(id);
+    if (it != mProxies.end()) {
+        sp<BpBinder> proxy = it->second.proxy.promote();
+        if (proxy != nullptr) {
+            ++it->second.count;
+            return proxy;
+        }
+        // The old proxy is being destroyed; the new one takes over its count.
+        proxy = new BpBinder(this, id);
+        it->second = ProxyEntry{proxy, it->second.count + 1};
+        return proxy;
+    }
+    sp<BpBinder> proxy = new BpBinder(this, id);
+    mProxies.emplace(id, ProxyEntry{proxy, 1});
+    return proxy;
+}
+
+uint64_t BinderConnection::exportLocked(const sp<IBinder>& binder) {
+    auto known = mExportIds.find(binder.get());
+    if (known != mExportIds.end()) {
+        ++mExports[known->second].count;
+        return known->second;
+    }
+    const uint64_t id = mNextExportId++;
+    mExports.emplace(id, Export{binder, 1});
+    mExportIds.emplace(binder.get(), id);
+    return id;
+}
+
+bool BinderConnection::idleLocked() const {
+    return mIsClient && !mDead && mProxies.empty() && mExports.empty() && mWaiters.empty() &&
+           mActiveIncoming == 0 && mAsync.empty();
+}
+
+void BinderConnection::releaseProxy(uint64_t id, const BpBinder* proxy) {
+    uint64_t count = 0;
+    bool idle;
+    {
+        Mutex::Autolock lock(mLock);
+        if (mDead) return;
+        auto it = mProxies.find(id);
+        if (it == mProxies.end() || it->second.proxy.unsafe_get() != proxy) return;
+        count = it->second.count;
+        mProxies.erase(it);
+        idle = idleLocked();
+    }
+    if (idle) {
+        markDead(nullptr);
+    } else {
+        sendRelease(id, count);
+    }
+}
+
+void BinderConnection::sendRelease(uint64_t id, uint64_t count) {
+    while (count > 0) {
+        const uint32_t chunk = count > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(count);
+        count -= chunk;
+        wire::FrameHeader header{wire::kFrameRelease, sizeof(wire::ReleaseBody)};
+        wire::ReleaseBody body{id, chunk, 0};
+        iovec iov[2] = {{&header, sizeof(header)}, {&body, sizeof(body)}};
+        if (writeFrame(iov, 2, nullptr, 0) != android::OK) return;
+    }
+}
+
+status_t BinderConnection::sendParcel(uint32_t type, void* body, size_t bodySize,
+                                      uint32_t* dataSize, uint32_t* objectCount, uint32_t* fdCount,
+                                      const Parcel& data) {
+    const size_t objects = data.mObjects.size();
+    const uint64_t total = bodySize + static_cast<uint64_t>(data.mDataSize) + objects * 4;
+    if (total > wire::kMaxFrameBody) return android::FAILED_TRANSACTION;
+    *dataSize = static_cast<uint32_t>(data.mDataSize);
+    *objectCount = static_cast<uint32_t>(objects);
+
+    std::vector<uint8_t> patched;
+    std::vector<uint32_t> offsets;
+    std::vector<int> fds;
+    const uint8_t* payload = data.mData;
+    bool exported = false;
+    if (objects > 0) {
+        patched.assign(data.mData, data.mData + data.mDataSize);
+        offsets.reserve(objects);
+        Mutex::Autolock lock(mLock);
+        if (mDead) return android::DEAD_OBJECT;
+        for (size_t offset : data.mObjects) {
+            wire::ObjectRecord record;
+            memcpy(&record, patched.data() + offset, sizeof(record));
+            wire::ObjectRecord out{0, wire::kObjectFlags, 0, 0};
+            if (record.type == wire::kRecordBinder && record.value >= 1 &&
+                record.value <= data.mBinders.size()) {
+                const sp<IBinder>& binder = data.mBinders[record.value - 1];
+                BpBinder* proxy = binder->remoteBinder();
+                if (proxy != nullptr && proxy->connection().get() == this) {
+                    out.type = wire::kWireReceiverObject;
+                    out.value = proxy->objectId();
+                } else {
+                    out.type = wire::kWireSenderObject;
+                    out.value = exportLocked(binder);
+                    exported = true;
+                }
+            } else if (record.type == wire::kRecordFd && record.value < data.mFds.size()) {
+                if (fds.size() >= wire::kMaxFdsPerFrame) return android::FAILED_TRANSACTION;
+                out.type = wire::kWireFd;
+                out.value = fds.size();
+                fds.push_back(data.mFds[record.value].fd);
+            } else {
+                return android::BAD_VALUE;
+            }
+            memcpy(patched.data() + offset, &out, sizeof(out));
+            offsets.push_back(static_cast<uint32_t>(offset));
+        }
+        payload = patched.data();
+    }
+    *fdCount = static_cast<uint32_t>(fds.size());
+    if (exported) BinderRuntime::instance().startPool();
+
+    wire::FrameHeader header{type, static_cast<uint32_t>(total)};
+    iovec iov[4];
+    int iovcnt = 0;
+    iov[iovcnt++] = {&header, sizeof(header)};
+    iov[iovcnt++] = {body, bodySize};
+    if (data.mDataSize > 0) iov[iovcnt++] = {const_cast<uint8_t*>(payload), data.mDataSize};
+    if (objects > 0) iov[iovcnt++] = {offsets.data(), objects * 4};
+    return writeFrame(iov, iovcnt, fds.data(), fds.size());
+}
+
+status_t BinderConnection::sendReply(uint64_t txid, status_t status, const Parcel& reply) {
+    wire::ReplyBody body{txid, 0, 0, 0, 0};
+    if (status >= android::OK) {
+        status_t err = sendParcel(wire::kFrameReply, &body, sizeof(body), &body.dataSize,
+                                  &body.objectCount, &body.fdCount, reply);
+        if (err == android::OK || err == android::DEAD_OBJECT) return err;
+        status = err;
+    }
+    body = wire::ReplyBody{txid, status, 0, 0, 0};
+    wire::FrameHeader header{wire::kFrameReply, sizeof(body)};
+    iovec iov[2] = {{&header, sizeof(header)}, {&body, sizeof(body)}};
+    return writeFrame(iov, 2, nullptr, 0);
+}
+
+status_t BinderConnection::writeFrame(const iovec* iov, int iovcnt, const int* fds,
+                                      size_t fdCount) {
+    size_t total = 0;
+    for (int i = 0; i < iovcnt; ++i) total += iov[i].iov_len;
+    bool broken = false;
+    bool startFlush = false;
+    {
+        Mutex::Autolock lock(mWriteLock);
+        if (mWriteClosed) return android::DEAD_OBJECT;
+        size_t sent = 0;
+        if (mPending.empty()) {
+            alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * wire::kMaxFdsPerFrame)];
+            msghdr msg{};
+            msg.msg_iov = const_cast<iovec*>(iov);
+            msg.msg_iovlen = static_cast<size_t>(iovcnt);
+            if (fdCount > 0) {
+                msg.msg_control = control;
+                msg.msg_controllen = CMSG_SPACE(sizeof(int) * fdCount);
+                cmsghdr* cmsg = CMSG_FIRSTHDR(&msg);
+                cmsg->cmsg_level = SOL_SOCKET;
+                cmsg->cmsg_type = SCM_RIGHTS;
+                cmsg->cmsg_len = CMSG_LEN(sizeof(int) * fdCount);
+                memcpy(CMSG_DATA(cmsg), fds, sizeof(int) * fdCount);
+            }
+            ssize_t n;
+            do {
+                n = sendmsg(mFd.get(), &msg, MSG_DONTWAIT | MSG_NOSIGNAL);
+            } while (n < 0 && errno == EINTR);
+            if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK) {
+                broken = true;
+            } else {
+                sent = n < 0 ? 0 : static_cast<size_t>(n);
+                if (sent == total) return android::OK;
+            }
+        }
+        if (!broken && mPendingBytes + (total - sent) > kMaxPendingBytes) {
+            ALOGW("Binder: pid %d does not read; disconnecting", mPeerPid);
+            broken = true;
+        }
+        if (!broken) {
+            PendingOutput out;
+            out.bytes.reserve(total - sent);
+            size_t skip = sent;
+            for (int i = 0; i < iovcnt; ++i) {
+                const auto* base = static_cast<const uint8_t*>(iov[i].iov_base);
+                size_t len = iov[i].iov_len;
+                if (skip >= len) {
+                    skip -= len;
+                    continue;
+                }
+                out.bytes.insert(out.bytes.end(), base + skip, base + len);
+                skip = 0;
+            }
+            if (sent == 0) {
+                for (size_t i = 0; i < fdCount; ++i) {
+                    unique_fd copy(fcntl(fds[i], F_DUPFD_CLOEXEC, 0));
+                    if (copy.get() < 0) return android::FAILED_TRANSACTION;
+                    out.fds.push_back(std::move(copy));
+                }
+            }
+            if (mPending.empty()) {
+                mLastProgress = std::chrono::steady_clock::now();
+                startFlush = true;
+            }
+            mPendingBytes += out.bytes.size();
+            mPending.push_back(std::move(out));
+        }
+    }
+    if (broken) {
+        markDead(nullptr);
+        return android::DEAD_OBJECT;
+    }
+    if (startFlush) BinderRuntime::instance().requestFlush(this);
+    return android::OK;
+}
+
+bool BinderConnection::flushPending() {
+    bool broken = false;
+    bool empty;
+    {
+        Mutex::Autolock lock(mWriteLock);
+        if (mWriteClosed) return true;
+        while (!mPending.empty()) {
+            PendingOutput& out = mPending.front();
+            iovec iov{out.bytes.data() + out.offset, out.bytes.size() - out.offset};
+            alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * wire::kMaxFdsPerFrame)];
+            msghdr msg{};
+            msg.msg_iov = &iov;
+            msg.msg_iovlen = 1;
+            if (!out.fds.empty()) {
+                msg.msg_control = control;
+                msg.msg_controllen = CMSG_SPACE(sizeof(int) * out.fds.size());
+                cmsghdr* cmsg = CMSG_FIRSTHDR(&msg);
+                cmsg->cmsg_level = SOL_SOCKET;
+                cmsg->cmsg_type = SCM_RIGHTS;
+                cmsg->cmsg_len = CMSG_LEN(sizeof(int) * out.fds.size());
+                auto* dest = reinterpret_cast<unsigned char*>(CMSG_DATA(cmsg));
+                for (size_t i = 0; i < out.fds.size(); ++i) {
+                    const int fd = out.fds[i].get();
+                    memcpy(dest + i * sizeof(int), &fd, sizeof(int));
+                }
+            }
+            ssize_t n;
+            do {
+                n = sendmsg(mFd.get(), &msg, MSG_DONTWAIT | MSG_NOSIGNAL);
+            } while (n < 0 && errno == EINTR);
+            if (n < 0) {
+                if (errno != EAGAIN && errno != EWOULDBLOCK) broken = true;
+                break;
+            }
+            mLastProgress = std::chrono::steady_clock::now();
+            out.fds.clear();
+            out.offset += static_cast<size_t>(n);
+            if (out.offset < out.bytes.size()) continue;
+            mPendingBytes -= out.bytes.size();
+            mPending.pop_front();
+        }
+        if (!broken && !mPending.empty() &&
+            std::chrono::steady_clock::now() - mLastProgress > kStallTimeout) {
+            ALOGW("Binder: pid %d stopped reading; disconnecting", mPeerPid);
+            broken = true;
+        }
+        empty = mPending.empty();
+    }
+    if (broken) {
+        markDead(nullptr);
+        return true;
+    }
+    return empty;
+}
+
+void BinderConnection::execute(BinderTask task) {
+    IPCThreadState* threadState = IPCThreadState::self();
+    while (task.target != nullptr) {
+        const bool oneway = isOneway(task.flags);
+        Parcel reply;
+        const IPCThreadState::SavedState saved =
+                threadState->beginIncoming(this, task.txid, mPeerPid, mPeerUid, task.flags);
+        const status_t status = task.target->transact(task.code, *task.data, &reply, task.flags);
+        threadState->endIncoming(saved);
+        task.data.reset();
+        if (!oneway) sendReply(task.txid, status, reply);
+        BinderTask next;
+        finishIncoming(task.targetId, oneway, &next);
+        task = std::move(next);
+    }
+}
+
+void BinderConnection::finishIncoming(uint64_t targetId, bool oneway, BinderTask* next) {
+    bool idle;
+    {
+        Mutex::Autolock lock(mLock);
+        if (mActiveIncoming > 0) --mActiveIncoming;
+        if (oneway) {
+            auto it = mAsync.find(targetId);
+            if (it != mAsync.end()) {
+                if (it->second.empty()) {
+                    mAsync.erase(it);
+                } else {
+                    *next = std::move(it->second.front());
+                    it->second.pop_front();
+                }
+            }
+        }
+        idle = idleLocked();
+    }
+    if (idle) markDead(nullptr);
+}
+
+void BinderConnection::markDead(const char* reason) {
+    sp<BinderConnection> self(this);
+    std::vector<sp<BpBinder>> proxies;
+    std::unordered_map<uint64_t, Export> exports;
+    std::unordered_map<uint64_t, std::deque<BinderTask>> async;
+    {
+        Mutex::Autolock lock(mLock);
+        if (mDead) return;
+        mDead = true;
+        for (auto& [txid, waiter] : mWaiters) {
+            if (!waiter->done) {
+                waiter->done = true;
+                waiter->status = android::DEAD_OBJECT;
+            }
+            waiter->cv.notify_one();
+        }
+        mWaiters.clear();
+        for (auto& [id, entry] : mProxies) {
+            sp<BpBinder> proxy = entry.proxy.promote();
+            if (proxy != nullptr) proxies.push_back(std::move(proxy));
+        }
+        mProxies.clear();
+        exports.swap(mExports);
+        mExportIds.clear();
+        async.swap(mAsync);
+    }
+    if (reason != nullptr) {
+        ALOGW("Binder: closing the connection with pid %d: %s", mPeerPid, reason);
+    }
+    shutdown(mFd.get(), SHUT_RDWR);
+    {
+        Mutex::Autolock lock(mWriteLock);
+        mWriteClosed = true;
+        mPending.clear();
+        mPendingBytes = 0;
+    }
+    BinderRuntime::instance().unregisterConnection(this);
+    for (sp<BpBinder>& proxy : proxies) proxy->queueObituary();
+}
+
+}  // namespace Halo::OS

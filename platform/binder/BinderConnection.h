@@ -1,0 +1,195 @@
+#pragma once
+
+#include <android-base/unique_fd.h>
+#include <binder/BpBinder.h>
+#include <binder/IBinder.h>
+#include <binder/Parcel.h>
+#include <sys/types.h>
+#include <sys/uio.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "binder/BinderTask.h"
+#include "threads/Mutex.h"
+
+namespace Halo::OS {
+
+// One connected Unix stream socket to a peer process and everything that travels over it: both
+// sides' transactions, the objects each side has handed to the other, and the calls waiting for
+// replies. docs/wire.md describes the frames.
+//
+// Reading: whoever holds the reading token reads. A thread waiting for a reply takes the token
+// and reads the socket itself, so its reply needs no hand-off; frames it reads for others go to
+// them (replies to their waiters, calls nested in their calls to them, everything else to the
+// pool). A pool thread woken by epoll takes the token, reads what is there without blocking,
+// hands the token back and runs the first call itself.
+//
+// Writing never blocks: a frame the socket cannot take at once is queued in user space and sent
+// by the runtime's flusher; a peer that stops reading for too long, or lets too much pile up, is
+// disconnected.
+//
+// Object numbers: an object this side owns and has sent is exported under a number with a count
+// of the times it was sent; the peer returns counts with release frames, and the object is
+// dropped when the count reaches 0. A proxy for a peer object counts the times it was received
+// and returns that count when it is destroyed. Object 0 of an accepted connection is the
+// published service.
+class BinderConnection : public android::RefBase {
+public:
+    // Takes ownership of the connected socket `fd`. `root` is the published object the peer
+    // reaches as object 0 (accepted connections); a connecting client passes null.
+    BinderConnection(android::base::unique_fd fd, const android::sp<android::IBinder>& root);
+    ~BinderConnection() override;
+
+    // Connects to the service socket at `path` and returns a proxy for its object 0, or null
+    // (errno set) when nothing listens there.
+    static android::sp<android::IBinder> connectTo(const std::string& path);
+
+    int fd() const { return mFd.get(); }
+    pid_t peerPid() const { return mPeerPid; }
+    uid_t peerUid() const { return mPeerUid; }
+    bool isDead() const;
+
+    // The runtime's registry key (set once when registered).
+    void setKey(uint64_t key) { mKey = key; }
+    uint64_t key() const { return mKey; }
+
+    // Sends a transaction to the peer's object `target` and, for a two-way call, waits for the
+    // reply (serving calls nested in it meanwhile). Returns OK, DEAD_OBJECT when the connection is
+    // or becomes broken, FAILED_TRANSACTION when the request is over the frame limit, BAD_VALUE
+    // for a parcel with damaged object records, or the bare status the peer's onTransact returned.
+    android::status_t transact(uint64_t target, uint32_t code, const android::Parcel& data,
+                               android::Parcel* reply, uint32_t flags);
+
+    // A proxy of this connection is being destroyed: returns its received count to the peer.
+    void releaseProxy(uint64_t id, const android::BpBinder* proxy);
+
+    // A pool thread got a readiness event: reads without blocking and appends the calls that are
+    // ready to run to `runnable`.
+    void onPollEvent(std::vector<BinderTask>* runnable);
+
+    // Runs an incoming transaction on the calling thread with the peer's identity, sends the
+    // reply of a two-way call, and for a one-way call continues with the next one-way call queued
+    // for the same object.
+    void execute(BinderTask task);
+
+    // Called by the runtime's flusher: sends queued output without blocking. Returns true when
+    // nothing is left queued. Breaks the connection when the peer has taken nothing for too long.
+    bool flushPending();
+
+    // Breaks the connection: waiters return DEAD_OBJECT, exported objects are dropped, and every
+    // proxy's death is reported on the pool. Safe to call more than once and from any thread that
+    // holds no lock of this connection.
+    void markDead(const char* reason);
+
+    // Epoll arming bookkeeping for the runtime (see BinderRuntime).
+    bool takeArmedForRearm();
+
+private:
+    struct Waiter {
+        uint64_t txid = 0;
+        android::Parcel* reply = nullptr;
+        android::status_t status = android::OK;
+        bool done = false;
+        std::deque<BinderTask> nested;
+        std::condition_variable cv;
+    };
+
+    struct Export {
+        android::sp<android::IBinder> binder;
+        uint64_t count;
+    };
+
+    struct ProxyEntry {
+        android::wp<android::BpBinder> proxy;
+        uint64_t count;
+    };
+
+    struct FrameRef {
+        uint32_t type;
+        const uint8_t* body;
+        uint32_t size;
+        std::vector<android::base::unique_fd> fds;
+    };
+
+    struct PendingOutput {
+        std::vector<uint8_t> bytes;
+        size_t offset = 0;
+        std::vector<android::base::unique_fd> fds;
+    };
+
+    enum class ReadResult { Data, WouldBlock, Closed };
+
+    android::sp<android::IBinder> rootProxy();
+
+    // Serialises `data` as a frame of `type` whose fixed body is `body` (with the data, object
+    // and descriptor counts filled in here) and writes it.
+    android::status_t sendParcel(uint32_t type, void* body, size_t bodySize, uint32_t* dataSize,
+                                 uint32_t* objectCount, uint32_t* fdCount,
+                                 const android::Parcel& data);
+    android::status_t sendReply(uint64_t txid, android::status_t status,
+                                const android::Parcel& reply);
+    void sendRelease(uint64_t id, uint64_t count);
+    android::status_t writeFrame(const iovec* iov, int iovcnt, const int* fds, size_t fdCount);
+
+    android::status_t waitForReply(Waiter* waiter);
+
+    // The token holder reads once and routes every complete frame. Returns false when the
+    // connection broke (it is then marked dead).
+    bool readAndRoute(bool block, std::vector<BinderTask>* runnable);
+    void releaseReadingToken();
+    ReadResult readSome(bool block);
+    bool extractFrames(std::vector<FrameRef>* frames);
+    bool routeFrames(std::vector<FrameRef>* frames, std::vector<BinderTask>* runnable,
+                     std::vector<BinderTask>* discard) REQUIRES(mLock);
+    // Rebuilds a parcel from wire data: proxies for the peer's objects, our own objects for
+    // returned references, descriptors from the frame. False for a reference to an object we did
+    // not export.
+    bool unflattenLocked(const uint8_t* data, uint32_t dataSize, const uint8_t* offsets,
+                         uint32_t objectCount, std::vector<android::base::unique_fd>* fds,
+                         android::Parcel* out) REQUIRES(mLock);
+    android::sp<android::BpBinder> proxyForLocked(uint64_t id) REQUIRES(mLock);
+    uint64_t exportLocked(const android::sp<android::IBinder>& binder) REQUIRES(mLock);
+    // A client connection that nobody uses any more (no proxies, no exports, no calls) closes.
+    bool idleLocked() const REQUIRES(mLock);
+    void finishIncoming(uint64_t targetId, bool oneway, BinderTask* next);
+
+    android::base::unique_fd mFd;
+    const bool mIsClient;
+    pid_t mPeerPid;
+    uid_t mPeerUid;
+    uint64_t mKey = 0;
+
+    // The read buffer belongs to the holder of the reading token.
+    std::vector<uint8_t> mReadBuffer;
+    size_t mReadStart = 0;
+    size_t mReadEnd = 0;
+    std::deque<android::base::unique_fd> mReceivedFds;
+
+    mutable Mutex mLock;
+    bool mDead GUARDED_BY(mLock) = false;
+    bool mReading GUARDED_BY(mLock) = false;
+    bool mArmed GUARDED_BY(mLock) = true;
+    uint64_t mNextTxid GUARDED_BY(mLock) = 0;
+    uint64_t mNextExportId GUARDED_BY(mLock) = 1;
+    uint64_t mActiveIncoming GUARDED_BY(mLock) = 0;
+    std::unordered_map<uint64_t, Waiter*> mWaiters GUARDED_BY(mLock);
+    std::unordered_map<uint64_t, Export> mExports GUARDED_BY(mLock);
+    std::unordered_map<const android::IBinder*, uint64_t> mExportIds GUARDED_BY(mLock);
+    std::unordered_map<uint64_t, ProxyEntry> mProxies GUARDED_BY(mLock);
+    // One-way calls per object: present while one runs; later ones wait here in order.
+    std::unordered_map<uint64_t, std::deque<BinderTask>> mAsync GUARDED_BY(mLock);
+
+    Mutex mWriteLock;
+    bool mWriteClosed GUARDED_BY(mWriteLock) = false;
+    std::deque<PendingOutput> mPending GUARDED_BY(mWriteLock);
+    size_t mPendingBytes GUARDED_BY(mWriteLock) = 0;
+    std::chrono::steady_clock::time_point mLastProgress GUARDED_BY(mWriteLock);
+};
+
+}  // namespace Halo::OS

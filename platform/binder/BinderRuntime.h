@@ -1,0 +1,115 @@
+#pragma once
+
+#include <android-base/unique_fd.h>
+#include <binder/IBinder.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "binder/BinderTask.h"
+#include "threads/Mutex.h"
+
+namespace Halo::OS {
+
+class BinderConnection;
+
+// The process's Binder engine behind ProcessState: one epoll set with every connection and
+// every published service's listening socket, the thread pool that waits on it, the queue of
+// work for pool threads, and the flusher thread that sends output peers could not take at once.
+//
+// Each connection and listener is registered one-shot: one pool thread gets its event, and the
+// registration is re-armed when that thread (or a caller that read the connection itself) is
+// done reading. The instance is created on first use and lives until the process exits; a child
+// of fork() gets a fresh one.
+class BinderRuntime {
+public:
+    static BinderRuntime& instance();
+
+    // Adds a connection to the epoll set; it stays registered until unregisterConnection.
+    void registerConnection(const android::sp<BinderConnection>& connection);
+    void unregisterConnection(BinderConnection* connection);
+    // Re-enables or disables the connection's one-shot readiness event.
+    void rearm(BinderConnection* connection);
+    void disarm(BinderConnection* connection);
+
+    // Makes `service` reachable at `directory`/`name`: a listening socket, mode 0666, bound
+    // under a temporary name and renamed into place, so the name appears ready to connect. The
+    // directory is created (0755) if missing and made searchable if it is ours. Replaces an
+    // earlier publication of the same path by this process. Returns OK, BAD_VALUE when the path
+    // is too long for a socket address, or UNKNOWN_ERROR (logged) when a system call fails.
+    android::status_t publish(const std::string& directory, const std::string& name,
+                              const android::sp<android::IBinder>& service);
+
+    bool poolStarted() const { return mPoolStarted.load(std::memory_order_acquire); }
+    // Starts the pool with one thread; later calls do nothing.
+    void startPool();
+    android::status_t setMaxThreads(size_t maxThreads);
+    size_t maxThreads() const;
+    void spawnPooledThread(bool isMain);
+    // Runs the pool loop on the calling thread until stop().
+    void joinPool(bool isMain);
+    // Makes every pool thread leave its loop. Async-signal-safe.
+    void stop();
+    std::string makeThreadName();
+
+    // Hands work to a pool thread.
+    void queueTask(BinderTask task);
+    // Makes the flusher send the connection's queued output.
+    void requestFlush(BinderConnection* connection);
+
+    // Forgets the parent's state in a child of fork(): the child starts with a new instance.
+    static void resetAfterFork();
+
+private:
+    struct Listener {
+        android::base::unique_fd fd;
+        android::sp<android::IBinder> service;
+        std::string path;
+    };
+
+    BinderRuntime();
+
+    bool popTask(BinderTask* task);
+    bool takeWokenTask(BinderTask* task);
+    void runTask(BinderTask task);
+    void handleEvent(uint64_t key, std::vector<BinderTask>* runnable);
+    void acceptConnections(const std::shared_ptr<Listener>& listener, uint64_t key);
+    void maybeSpawn();
+    void flusherLoop();
+
+    android::base::unique_fd mEpollFd;
+    android::base::unique_fd mWakeFd;
+    android::base::unique_fd mStopFd;
+    android::base::unique_fd mFlushWakeFd;
+
+    mutable Mutex mLock;
+    uint64_t mNextKey GUARDED_BY(mLock);
+    std::unordered_map<uint64_t, android::sp<BinderConnection>> mConnections GUARDED_BY(mLock);
+    std::unordered_map<uint64_t, std::shared_ptr<Listener>> mListeners GUARDED_BY(mLock);
+    std::unordered_map<std::string, uint64_t> mListenerKeys GUARDED_BY(mLock);
+
+    Mutex mTodoLock;
+    std::deque<BinderTask> mTodo GUARDED_BY(mTodoLock);
+    bool mWakePending GUARDED_BY(mTodoLock) = false;
+
+    mutable Mutex mPoolLock;
+    size_t mMaxThreads GUARDED_BY(mPoolLock);
+    size_t mSpawned GUARDED_BY(mPoolLock) = 0;
+    std::atomic<bool> mPoolStarted{false};
+    std::atomic<int> mIdle{0};
+    std::atomic<bool> mStopping{false};
+    std::atomic<uint32_t> mThreadCounter{0};
+
+    Mutex mFlushLock;
+    bool mFlusherStarted GUARDED_BY(mFlushLock) = false;
+    std::unordered_map<BinderConnection*, android::sp<BinderConnection>> mFlushSet
+            GUARDED_BY(mFlushLock);
+};
+
+}  // namespace Halo::OS

@@ -1,0 +1,131 @@
+#pragma once
+
+#include <binder/Binder.h>
+#include <binder/IBinder.h>
+#include <utils/String16.h>
+
+#include <memory>
+
+namespace android {
+
+// The base of every Binder interface. An interface object is either the local implementation
+// (BnInterface, itself the binder) or a proxy (BpInterface) around a remote binder.
+class IInterface : public virtual RefBase {
+public:
+    IInterface();
+
+    // The binder behind `iface`: the object itself for a local implementation, the remote binder
+    // for a proxy; null for null.
+    static sp<IBinder> asBinder(const IInterface* iface);
+    static sp<IBinder> asBinder(const sp<IInterface>& iface);
+
+protected:
+    ~IInterface() override;
+    virtual IBinder* onAsBinder() = 0;
+};
+
+// The interface on `obj`: the local implementation when `obj` is a local object that implements
+// INTERFACE, otherwise a new proxy. Null for null.
+template <typename INTERFACE>
+inline sp<INTERFACE> interface_cast(const sp<IBinder>& obj) {
+    return INTERFACE::asInterface(obj);
+}
+
+// The server side of an interface: implement the interface's methods and onTransact (generated).
+template <typename INTERFACE>
+class BnInterface : public INTERFACE, public BBinder {
+public:
+    sp<IInterface> queryLocalInterface(const String16& descriptor) override;
+    const String16& getInterfaceDescriptor() const override;
+
+protected:
+    typedef INTERFACE BaseInterface;
+    IBinder* onAsBinder() override;
+};
+
+// The client side of an interface: the generated proxy sends each method as a transaction to
+// remote().
+template <typename INTERFACE>
+class BpInterface : public INTERFACE, public BpRefBase {
+public:
+    explicit BpInterface(const sp<IBinder>& remote);
+
+protected:
+    typedef INTERFACE BaseInterface;
+    IBinder* onAsBinder() override;
+};
+
+// Declares the descriptor, asInterface and the default implementation that a proxy falls back to
+// when the remote object does not know a transaction (UNKNOWN_TRANSACTION).
+#define DECLARE_META_INTERFACE(INTERFACE)                                                         \
+public:                                                                                           \
+    static const ::android::String16 descriptor;                                                  \
+    static ::android::sp<I##INTERFACE> asInterface(const ::android::sp<::android::IBinder>& obj); \
+    virtual const ::android::String16& getInterfaceDescriptor() const;                            \
+    I##INTERFACE();                                                                               \
+    virtual ~I##INTERFACE();                                                                      \
+    static bool setDefaultImpl(std::unique_ptr<I##INTERFACE> impl);                               \
+    static const std::unique_ptr<I##INTERFACE>& getDefaultImpl();                                 \
+                                                                                                  \
+private:                                                                                          \
+    static std::unique_ptr<I##INTERFACE> default_impl;                                            \
+                                                                                                  \
+public:
+
+// setDefaultImpl installs the default implementation once; later calls return false.
+#define IMPLEMENT_META_INTERFACE(INTERFACE, NAME)                              \
+    const ::android::String16 I##INTERFACE::descriptor(NAME);                  \
+    const ::android::String16& I##INTERFACE::getInterfaceDescriptor() const {  \
+        return I##INTERFACE::descriptor;                                       \
+    }                                                                          \
+    ::android::sp<I##INTERFACE> I##INTERFACE::asInterface(                     \
+            const ::android::sp<::android::IBinder>& obj) {                    \
+        ::android::sp<I##INTERFACE> intr;                                      \
+        if (obj != nullptr) {                                                  \
+            intr = static_cast<I##INTERFACE*>(                                 \
+                    obj->queryLocalInterface(I##INTERFACE::descriptor).get()); \
+            if (intr == nullptr) {                                             \
+                intr = new Bp##INTERFACE(obj);                                 \
+            }                                                                  \
+        }                                                                      \
+        return intr;                                                           \
+    }                                                                          \
+    std::unique_ptr<I##INTERFACE> I##INTERFACE::default_impl;                  \
+    bool I##INTERFACE::setDefaultImpl(std::unique_ptr<I##INTERFACE> impl) {    \
+        if (!I##INTERFACE::default_impl && impl) {                             \
+            I##INTERFACE::default_impl = std::move(impl);                      \
+            return true;                                                       \
+        }                                                                      \
+        return false;                                                          \
+    }                                                                          \
+    const std::unique_ptr<I##INTERFACE>& I##INTERFACE::getDefaultImpl() {      \
+        return I##INTERFACE::default_impl;                                     \
+    }                                                                          \
+    I##INTERFACE::I##INTERFACE() {}                                            \
+    I##INTERFACE::~I##INTERFACE() {}
+
+template <typename INTERFACE>
+inline sp<IInterface> BnInterface<INTERFACE>::queryLocalInterface(const String16& descriptor) {
+    if (descriptor == INTERFACE::descriptor) return this;
+    return nullptr;
+}
+
+template <typename INTERFACE>
+inline const String16& BnInterface<INTERFACE>::getInterfaceDescriptor() const {
+    return INTERFACE::getInterfaceDescriptor();
+}
+
+template <typename INTERFACE>
+IBinder* BnInterface<INTERFACE>::onAsBinder() {
+    return this;
+}
+
+template <typename INTERFACE>
+inline BpInterface<INTERFACE>::BpInterface(const sp<IBinder>& remote) : BpRefBase(remote) {}
+
+template <typename INTERFACE>
+inline IBinder* BpInterface<INTERFACE>::onAsBinder() {
+    return remote();
+}
+
+}  // namespace android
