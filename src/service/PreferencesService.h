@@ -1,0 +1,145 @@
+#pragma once
+
+#include <binder/Status.h>
+#include <lumen/preferences/BnPreferencesService.h>
+#include <lumen/preferences/IPreferencesListener.h>
+#include <utils/String16.h>
+#include <utils/StrongPointer.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "keymanager/PreferencesKeyManager.h"
+#include "model/PreferencesKeyInfo.h"
+#include "service/PreferencesOverrides.h"
+
+namespace Halo::OS {
+
+// The Binder object that clients call: "lumen.preferences.IPreferencesService".
+//
+// Every typed operation is a fixed translation: the UTF-16 key becomes UTF-8 (cut at its first
+// NUL), a value becomes the text in which the store keeps it (or the text becomes a value), one
+// key manager operation is called, and its result becomes the Binder status: 0 is ok, any other
+// code r is returned unchanged as a service-specific error r. The service checks no permission of
+// its own; the key manager does (its codes: -3, -6, -7, -8, -9, -13). A getter, or getType, given
+// a null out-pointer fails with the service-specific error -10 without calling the key manager.
+// A failing getter leaves its out-value untouched.
+//
+// Stored text of a value:
+//   Integer, Long  decimal ("-12"); read back with strtol, an Integer truncated to 32 bits
+//   Double, Float  printf "%f", six decimals ("0.123457"); read back with strtod / strtof
+//   Boolean        "1" or "0"; reads true exactly for the texts "1" and "true"
+//   String         the UTF-8 text, cut at the first NUL
+// Text that does not parse as a number reads as its parsed prefix, or 0, with success.
+//
+// Three flavours choose the user: the plain operations act for the caller's own user, the
+// ...Current ones for the device's current user (asked of the key manager just before each call)
+// and the ...User ones for the user id given. Only plain setInteger and getInteger, getType and
+// reset consult PreferencesOverrides.
+//
+// Threads: Binder threads call in concurrently; the service adds no lock (the key manager
+// serialises).
+class PreferencesService : public lumen::preferences::BnPreferencesService {
+public:
+    using Status = android::binder::Status;
+    using String16 = android::String16;
+    using IPreferencesListener = lumen::preferences::IPreferencesListener;
+
+    // The service-specific error of a getter called with a null out-pointer.
+    static constexpr int32_t kNullOutValue = -10;
+
+    // Creates the key manager with its default store (the device's preference databases).
+    PreferencesService();
+    // Shares `keyManager`, which must not be null.
+    explicit PreferencesService(std::shared_ptr<PreferencesKeyManager> keyManager);
+    ~PreferencesService() override;
+
+    PreferencesService(const PreferencesService&) = delete;
+    PreferencesService& operator=(const PreferencesService&) = delete;
+
+    // Plain flavour: the caller's own user. setInteger also writes the key's override property
+    // when the key has one (the result of that write is ignored); getInteger answers from a
+    // non-empty override property without asking the key manager, and so without any
+    // permission check.
+    Status setInteger(const String16& key, int32_t value) override;
+    Status setDouble(const String16& key, double value) override;
+    Status setString(const String16& key, const String16& value) override;
+    Status setLong(const String16& key, int64_t value) override;
+    Status setBoolean(const String16& key, bool value) override;
+    Status setFloat(const String16& key, float value) override;
+    Status getInteger(const String16& key, int32_t* out) override;
+    Status getDouble(const String16& key, double* out) override;
+    Status getString(const String16& key, String16* out) override;
+    Status getLong(const String16& key, int64_t* out) override;
+    Status getBoolean(const String16& key, bool* out) override;
+    Status getFloat(const String16& key, float* out) override;
+
+    // Current flavour: the device's current user. Overrides are never consulted.
+    Status setIntegerCurrent(const String16& key, int32_t value) override;
+    Status setDoubleCurrent(const String16& key, double value) override;
+    Status setStringCurrent(const String16& key, const String16& value) override;
+    Status setLongCurrent(const String16& key, int64_t value) override;
+    Status setBooleanCurrent(const String16& key, bool value) override;
+    Status setFloatCurrent(const String16& key, float value) override;
+    Status getIntegerCurrent(const String16& key, int32_t* out) override;
+    Status getDoubleCurrent(const String16& key, double* out) override;
+    Status getStringCurrent(const String16& key, String16* out) override;
+    Status getLongCurrent(const String16& key, int64_t* out) override;
+    Status getBooleanCurrent(const String16& key, bool* out) override;
+    Status getFloatCurrent(const String16& key, float* out) override;
+
+    // The key's PreferencesKeyInfo::Type code: the override's type while the key's override
+    // property is non-empty (whether or not the store knows the key), else the declared type.
+    Status getType(const String16& key, int32_t* out) override;
+
+    // User flavour: the user `userId`. Overrides are never consulted.
+    Status setIntegerUser(const String16& key, int32_t value, int32_t userId) override;
+    Status setDoubleUser(const String16& key, double value, int32_t userId) override;
+    Status setStringUser(const String16& key, const String16& value, int32_t userId) override;
+    Status setLongUser(const String16& key, int64_t value, int32_t userId) override;
+    Status setBooleanUser(const String16& key, bool value, int32_t userId) override;
+    Status setFloatUser(const String16& key, float value, int32_t userId) override;
+    Status getIntegerUser(const String16& key, int32_t userId, int32_t* out) override;
+    Status getDoubleUser(const String16& key, int32_t userId, double* out) override;
+    Status getStringUser(const String16& key, int32_t userId, String16* out) override;
+    Status getLongUser(const String16& key, int32_t userId, int64_t* out) override;
+    Status getBooleanUser(const String16& key, int32_t userId, bool* out) override;
+    Status getFloatUser(const String16& key, int32_t userId, float* out) override;
+
+    // Empties the key's override property (result ignored), then clears the stored current value
+    // so that the default applies again.
+    Status reset(const String16& key) override;
+
+    // Registers `listener` for `keys` (converted in order); `flag` passes through unchanged.
+    Status registerListener(const android::sp<IPreferencesListener>& listener,
+                            const std::vector<String16>& keys, bool flag) override;
+    Status unregisterListener(const android::sp<IPreferencesListener>& listener) override;
+
+private:
+    using Type = PreferencesKeyInfo::Type;
+
+    enum class Flavour { Plain, Current, User };
+
+    // Writes `text` as the key's value through the key manager operation of `flavour`; `userId`
+    // is used by the User flavour only. Returns the key manager's code.
+    int writeText(Flavour flavour, const std::string& key, const std::string& text, Type type,
+                  int32_t userId);
+    // Reads the key's value text into `text`; otherwise as writeText.
+    int readText(Flavour flavour, const std::string& key, Type type, int32_t userId,
+                 std::string& text);
+
+    // Encodes `value` and writes it; the status carries the key manager's code.
+    template <typename T>
+    Status setTyped(Flavour flavour, const String16& key, const T& value, int32_t userId);
+    // Reads and decodes into `*out`; -10 when `out` is null; `*out` unchanged on failure.
+    template <typename T>
+    Status getTyped(Flavour flavour, const String16& key, int32_t userId, T* out);
+
+    std::shared_ptr<PreferencesKeyManager> mKeyManager;
+    // Stays empty: the override operations are process-wide and need no instance.
+    std::unique_ptr<PreferencesOverrides> mOverrides;
+};
+
+}  // namespace Halo::OS
