@@ -1,0 +1,824 @@
+#define LOG_TAG "PreferencesService"
+
+#include "keymanager/PreferencesKeyManager.h"
+
+#include <binder/IInterface.h>
+#include <binder/IPCThreadState.h>
+#include <binder/PermissionCache.h>
+#include <cutils/multiuser.h>
+#include <fmt/format.h>
+#include <log/log.h>
+#include <sys/types.h>
+#include <unistd.h>
+#include <utils/String16.h>
+
+#include <set>
+#include <system_error>
+
+#include "store/Sqlite3PreferencesDb.h"
+#include "telemetry/Telemetry.h"
+
+namespace Halo::OS {
+namespace {
+
+using Permission = PreferencesKeyInfo::PreferencePermission;
+using EventType = preferences::profiler::EventType;
+
+// Application ids exempt from the OS permission checks (not from the per-key checks): the audio
+// server and the system service that shares its privileges.
+const std::unordered_set<unsigned int>& privilegedAppIds() {
+    static const auto* ids = [] {
+        auto* set = new std::unordered_set<unsigned int>{1041, 2907};
+        set->max_load_factor(1.0);
+        return set;
+    }();
+    return *ids;
+}
+
+const android::String16& readPermissionName() {
+    static const auto* name = new android::String16(PreferencesKeyManager::kReadPermission);
+    return *name;
+}
+
+const android::String16& writePermissionName() {
+    static const auto* name = new android::String16(PreferencesKeyManager::kWritePermission);
+    return *name;
+}
+
+// Success events carry the calling uid and a true flag; failure events uid 0 and false.
+void reportSuccess(const char* event, uid_t uid) {
+    Telemetry::report(event, uid, true);
+}
+
+void reportFailure(std::string_view event) {
+    Telemetry::report(event, 0, false);
+}
+
+const char* boolText(bool value) {
+    return value ? "true" : "false";
+}
+
+const char* trueFalse(bool value) {
+    return value ? "True" : "False";
+}
+
+unsigned int callingPidForTrace() {
+    pid_t pid = android::IPCThreadState::self()->getCallingPid();
+    return pid == getpid() ? 4294967295u : static_cast<unsigned int>(pid);
+}
+
+unsigned int threadId() {
+    return static_cast<unsigned int>(gettid());
+}
+
+}  // namespace
+
+PreferencesKeyManager::PreferencesKeyManager()
+    : PreferencesKeyManager(std::make_unique<Sqlite3PreferencesDb>()) {}
+
+PreferencesKeyManager::PreferencesKeyManager(std::unique_ptr<IPreferencesDb> db) {
+    // A failure to start the thread throws std::system_error out of the constructor, which ends
+    // the process: the service cannot notify anybody without it.
+    mThread = std::thread(&PreferencesKeyManager::callback, this);
+    Mutex::Autolock lock(mMutex);
+    mDb = std::move(db);
+    mProfiler = std::make_unique<PreferencesProfiler>();
+    mDb->initialize();
+}
+
+PreferencesKeyManager::~PreferencesKeyManager() {
+    mQueue.clear();
+    mRunning = false;
+    mQueue.enqueue(kSentinelKey);
+    if (mThread.joinable()) mThread.join();
+    mQueue.terminate();
+
+    Mutex::Autolock lock(mMutex);
+    if (mDb != nullptr) {
+        mDb->clearCurrentPreferenceValue(0u, kCurrentUserKey);
+        mDb->uninitialize();
+    }
+    mProfiler.reset();
+    mDb.reset();
+    mListeners.clear();
+}
+
+uid_t PreferencesKeyManager::getCallingUid() const {
+    return android::IPCThreadState::self()->getCallingUid();
+}
+
+long long PreferencesKeyManager::microsSince(Clock::time_point start) {
+    return std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start).count();
+}
+
+PreferencesKeyManager::Clock::time_point PreferencesKeyManager::lockTimed(
+        const char* operation, const std::string& detail) {
+    const Clock::time_point before = Clock::now();
+    mMutex.lock();
+    const long long wait = microsSince(before);
+    if (mProfiling) mProfiler->recordLock(wait);
+    if (mTracing) {
+        mProfiler->recordLockTrace(std::chrono::time_point_cast<std::chrono::microseconds>(before),
+                                   operation, detail, wait);
+    }
+    return before;
+}
+
+bool PreferencesKeyManager::isPrivilegedAppId(uid_t uid) const {
+    return privilegedAppIds().count(multiuser_get_app_id(uid)) != 0;
+}
+
+// ---- Schema processing ----
+
+bool PreferencesKeyManager::process(const std::unique_ptr<PreferencesSchemaList>& list,
+                                    KeySourceDomain domain) {
+    if (list == nullptr) return true;
+
+    const Clock::time_point start = Clock::now();
+    lockTimed("process", "start");
+
+    if (list->isRestarted()) {
+        std::set<std::pair<unsigned int, const std::string>> packages;
+        for (const auto& schema : list->schemas()) {
+            packages.emplace(schema->uid(), schema->package());
+        }
+        if (mDb->unregisterMissingPackages(packages, domain) != 0) {
+            ALOGE("Unable to unregister missing packages; this may interfere with valid schemas");
+            reportFailure("unable_to_unregister_missing_packages");
+        } else {
+            reportSuccess("unregister_missing_packages_success", getCallingUid());
+        }
+        if (mDb->clearPreferenceOwnerForNonMigrationKeys(domain) != 0) {
+            ALOGE("Unable to clear existing owners for non-migration keys");
+            reportFailure("unable_to_clear_existing_owners_for_non_migration_keys");
+        } else {
+            reportSuccess("clear_existing_owners_for_non_migration_keys_success", getCallingUid());
+        }
+        if (mDb->markPreferencesForExpiration(std::chrono::seconds(0), domain) != 0) {
+            ALOGE("fail to mark all expired");
+            reportFailure("mark_all_expired_error");
+        } else {
+            reportSuccess("mark_all_expired_success", getCallingUid());
+        }
+    }
+
+    const bool installed = list->isInstalled();
+
+    int code = mDb->beginBatch();
+    if (code != 0) {
+        ALOGE("Failed to start processing schemas in a single transaction: %d", code);
+        reportFailure(fmt::format("{}:{}", "begin_transaction_error", code));
+    } else {
+        reportSuccess("begin_transaction_success", getCallingUid());
+    }
+
+    bool result = true;
+    for (const auto& schema : list->schemas()) {
+        const bool applied = installed ? addLocked(schema) : removeLocked(schema);
+        result = result && applied;
+    }
+
+    code = mDb->commitBatch();
+    if (code != 0) {
+        ALOGE("Failed to commit processed schemas in a single transaction: %d", code);
+        reportFailure(fmt::format("{}:{}", "commit_transaction_error", code));
+    } else {
+        reportSuccess("commit_transaction_success", getCallingUid());
+    }
+
+    mDb->unregisterExpiredPreferences();
+
+    if (mTracing) {
+        mProfiler->recordTrace(
+                std::chrono::time_point_cast<std::chrono::microseconds>(start), EventType::Process,
+                fmt::format("list restarted: {}, installed: {}, size: {}",
+                            boolText(list->isRestarted()), boolText(installed), list->size()),
+                result ? "1" : "0", static_cast<unsigned int>(-1), threadId(),
+                static_cast<unsigned long>(microsSince(start)));
+    }
+    reportSuccess("schema_process_success", getCallingUid());
+    mMutex.unlock();
+    return result;
+}
+
+bool PreferencesKeyManager::addLocked(const std::unique_ptr<PreferencesSchema>& schema) {
+    bool result = true;
+    const unsigned int uid = schema->uid();
+    const std::string package = schema->package();
+
+    if (mDb->registerPackage(uid, package) != 0) {
+        ALOGE("Unable to register package");
+        reportFailure("register_package_error");
+        result = false;
+    } else {
+        reportSuccess("register_package_success", uid);
+    }
+
+    if (mDb->clearPermissionsForPackage(uid, package) != 0) {
+        ALOGE("Unable to clear existing permissions for %u, %s", uid, package.c_str());
+        reportFailure("clear_existing_permission_error");
+        result = false;
+    } else {
+        reportSuccess("clear_existing_permission_success", uid);
+    }
+
+    for (const auto& info : schema->keyInfos()) {
+        const std::string key = info->getKey();
+        std::optional<unsigned int> ownerUid;
+        std::optional<std::string> ownerPackage;
+        if (info->isOwner()) {
+            ownerUid = uid;
+            ownerPackage = package;
+        }
+        if (mDb->registerPreference(uid, package, key, info->getScope(), info->getType(), ownerUid,
+                                    ownerPackage, info->getDefaultValue()) != 0) {
+            ALOGE("%s: Unable to register %s.", std::to_string(uid).c_str(), key.c_str());
+            Telemetry::reportError("key_register_error", uid, "unable to register key");
+            result = false;
+            continue;
+        }
+        const Permission permission = info->isWritable() ? Permission::ReadWrite : Permission::Read;
+        if (mDb->setPreferencePermission(key, uid, package, permission) != 0) {
+            ALOGE("%s: Unable to register %s in permission.", std::to_string(uid).c_str(),
+                  key.c_str());
+            Telemetry::reportError("key_register_error", uid,
+                                   "failed to set preference permission");
+            result = false;
+        }
+    }
+
+    if (result) reportSuccess("key_register_success", getCallingUid());
+    return result;
+}
+
+bool PreferencesKeyManager::removeLocked(const std::unique_ptr<PreferencesSchema>& schema) {
+    const int unregistered = mDb->unregisterPackage(schema->uid(), schema->package());
+    const int marked = mDb->markOrphanedPreferencesForExpiration(std::chrono::seconds(0));
+    const int swept = mDb->unregisterExpiredPreferences();
+    if (unregistered != 0 || marked != 0 || swept != 0) {
+        ALOGE("Remove schema error");
+        reportFailure("remove_schema_error");
+        return false;
+    }
+    reportSuccess("remove_schema_success", getCallingUid());
+    return true;
+}
+
+// The upgrades run on the start-up thread before any client is served, so they do not take
+// mMutex; the analysis cannot see that ordering.
+bool PreferencesKeyManager::upgradeVersionFromV0ToV1() NO_THREAD_SAFETY_ANALYSIS {
+    if (mDb->upgradeVersionFromV0ToV1() != 0) {
+        ALOGE("Failed to update system tables from V0 to V1.");
+        Telemetry::reportError("update_version_error", getCallingUid(),
+                               "failed to update system tables from V0 to V1");
+        return false;
+    }
+    reportSuccess("update_version_success", getCallingUid());
+    return true;
+}
+
+bool PreferencesKeyManager::upgradeVersionFromV1ToV2() NO_THREAD_SAFETY_ANALYSIS {
+    if (mDb->upgradeVersionFromV1ToV2() != 0) {
+        ALOGE("Failed to update system tables from V1 to V2.");
+        Telemetry::reportError("update_version_error", getCallingUid(),
+                               "Failed to update system tables from V1 to V2");
+        return false;
+    }
+    reportSuccess("update_version_success", getCallingUid());
+    return true;
+}
+
+int PreferencesKeyManager::getDatabaseUserVersion() NO_THREAD_SAFETY_ANALYSIS {
+    return mDb->getDatabaseUserVersion();
+}
+
+// ---- Access control and typed access ----
+
+int PreferencesKeyManager::checkOsWritePermission() const {
+    if (android::PermissionCache::checkCallingPermission(writePermissionName())) {
+        reportSuccess("write_permission_success", getCallingUid());
+        return 0;
+    }
+    ALOGE("write permission denied.");
+    reportFailure("write_permission_error");
+    return -7;
+}
+
+int PreferencesKeyManager::checkOsReadPermission() const {
+    if (android::PermissionCache::checkCallingPermission(readPermissionName())) {
+        reportSuccess("read_permission_success", getCallingUid());
+        return 0;
+    }
+    ALOGE("read permission denied.");
+    reportFailure("read_permission_error");
+    return -7;
+}
+
+void PreferencesKeyManager::setLegacyKeys(std::unordered_set<std::string> keys) {
+    mLegacyKeys = std::move(keys);
+}
+
+bool PreferencesKeyManager::isLegacyKey(const std::string& key) const {
+    return mLegacyKeys.count(key) != 0;
+}
+
+PreferencesKeyManager::Access PreferencesKeyManager::checkKeyAccessLocked(const std::string& key,
+                                                                          uid_t uid, bool write,
+                                                                          bool* rowReadFailed) {
+    const uid_t caller = getCallingUid();
+    Access access{0, multiuser_get_user_id(uid), std::nullopt};
+    *rowReadFailed = false;
+    const bool legacy = isLegacyKey(key);
+    if (caller == 0) {
+        access.checkingUser = access.user;
+        return access;
+    }
+    access.checkingUser =
+            legacy ? access.user : std::optional<unsigned int>(multiuser_get_user_id(caller));
+    Permission permission = Permission::None;
+    if (mDb->getPreferencePermission(key, multiuser_get_app_id(caller), permission) != 0) {
+        *rowReadFailed = true;
+        access.status = write ? -8 : -9;
+        return access;
+    }
+    if (legacy) return access;
+    const bool allowed =
+            write ? permission == Permission::ReadWrite
+                  : (permission == Permission::Read || permission == Permission::ReadWrite);
+    if (!allowed) access.status = -3;
+    return access;
+}
+
+int PreferencesKeyManager::set(const std::string& key, const std::string& value, Type type,
+                               uid_t uid) {
+    if (!isPrivilegedAppId(uid) && checkOsWritePermission() != 0) {
+        ALOGE("%d, %s: set denied, make sure app has set permission in AndroidManifest.xml",
+              static_cast<int>(uid), key.c_str());
+        Telemetry::reportError("key_set_error", uid,
+                               "missing preferences service write permission");
+        return -7;
+    }
+    const int result = setWithoutCallback(key, value, type, uid);
+    if (result == 0) mQueue.enqueue(key);
+    // Reported whatever the outcome: the event counts set requests that passed the OS check.
+    Telemetry::report("key_set_success", uid, true);
+    return result;
+}
+
+int PreferencesKeyManager::set(const std::string& key, const std::string& value, Type type) {
+    return set(key, value, type, getCallingUid());
+}
+
+int PreferencesKeyManager::setUser(const std::string& key, const std::string& value, Type type,
+                                   unsigned int userId) {
+    return set(key, value, type, multiuser_get_uid(userId, multiuser_get_app_id(getCallingUid())));
+}
+
+int PreferencesKeyManager::setWithoutCallback(const std::string& key, const std::string& value,
+                                              Type type, uid_t uid) {
+    const std::string package = PreferencesKeyInfo::get(uid);
+    IF_ALOG(LOG_VERBOSE, LOG_TAG) {
+        ALOG(LOG_VERBOSE, LOG_TAG, "%s, setting key (%s) to value (%s)", package.c_str(),
+             key.c_str(), value.c_str());
+    }
+    lockTimed("write", key);
+    const Clock::time_point start = Clock::now();
+
+    int result = 0;
+    bool rowReadFailed = false;
+    const Access access = checkKeyAccessLocked(key, uid, /*write=*/true, &rowReadFailed);
+    Type declared = Type::NoType;
+    if (access.status != 0) {
+        result = access.status;
+        if (rowReadFailed) {
+            ALOGE("%s, %s: set denied, make sure app has key defined", package.c_str(),
+                  key.c_str());
+            Telemetry::reportError("key_set_error", uid,
+                                   "set denied, make sure app has key defined");
+        } else {
+            ALOGE("%s, %s: set denied due to lack of permission, check app key's permission "
+                  "field",
+                  package.c_str(), key.c_str());
+            Telemetry::reportError("key_set_error", uid, "missing permission to write preference");
+        }
+    } else if (getTypeLockedPermitted(key, declared) != 0 || declared != type) {
+        ALOGE("%s, %s: set denied due to wrong type, check app's method of call or key type "
+              "definition",
+              package.c_str(), key.c_str());
+        Telemetry::reportError("key_set_error", uid, "wrong type or undefined key");
+        result = -8;
+    } else if (mDb->setPreferenceValue(access.user, access.checkingUser, key, value) != 0) {
+        ALOGE("%s, %s: set denied, can not be write to database", package.c_str(), key.c_str());
+        Telemetry::reportError("key_set_error", uid, "can not be written to database");
+        result = -8;
+    } else {
+        const long long duration = microsSince(start);
+        if (key == "mic_muted") Telemetry::report("mic_muted_set", uid, true);
+        if (mProfiling) mProfiler->recordWrite(key, duration);
+        if (mTracing) {
+            mProfiler->recordTrace(std::chrono::time_point_cast<std::chrono::microseconds>(start),
+                                   EventType::Write, key, value, callingPidForTrace(), threadId(),
+                                   static_cast<unsigned long>(duration));
+        }
+        reportSuccess("set_value_success", uid);
+    }
+    mMutex.unlock();
+    return result;
+}
+
+int PreferencesKeyManager::setWithoutCallback(const std::string& key, const std::string& value,
+                                              Type type) {
+    return setWithoutCallback(key, value, type, getCallingUid());
+}
+
+int PreferencesKeyManager::get(const std::string& key, std::string& out, Type type, uid_t uid) {
+    if (!isPrivilegedAppId(uid) && checkOsReadPermission() != 0) {
+        ALOGE("%s - %d: denied, make sure app has set permission in AndroidManifest.xml",
+              key.c_str(), static_cast<int>(uid));
+        return -7;
+    }
+    return getWithoutPermissionCheck(key, out, type, uid);
+}
+
+int PreferencesKeyManager::get(const std::string& key, std::string& out, Type type) {
+    return get(key, out, type, getCallingUid());
+}
+
+int PreferencesKeyManager::getUser(const std::string& key, std::string& out, Type type,
+                                   unsigned int userId) {
+    return get(key, out, type, multiuser_get_uid(userId, multiuser_get_app_id(getCallingUid())));
+}
+
+int PreferencesKeyManager::getWithoutPermissionCheck(const std::string& key, std::string& out,
+                                                     Type type, uid_t uid) {
+    const std::string package = PreferencesKeyInfo::get(uid);
+    lockTimed("read", key);
+    const Clock::time_point start = Clock::now();
+
+    int result = 0;
+    bool rowReadFailed = false;
+    const Access access = checkKeyAccessLocked(key, uid, /*write=*/false, &rowReadFailed);
+    Type declared = Type::NoType;
+    std::optional<std::string> value;
+    if (access.status != 0) {
+        result = access.status;
+        if (rowReadFailed) {
+            ALOGE("%s, %s: get denied, make sure app key is defined", package.c_str(), key.c_str());
+        } else {
+            ALOGE("%s, %s: get denied due to lack of permission, check app key's permission "
+                  "field",
+                  package.c_str(), key.c_str());
+        }
+    } else if (getTypeLockedPermitted(key, declared) != 0 || declared != type) {
+        ALOGE("%s, %s: get denied due to wrong type, check app's method of call or key type "
+              "definition",
+              package.c_str(), key.c_str());
+        result = -9;
+    } else if (mDb->getPreferenceValue(access.user, access.checkingUser, key, value) != 0) {
+        ALOGE("%s, %s: get denied, can not be read from database", package.c_str(), key.c_str());
+        result = -9;
+    } else {
+        out = value.value_or("");
+        const long long duration = microsSince(start);
+        if (mProfiling) mProfiler->recordRead(key, duration);
+        if (mTracing) {
+            mProfiler->recordTrace(std::chrono::time_point_cast<std::chrono::microseconds>(start),
+                                   EventType::Read, key, out, callingPidForTrace(), threadId(),
+                                   static_cast<unsigned long>(duration));
+        }
+    }
+    mMutex.unlock();
+    return result;
+}
+
+int PreferencesKeyManager::getWithoutPermissionCheck(const std::string& key, std::string& out,
+                                                     Type type) {
+    return getWithoutPermissionCheck(key, out, type, getCallingUid());
+}
+
+int PreferencesKeyManager::getTypeLockedPermitted(const std::string& key, Type& out) const {
+    if (mDb->getPreferenceType(key, out) != 0) {
+        reportFailure("get_type_from_db_error");
+        return -9;
+    }
+    reportSuccess("get_type_from_db_success", getCallingUid());
+    return 0;
+}
+
+int PreferencesKeyManager::getType(const std::string& key, Type& out) {
+    const uid_t uid = getCallingUid();
+    lockTimed("getType", key);
+    const Clock::time_point start = Clock::now();
+    bool rowReadFailed = false;
+    const Access access = checkKeyAccessLocked(key, uid, /*write=*/false, &rowReadFailed);
+    int result = access.status;
+    if (result != 0) {
+        if (rowReadFailed) {
+            ALOGE("Error reading preference permission from the DB");
+        } else {
+            ALOGE("Caller cannot access %s to get its type", key.c_str());
+        }
+    } else {
+        result = getTypeLockedPermitted(key, out);
+    }
+    if (mTracing) {
+        mProfiler->recordTrace(
+                std::chrono::time_point_cast<std::chrono::microseconds>(start), EventType::GetType,
+                key,
+                fmt::format("type: {}, return {}",
+                            static_cast<uint32_t>(result == 0 ? out : Type::NoType), result),
+                callingPidForTrace(), threadId(), static_cast<unsigned long>(microsSince(start)));
+    }
+    mMutex.unlock();
+    return result;
+}
+
+int PreferencesKeyManager::reset(const std::string& key) {
+    const uid_t uid = getCallingUid();
+    const std::string package = PreferencesKeyInfo::get(uid);
+    if (!isPrivilegedAppId(uid) && checkOsWritePermission() != 0) {
+        ALOGE("%s, key reset: make sure app has set permission in AndroidManifest.xml",
+              key.c_str());
+        return -7;
+    }
+    lockTimed("reset", key);
+    const Clock::time_point start = Clock::now();
+    bool rowReadFailed = false;
+    const Access access = checkKeyAccessLocked(key, uid, /*write=*/true, &rowReadFailed);
+    int result = access.status;
+    if (result != 0) {
+        if (rowReadFailed) {
+            ALOGE("%s, %s: get denied, make sure app key is defined", package.c_str(), key.c_str());
+        } else {
+            ALOGE("%s, %s: reset denied due to lack of permission, check app key's permission "
+                  "field",
+                  package.c_str(), key.c_str());
+        }
+    } else if (mDb->clearCurrentPreferenceValue(access.user, key) != 0) {
+        ALOGE("unable to clear key value %d, %s", static_cast<int>(uid), key.c_str());
+        result = -8;
+    } else if (mTracing) {
+        mProfiler->recordTrace(std::chrono::time_point_cast<std::chrono::microseconds>(start),
+                               EventType::Reset, key, package, callingPidForTrace(), threadId(),
+                               static_cast<unsigned long>(microsSince(start)));
+    }
+    mMutex.unlock();
+    if (result == 0) mQueue.enqueue(key);
+    return result;
+}
+
+// ---- Change notification ----
+
+std::string PreferencesKeyManager::stringJoin(const std::vector<std::string>& items,
+                                              const std::string& separator) {
+    std::string joined;
+    for (size_t i = 0; i < items.size(); ++i) {
+        if (i != 0) joined += separator;
+        joined += items[i];
+    }
+    return joined;
+}
+
+void PreferencesKeyManager::callback() {
+    while (mRunning && !mQueue.isTerminated()) {
+        std::string name;
+        if (!mQueue.dequeue(name)) continue;
+
+        // Everything queued so far is handled in this pass, each key once, in ascending order.
+        std::set<std::string> changed{std::move(name)};
+        while (mQueue.size() != 0) {
+            if (!mQueue.dequeue(name)) break;
+            changed.insert(std::move(name));
+        }
+
+        lockTimed("callback", stringJoin({changed.begin(), changed.end()}, ","));
+        std::map<uint32_t, std::set<std::string>> keysByListener;
+        for (const std::string& key : changed) {
+            std::vector<std::pair<unsigned int, unsigned int>> rows;
+            if (mDb->getPreferenceListenersForKey(key, rows) != 0) {
+                ALOGE("get listeners has error, ignore callback on listeners");
+                reportFailure("get_listener_error");
+                continue;
+            }
+            for (const auto& [uid, uuid] : rows) keysByListener[uuid].insert(key);
+        }
+        for (const auto& [uuid, keys] : keysByListener) {
+            auto it = mListeners.find(uuid);
+            if (it == mListeners.end()) continue;
+            const android::sp<PreferencesListener>& record = it->second;
+            std::vector<android::String16> keys16;
+            keys16.reserve(keys.size());
+            for (const std::string& key : keys) keys16.emplace_back(key.c_str(), key.size());
+            const Clock::time_point start = Clock::now();
+            // One-way: a slow or dead client cannot hold up the pass.
+            record->getListener()->onChanged(keys16);
+            if (mTracing) {
+                mProfiler->recordTrace(
+                        std::chrono::time_point_cast<std::chrono::microseconds>(start),
+                        EventType::Callback, stringJoin({keys.begin(), keys.end()}, ","),
+                        fmt::format("{}:{}", record->getUid(), record->getUuid()), record->getPid(),
+                        threadId(), static_cast<unsigned long>(microsSince(start)));
+            }
+        }
+        reportSuccess("callback_success", getCallingUid());
+        mMutex.unlock();
+    }
+}
+
+int PreferencesKeyManager::registerListener(
+        const android::sp<lumen::preferences::IPreferencesListener>& listener,
+        const std::vector<std::string>& keys, bool /*flag*/) {
+    const pid_t pid = android::IPCThreadState::self()->getCallingPid();
+    const uid_t uid = getCallingUid();
+    const std::string package = PreferencesKeyInfo::get(uid);
+    if (listener == nullptr) return -13;
+    if (!isPrivilegedAppId(uid) && checkOsReadPermission() != 0) {
+        ALOGE("%s, register listener denied, make sure app has set permission in "
+              "AndroidManifest.xml",
+              package.c_str());
+        Telemetry::reportError("register_listener_error", uid, "missing read permission");
+        return -7;
+    }
+    lockTimed("register", package);
+    const Clock::time_point start = Clock::now();
+    int result = 0;
+    for (const std::string& key : keys) {
+        Permission permission = Permission::None;
+        if (mDb->getPreferencePermission(key, multiuser_get_app_id(uid), permission) != 0) {
+            ALOGE("%s, %s: register listener denied, make sure app key is defined", package.c_str(),
+                  key.c_str());
+            result = -9;
+            break;
+        }
+        if (uid != 0 && permission != Permission::Read && permission != Permission::ReadWrite) {
+            ALOGE("%s, %s: register listener denied due to lack of permission, check app key's "
+                  "permission field",
+                  package.c_str(), key.c_str());
+            result = -3;
+            break;
+        }
+    }
+    unsigned int uuid = 0;
+    if (result == 0 && mDb->registerPreferenceListener(uid, keys, uuid) != 0) {
+        ALOGE("%s, register listener denied, unable to register in database", package.c_str());
+        result = -13;
+    }
+    if (result == 0) {
+        mListeners[uuid] = new PreferencesListener(this, listener, keys, pid, uid, uuid);
+        if (mTracing) {
+            mProfiler->recordTrace(std::chrono::time_point_cast<std::chrono::microseconds>(start),
+                                   EventType::Register, stringJoin(keys, ","),
+                                   fmt::format("{}:{}:{}", uid, uuid, pid),
+                                   static_cast<unsigned int>(pid), threadId(),
+                                   static_cast<unsigned long>(microsSince(start)));
+        }
+        reportSuccess("register_listener_success", uid);
+    }
+    mMutex.unlock();
+    return result;
+}
+
+int PreferencesKeyManager::unregisterListener(
+        uid_t uid, const android::sp<lumen::preferences::IPreferencesListener>& listener) {
+    const std::string package = PreferencesKeyInfo::get(uid);
+    if (!isPrivilegedAppId(uid) && checkOsReadPermission() != 0) {
+        ALOGE("%s, unregister listener, make sure app has set permission in AndroidManifest.xml",
+              package.c_str());
+        return -7;
+    }
+    // Released after mMutex so that the record's unlink from its binder runs unlocked.
+    android::sp<PreferencesListener> removed;
+    lockTimed("unregister", package);
+    const Clock::time_point start = Clock::now();
+    int result = 0;
+    std::vector<unsigned int> uuids;
+    if (mDb->getPreferenceListenersIdsForPackage(uid, uuids) != 0 || uuids.empty()) {
+        ALOGE("unregister listener, can not find in database, %d", static_cast<int>(uid));
+        reportFailure("unregister_listener_not_found");
+        result = -6;
+    } else {
+        const android::sp<android::IBinder> binder = android::IInterface::asBinder(listener);
+        for (unsigned int uuid : uuids) {
+            auto it = mListeners.find(uuid);
+            if (it == mListeners.end()) continue;
+            if (android::IInterface::asBinder(it->second->getListener()) != binder) continue;
+            removed = it->second;
+            mListeners.erase(it);
+            break;
+        }
+        if (removed == nullptr) {
+            ALOGE("%s, unregister listener, can not find in database", package.c_str());
+            reportFailure("unregister_listener_not_found");
+            result = -6;
+        } else {
+            mDb->unregisterPreferenceListener(uid, removed->getUuid());
+            if (mTracing) {
+                mProfiler->recordTrace(
+                        std::chrono::time_point_cast<std::chrono::microseconds>(start),
+                        EventType::Unregister, stringJoin(removed->getKeys(), ","),
+                        fmt::format("{}:{}", uid, removed->getUuid()), removed->getPid(),
+                        threadId(), static_cast<unsigned long>(microsSince(start)));
+            }
+            reportSuccess("unregister_listener_success", uid);
+        }
+    }
+    mMutex.unlock();
+    return result;
+}
+
+int PreferencesKeyManager::unregisterListener(
+        const android::sp<lumen::preferences::IPreferencesListener>& listener) {
+    return unregisterListener(getCallingUid(), listener);
+}
+
+// ---- Users and diagnostics ----
+
+int PreferencesKeyManager::currentUser(unsigned int userId) {
+    mCurrentUser.store(userId, std::memory_order_relaxed);
+    return set(kCurrentUserKey, std::to_string(userId), Type::Integer, getCallingUid());
+}
+
+int PreferencesKeyManager::userList(const std::vector<int>& users) {
+    const int permission = checkOsWritePermission();
+    if (permission != 0) return permission;
+    Mutex::Autolock lock(mMutex);
+    return mDb->updateUserList(users) != 0 ? -15 : 0;
+}
+
+int PreferencesKeyManager::deleteUserData(unsigned int userId) {
+    const int permission = checkOsWritePermission();
+    if (permission != 0) return permission;
+    Mutex::Autolock lock(mMutex);
+    return mDb->deleteUserData(userId) != 0 ? -15 : 0;
+}
+
+bool PreferencesKeyManager::dump(int fd) {
+    dprintf(fd, "  PreferencesKeyManager properties:\n");
+    // The store pointer is only reset by the destructor, which no dump can overlap.
+    dprintf(fd, "      Database Exists:             %s\n", trueFalse(mDb != nullptr));
+    dprintf(fd, "      Schema Queue Terminated:     %s\n", trueFalse(mQueue.isTerminated()));
+    Mutex::Autolock lock(mMutex);
+    dprintf(fd, "      Schema Thread Running:       %s\n", trueFalse(mRunning));
+    dprintf(fd, "      Listener Info:\n");
+    for (const auto& [uuid, record] : mListeners) {
+        dprintf(fd, "        uuid: %u\n", uuid);
+        dprintf(fd, "          pid: %u, uid: %u, uuid: %u\n", record->getPid(), record->getUid(),
+                record->getUuid());
+        dprintf(fd, "          keys: \n");
+        if (record->getKeys().empty()) {
+            dprintf(fd, "            no keys\n");
+        }
+        for (const std::string& key : record->getKeys()) {
+            dprintf(fd, "            %s\n", key.c_str());
+        }
+    }
+    return true;
+}
+
+bool PreferencesKeyManager::dumpDb(int fd) {
+    Mutex::Autolock lock(mMutex);
+    if (mDb != nullptr) mDb->dumpDatabases(fd);
+    return true;
+}
+
+bool PreferencesKeyManager::dumpPreferences(int fd) {
+    Mutex::Autolock lock(mMutex);
+    if (mDb != nullptr) mDb->dumpPreferencesTable(fd);
+    return true;
+}
+
+bool PreferencesKeyManager::dumpProfile(int fd) {
+    Mutex::Autolock lock(mMutex);
+    if (!mProfiling) return false;
+    mProfiler->dumpProfile(fd);
+    return true;
+}
+
+bool PreferencesKeyManager::dumpTrace(int fd) {
+    Mutex::Autolock lock(mMutex);
+    if (!mTracing) return false;
+    mProfiler->dumpTrace(fd);
+    return true;
+}
+
+void PreferencesKeyManager::setProfiling(bool on) {
+    Mutex::Autolock lock(mMutex);
+    mProfiling = on;
+}
+
+void PreferencesKeyManager::resetProfile() {
+    Mutex::Autolock lock(mMutex);
+    mProfiler->resetProfile();
+}
+
+void PreferencesKeyManager::setTracing(bool on) {
+    Mutex::Autolock lock(mMutex);
+    mTracing = on;
+}
+
+void PreferencesKeyManager::resetTrace() {
+    Mutex::Autolock lock(mMutex);
+    mProfiler->resetTrace();
+}
+
+}  // namespace Halo::OS

@@ -1,0 +1,210 @@
+#pragma once
+
+#include <android-base/thread_annotations.h>
+#include <lumen/preferences/IPreferencesListener.h>
+#include <utils/StrongPointer.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+#include <unordered_set>
+#include <vector>
+
+#include "keymanager/BlockingQueue.h"
+#include "keymanager/PreferencesListener.h"
+#include "model/KeySourceDomain.h"
+#include "model/PreferencesKeyInfo.h"
+#include "model/PreferencesSchema.h"
+#include "model/PreferencesSchemaList.h"
+#include "profiler/PreferencesProfiler.h"
+#include "store/IPreferencesDb.h"
+#include "threads/Mutex.h"
+
+namespace Halo::OS {
+
+// The core of the service. Owns the preference store, the access profiler, the queue of changed
+// keys with the callback thread that notifies listeners, and the map of registered listeners.
+// Applies schema lists, checks who may read and write which key in which user, reads and writes
+// value text, follows the device's users and prints its state for dumps.
+//
+// Status codes: 0 success; -3 the caller's permission row does not allow the operation; -6 no
+// listener to unregister; -7 the OS permission (READ_SETTINGS / WRITE_SETTINGS) is missing; -8 a
+// write refused (key not declared for the caller, wrong type, store failure); -9 a read or type
+// lookup refused (same reasons); -13 listener rows could not be stored; -15 a user operation of the
+// store failed.
+//
+// Threads: Binder threads call every public operation concurrently. mMutex guards the store, the
+// listener map, the profiler and the writes of the profiling and tracing flags. The callback
+// thread never holds the change queue's mutex and mMutex together. The destructor must not run
+// while other threads still call in.
+class PreferencesKeyManager {
+public:
+    using Type = PreferencesKeyInfo::Type;
+    using Clock = std::chrono::system_clock;
+
+    static constexpr const char* kReadPermission = "com.nimbus.permission.READ_SETTINGS";
+    static constexpr const char* kWritePermission = "com.nimbus.permission.WRITE_SETTINGS";
+    static constexpr const char* kCurrentUserKey = "current_user";
+    // Wakes the callback thread at destruction; handled like any key name.
+    static constexpr const char* kSentinelKey = "SentinelNode";
+
+    // Builds the default store (Sqlite3PreferencesDb under /data/nimbus/preferences/).
+    PreferencesKeyManager();
+    // Takes ownership of `db`, starts the callback thread, creates the profiler and initialises
+    // the store (its result is not checked: a store that failed to open fails every operation).
+    explicit PreferencesKeyManager(std::unique_ptr<IPreferencesDb> db);
+    virtual ~PreferencesKeyManager();
+
+    PreferencesKeyManager(const PreferencesKeyManager&) = delete;
+    PreferencesKeyManager& operator=(const PreferencesKeyManager&) = delete;
+
+    // The Binder calling uid; virtual so that a caller identity can be substituted.
+    virtual uid_t getCallingUid() const;
+
+    // ---- Schema processing ----
+
+    // Applies a schema list from `domain` in one store batch under mMutex: adds (or, when the
+    // list is not "installed", removes) every schema; a restarted list first drops the domain's
+    // packages that it no longer names and expires the domain's keys that it does not declare
+    // again. Returns true when every schema was applied; an empty pointer returns true at once.
+    bool process(const std::unique_ptr<PreferencesSchemaList>& list, KeySourceDomain domain)
+            EXCLUDES(mMutex);
+    // Register / remove one schema. Only called by process().
+    bool addLocked(const std::unique_ptr<PreferencesSchema>& schema) REQUIRES(mMutex);
+    bool removeLocked(const std::unique_ptr<PreferencesSchema>& schema) REQUIRES(mMutex);
+
+    // Store schema upgrades and version. They do not take mMutex: they run at start-up, before
+    // any client is served.
+    bool upgradeVersionFromV0ToV1();
+    bool upgradeVersionFromV1ToV2();
+    int getDatabaseUserVersion();
+
+    // ---- Typed access ----
+
+    // OS write-permission check (unless the uid's application id is privileged), then
+    // setWithoutCallback; a successful write queues the key for listeners.
+    int set(const std::string& key, const std::string& value, Type type, uid_t uid)
+            EXCLUDES(mMutex);
+    int set(const std::string& key, const std::string& value, Type type) EXCLUDES(mMutex);
+    // set() for the caller's application in `userId`.
+    int setUser(const std::string& key, const std::string& value, Type type, unsigned int userId)
+            EXCLUDES(mMutex);
+    // Key permission, type check and store write, for the user of `uid`; never notifies.
+    int setWithoutCallback(const std::string& key, const std::string& value, Type type, uid_t uid)
+            EXCLUDES(mMutex);
+    int setWithoutCallback(const std::string& key, const std::string& value, Type type)
+            EXCLUDES(mMutex);
+
+    // OS read-permission check (unless privileged), then getWithoutPermissionCheck.
+    int get(const std::string& key, std::string& out, Type type, uid_t uid) EXCLUDES(mMutex);
+    int get(const std::string& key, std::string& out, Type type) EXCLUDES(mMutex);
+    int getUser(const std::string& key, std::string& out, Type type, unsigned int userId)
+            EXCLUDES(mMutex);
+    // Key permission, type check and store read (current value, else the default) for the user
+    // of `uid`. On success `out` holds the value text.
+    int getWithoutPermissionCheck(const std::string& key, std::string& out, Type type, uid_t uid)
+            EXCLUDES(mMutex);
+    int getWithoutPermissionCheck(const std::string& key, std::string& out, Type type)
+            EXCLUDES(mMutex);
+
+    // The declared type of a key the caller may read.
+    int getType(const std::string& key, Type& out) EXCLUDES(mMutex);
+    int getTypeLockedPermitted(const std::string& key, Type& out) const REQUIRES(mMutex);
+
+    // Clears the current value so that the default applies again; notifies like a write.
+    int reset(const std::string& key) EXCLUDES(mMutex);
+
+    // 0 when the Binder caller holds the OS permission, else -7.
+    int checkOsReadPermission() const;
+    int checkOsWritePermission() const;
+
+    // Names of the legacy settings keys, which follow their own access rules. Set once at
+    // start-up from the device configuration; empty until then.
+    void setLegacyKeys(std::unordered_set<std::string> keys) EXCLUDES(mMutex);
+    bool isLegacyKey(const std::string& key) const;
+
+    // ---- Change notification ----
+
+    // Registers `listener` for `keys` for the calling app. -7 without the OS read permission,
+    // -9 when a key's permission row cannot be read, -3 when the caller may not read a key, -13
+    // when the store refuses the rows (for example the same listener registered twice).
+    int registerListener(const android::sp<lumen::preferences::IPreferencesListener>& listener,
+                         const std::vector<std::string>& keys, bool flag) EXCLUDES(mMutex);
+    // Removes the listener that `uid` registered with this binder. -7 without the OS read
+    // permission, -6 when `uid` has no registered listener.
+    int unregisterListener(uid_t uid,
+                           const android::sp<lumen::preferences::IPreferencesListener>& listener)
+            EXCLUDES(mMutex);
+    int unregisterListener(const android::sp<lumen::preferences::IPreferencesListener>& listener)
+            EXCLUDES(mMutex);
+
+    // ---- Users and diagnostics ----
+
+    // Records the foreground user (even when the caller may not write it) and publishes it as the
+    // value of "current_user"; returns the result of that set().
+    int currentUser(unsigned int userId) EXCLUDES(mMutex);
+    unsigned int getCurrentUser() const { return mCurrentUser.load(std::memory_order_relaxed); }
+    // Deletes the databases of users not in `users`. -7 without the OS write permission, -15
+    // when the store fails.
+    int userList(const std::vector<int>& users) EXCLUDES(mMutex);
+    int deleteUserData(unsigned int userId) EXCLUDES(mMutex);
+
+    bool dump(int fd) EXCLUDES(mMutex);
+    bool dumpDb(int fd) EXCLUDES(mMutex);
+    bool dumpPreferences(int fd) EXCLUDES(mMutex);
+    // Print the profiler's statistics or trace; print nothing and return false when the
+    // corresponding switch is off.
+    bool dumpProfile(int fd) EXCLUDES(mMutex);
+    bool dumpTrace(int fd) EXCLUDES(mMutex);
+
+    void setProfiling(bool on) EXCLUDES(mMutex);
+    bool profiling() const { return mProfiling.load(std::memory_order_relaxed); }
+    void resetProfile() EXCLUDES(mMutex);
+    void setTracing(bool on) EXCLUDES(mMutex);
+    bool tracing() const { return mTracing.load(std::memory_order_relaxed); }
+    void resetTrace() EXCLUDES(mMutex);
+
+    // Joins `items` with `separator` between them.
+    static std::string stringJoin(const std::vector<std::string>& items,
+                                  const std::string& separator);
+
+private:
+    // Lets tests hold the main mutex and queue key names directly, to pause the callback thread
+    // at a known point.
+    friend class PreferencesKeyManagerTestPeer;
+
+    // What a read or a write may do after the key-permission step.
+    struct Access {
+        int status;                                // 0, or the refusal code
+        std::optional<unsigned int> user;          // the target user: the user of the uid argument
+        std::optional<unsigned int> checkingUser;  // passed to the store as the current user
+    };
+
+    // Locks mMutex and records the wait when profiling or tracing; returns the lock time.
+    Clock::time_point lockTimed(const char* operation, const std::string& detail) ACQUIRE(mMutex);
+    Access checkKeyAccessLocked(const std::string& key, uid_t uid, bool write, bool* rowReadFailed)
+            REQUIRES(mMutex);
+    bool isPrivilegedAppId(uid_t uid) const;
+    void callback() EXCLUDES(mMutex);
+    static long long microsSince(Clock::time_point start);
+
+    mutable Mutex mMutex;
+    BlockingQueue<std::string> mQueue;
+    std::map<uint32_t, android::sp<PreferencesListener>> mListeners GUARDED_BY(mMutex);
+    std::atomic<bool> mRunning{true};
+    std::thread mThread;
+    std::unique_ptr<IPreferencesDb> mDb PT_GUARDED_BY(mMutex);
+    std::atomic<unsigned int> mCurrentUser{0};
+    std::unique_ptr<PreferencesProfiler> mProfiler PT_GUARDED_BY(mMutex);
+    std::atomic<bool> mProfiling{false};
+    std::atomic<bool> mTracing{false};
+    // Written once at start-up, before clients are served; read without mMutex.
+    std::unordered_set<std::string> mLegacyKeys;
+};
+
+}  // namespace Halo::OS

@@ -1,0 +1,59 @@
+#pragma once
+
+#include <binder/IBinder.h>
+#include <lumen/preferences/IPreferencesListener.h>
+#include <utils/RefBase.h>
+#include <utils/StrongPointer.h>
+
+#include <string>
+#include <vector>
+
+namespace Halo::OS {
+
+class PreferencesKeyManager;
+
+// A registered change listener: the client's callback object, who registered it, the listener id
+// the store allocated, and the keys it watches (sorted ascending). Held by the key manager's
+// listener map; linked to the client's binder so that the registration is dropped when the
+// client process dies.
+class PreferencesListener : public android::RefBase {
+public:
+    // Unregisters the listener from its key manager when the client's binder dies.
+    class DeathNotifier : public android::IBinder::DeathRecipient {
+    public:
+        // `id` and `name` identify the client in the telemetry report of its death.
+        DeathNotifier(PreferencesListener* listener, unsigned int id, const std::string& name);
+
+        void binderDied(const android::wp<android::IBinder>& who) override;
+
+    private:
+        android::wp<PreferencesListener> mListener;
+        unsigned int mId;
+        std::string mName;
+    };
+
+    // Copies and sorts `keys` and links a DeathNotifier to the listener's binder. `manager` must
+    // outlive the record (the key manager owns every record it creates).
+    PreferencesListener(PreferencesKeyManager* manager,
+                        const android::sp<lumen::preferences::IPreferencesListener>& listener,
+                        const std::vector<std::string>& keys, unsigned int pid, unsigned int uid,
+                        unsigned int uuid);
+    ~PreferencesListener() override;
+
+    android::sp<lumen::preferences::IPreferencesListener> getListener() const { return mListener; }
+    unsigned int getPid() const { return mPid; }
+    unsigned int getUid() const { return mUid; }
+    unsigned int getUuid() const { return mUuid; }
+    const std::vector<std::string>& getKeys() const { return mKeys; }
+
+private:
+    PreferencesKeyManager* const mManager;
+    const android::sp<lumen::preferences::IPreferencesListener> mListener;
+    const unsigned int mPid;
+    const unsigned int mUid;
+    const unsigned int mUuid;
+    std::vector<std::string> mKeys;
+    android::sp<DeathNotifier> mDeathNotifier;
+};
+
+}  // namespace Halo::OS
