@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstdlib>
 
+#include "properties/SystemProperties.h"
 #include "service/String16Utils.h"
 
 namespace Halo::OS {
@@ -33,7 +34,7 @@ int PreferencesOverrides::setInteger(const android::String16& key, int value) {
     auto it = kOverrides.find(name);
     if (it == kOverrides.end()) return kNoOverride;
     if (it->second != PreferencesKeyInfo::Type::Integer) return kWrongType;
-    const bool written = android::base::SetProperty(kOverridesPrefix + name, std::to_string(value));
+    const bool written = SystemProperties::set(kOverridesPrefix + name, std::to_string(value));
     ALOGD("PreferencesOverrides: setting override int for key = %s, value = %d", name.c_str(),
           value);
     return written ? kOk : kNoOverride;
@@ -53,7 +54,7 @@ int PreferencesOverrides::getType(const android::String16& key, int* type) {
 int PreferencesOverrides::reset(const android::String16& key) {
     const std::string name = toString(key);
     if (kOverrides.count(name) == 0) return kNoOverride;
-    const bool written = android::base::SetProperty(kOverridesPrefix + name, "");
+    const bool written = SystemProperties::set(kOverridesPrefix + name, "");
     ALOGD("PreferencesOverrides: resetting override for key = %s", name.c_str());
     return written ? kOk : kNoOverride;
 }
