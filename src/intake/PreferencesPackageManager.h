@@ -1,0 +1,130 @@
+#pragma once
+
+#include <android-base/thread_annotations.h>
+#include <binder/Status.h>
+#include <nimbus/internal/BnPreferencesAppInfoListener.h>
+#include <nimbus/internal/IPreferencesAppInfoInquirer.h>
+#include <utils/StrongPointer.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "intake/BinderClient.h"
+#include "keymanager/BlockingQueue.h"
+#include "keymanager/PreferencesKeyManager.h"
+#include "model/PreferencesSchemaList.h"
+#include "threads/Mutex.h"
+
+namespace Halo::OS {
+
+// Brings the schemas of installed packages into the service. Keeps a connection to the app-info
+// service "PreferencesAppInfoInquirer" (reconnecting whenever it dies), registers its listener
+// with it, and receives schema lists and user events through that listener. Schema lists are
+// parsed on the Binder thread that delivers them and handed over a queue to a worker thread,
+// which applies them with PreferencesKeyManager::process(list, KeySourceDomain::Application), so
+// that a slow store never holds up the app-info service. User events go straight to the key
+// manager.
+//
+// Threads: start(), stop() and the destructor come from the service's thread (they are
+// serialised among themselves); the listener's calls arrive on Binder threads, the connection
+// callbacks on the client's connection thread and on death-notification threads; dump() may come
+// from any thread. mStateMutex is never held while calling into the key manager or making a
+// Binder call, and is never held while the client is destroyed.
+class PreferencesPackageManager {
+public:
+    using Status = android::binder::Status;
+    using AppInfoInquirer = nimbus::internal::IPreferencesAppInfoInquirer;
+
+    static constexpr const char* kAppInfoServiceName = "PreferencesAppInfoInquirer";
+    static constexpr std::chrono::milliseconds kRetryInterval{50};
+
+    // The object registered with the app-info service. Forwards its four calls to the manager's
+    // operations of the same name. The app-info service may keep it (and call it) after the
+    // manager is gone: the manager detaches it on destruction, and later calls do nothing and
+    // return EX_ILLEGAL_STATE.
+    class AppInfoListener : public nimbus::internal::BnPreferencesAppInfoListener {
+    public:
+        explicit AppInfoListener(PreferencesPackageManager* manager);
+
+        Status onSchema(const std::vector<uint8_t>& schema) override EXCLUDES(mMutex);
+        Status deleteUserData(int32_t userId) override EXCLUDES(mMutex);
+        Status currentUser(int32_t userId) override EXCLUDES(mMutex);
+        Status userList(const std::vector<int32_t>& users) override EXCLUDES(mMutex);
+
+        // Cuts the link to the manager; returns once no call is being forwarded any more.
+        void detach() EXCLUDES(mMutex);
+
+    private:
+        Mutex mMutex;
+        PreferencesPackageManager* mManager GUARDED_BY(mMutex);
+    };
+
+    // Same as the next with start = true.
+    explicit PreferencesPackageManager(const std::shared_ptr<PreferencesKeyManager>& keyManager);
+    // Keeps `keyManager` (shared with the service) and makes the listener; starts when `start`.
+    PreferencesPackageManager(const std::shared_ptr<PreferencesKeyManager>& keyManager, bool start);
+    // Detaches the listener, then stops.
+    ~PreferencesPackageManager();
+
+    PreferencesPackageManager(const PreferencesPackageManager&) = delete;
+    PreferencesPackageManager& operator=(const PreferencesPackageManager&) = delete;
+
+    // Starts connecting to the app-info service (returning after the first attempt, so a
+    // published service has been asked to take the listener by then) and starts the worker
+    // thread. Returns true when it started now, false when it was already running.
+    bool start() EXCLUDES(mWorkerMutex, mStateMutex);
+    // Unregisters the listener when it is registered, drops the queued schema lists, closes the
+    // connection and joins the worker. Does nothing when not running.
+    void stop() EXCLUDES(mWorkerMutex, mStateMutex);
+
+    // Parses a schema-list document and queues it for the worker. Returns Status::ok() when a
+    // list was queued, and the exception EX_BAD_PARCELABLE (-2) when the bytes are not a JSON
+    // document; the bytes are dropped either way.
+    Status onSchema(const std::vector<uint8_t>& schema);
+    // The key manager's operation of the same name; 0 gives Status::ok(), any other result r
+    // the service-specific error r.
+    Status currentUser(int userId);
+    Status userList(const std::vector<int>& users);
+    Status deleteUserData(int userId);
+
+    // Writes the manager's state for the service's dump. Always returns true.
+    bool dump(int fd) EXCLUDES(mStateMutex);
+
+    // The worker thread's body: applies queued lists until stop() clears running and wakes it.
+    void process();
+
+    // The object registered with the app-info service.
+    const android::sp<AppInfoListener>& listener() const { return mListener; }
+
+private:
+    using Client = BinderClient<AppInfoInquirer>;
+
+    void onConnected(const android::sp<AppInfoInquirer>& service) EXCLUDES(mStateMutex);
+    void onDisconnected() EXCLUDES(mStateMutex);
+    static Status toStatus(int result);
+
+    // Guards the flags below and the client pointer.
+    Mutex mStateMutex;
+    // Held for the whole of start() and stop(): guards the start and join of the worker and
+    // keeps a stop from overlapping a start. Taken before mStateMutex.
+    Mutex mWorkerMutex;
+    BlockingQueue<std::unique_ptr<PreferencesSchemaList>> mQueue;
+    std::thread mWorker GUARDED_BY(mWorkerMutex);
+    std::unique_ptr<Client> mClient GUARDED_BY(mStateMutex);
+    const std::shared_ptr<PreferencesKeyManager> mKeyManager;
+    const android::sp<AppInfoListener> mListener;
+    // start() succeeded and stop() has not run. Atomic because the worker reads it unlocked;
+    // written under mStateMutex.
+    std::atomic<bool> mRunning{false};
+    // The listener is registered with the app-info service.
+    bool mListening GUARDED_BY(mStateMutex) = false;
+    // Counts the deaths of the app-info service, so that a registration that finishes after
+    // the death of the service it was made with does not count as listening.
+    uint64_t mConnectionGeneration GUARDED_BY(mStateMutex) = 0;
+};
+
+}  // namespace Halo::OS
