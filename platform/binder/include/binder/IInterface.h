@@ -56,7 +56,9 @@ protected:
 };
 
 // Declares the descriptor, asInterface and the default implementation that a proxy falls back to
-// when the remote object does not know a transaction (UNKNOWN_TRANSACTION).
+// when the remote object does not know a transaction (UNKNOWN_TRANSACTION). The default
+// implementation is reference counted (a RefBase object must not be owned by a unique_ptr);
+// setDefaultImpl also takes the unique_ptr that Android 10 callers pass and adopts it.
 #define DECLARE_META_INTERFACE(INTERFACE)                                                         \
 public:                                                                                           \
     static const ::android::String16 descriptor;                                                  \
@@ -65,10 +67,11 @@ public:                                                                         
     I##INTERFACE();                                                                               \
     virtual ~I##INTERFACE();                                                                      \
     static bool setDefaultImpl(std::unique_ptr<I##INTERFACE> impl);                               \
-    static const std::unique_ptr<I##INTERFACE>& getDefaultImpl();                                 \
+    static bool setDefaultImpl(::android::sp<I##INTERFACE> impl);                                 \
+    static const ::android::sp<I##INTERFACE>& getDefaultImpl();                                   \
                                                                                                   \
 private:                                                                                          \
-    static std::unique_ptr<I##INTERFACE> default_impl;                                            \
+    static ::android::sp<I##INTERFACE> default_impl;                                              \
                                                                                                   \
 public:
 
@@ -90,15 +93,18 @@ public:
         }                                                                      \
         return intr;                                                           \
     }                                                                          \
-    std::unique_ptr<I##INTERFACE> I##INTERFACE::default_impl;                  \
+    ::android::sp<I##INTERFACE> I##INTERFACE::default_impl;                    \
     bool I##INTERFACE::setDefaultImpl(std::unique_ptr<I##INTERFACE> impl) {    \
+        return setDefaultImpl(::android::sp<I##INTERFACE>(impl.release()));    \
+    }                                                                          \
+    bool I##INTERFACE::setDefaultImpl(::android::sp<I##INTERFACE> impl) {      \
         if (!I##INTERFACE::default_impl && impl) {                             \
             I##INTERFACE::default_impl = std::move(impl);                      \
             return true;                                                       \
         }                                                                      \
         return false;                                                          \
     }                                                                          \
-    const std::unique_ptr<I##INTERFACE>& I##INTERFACE::getDefaultImpl() {      \
+    const ::android::sp<I##INTERFACE>& I##INTERFACE::getDefaultImpl() {        \
         return I##INTERFACE::default_impl;                                     \
     }                                                                          \
     I##INTERFACE::I##INTERFACE() {}                                            \

@@ -1,0 +1,422 @@
+#include <binder/IPCThreadState.h>
+#include <binder/IServiceManager.h>
+#include <binder/PermissionCache.h>
+#include <binder/test/BnTestCallback.h>
+#include <binder/test/ITestService.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <limits>
+#include <thread>
+
+#include "BinderTestEnvironment.h"
+#include "TestService.h"
+
+namespace Halo::OS::testing {
+namespace {
+
+using android::IBinder;
+using android::IInterface;
+using android::OK;
+using android::sp;
+using android::String16;
+using android::binder::Status;
+using binder::test::ITestCallback;
+using binder::test::ITestService;
+
+// A callback that records the thread it runs on and, when given a service, calls it again from
+// inside the callback (a call nested two levels deep).
+class Callback : public binder::test::BnTestCallback {
+public:
+    explicit Callback(sp<ITestService> service = nullptr) : mService(std::move(service)) {}
+
+    Status onCall(int32_t value, int32_t* out) override {
+        {
+            Mutex::Autolock lock(mLock);
+            mThread = std::this_thread::get_id();
+        }
+        if (mService == nullptr) {
+            *out = value * 2;
+            return Status::ok();
+        }
+        return mService->echoInt(value * 2, out);
+    }
+    Status onOneway(int32_t /*sequence*/) override { return Status::ok(); }
+    Status onData(const std::vector<uint8_t>& /*data*/) override { return Status::ok(); }
+
+    std::thread::id thread() {
+        Mutex::Autolock lock(mLock);
+        return mThread;
+    }
+
+private:
+    const sp<ITestService> mService;
+    Mutex mLock;
+    std::thread::id mThread GUARDED_BY(mLock);
+};
+
+class BinderIpcTest : public BinderTest {};
+
+template <typename T>
+T echoed(const sp<ITestService>& service, Status (ITestService::*method)(T, T*), T value) {
+    T out{};
+    EXPECT_TRUE((service.get()->*method)(value, &out).isOk());
+    return out;
+}
+
+TEST_F(BinderIpcTest, EveryArgumentTypeRoundTrips) {
+    sp<ITestService> service = startService<ITestService>("serve", "test");
+    ASSERT_NE(nullptr, service);
+
+    EXPECT_EQ(std::numeric_limits<int32_t>::min(),
+              echoed(service, &ITestService::echoInt, std::numeric_limits<int32_t>::min()));
+    EXPECT_EQ(-1234567890123456789,
+              echoed<int64_t>(service, &ITestService::echoLong, -1234567890123456789));
+    EXPECT_EQ(-0.1f, echoed(service, &ITestService::echoFloat, -0.1f));
+    EXPECT_TRUE(std::isnan(echoed(service, &ITestService::echoDouble, std::nan(""))));
+    EXPECT_EQ(1e300, echoed(service, &ITestService::echoDouble, 1e300));
+    EXPECT_TRUE(echoed(service, &ITestService::echoBool, true));
+    EXPECT_FALSE(echoed(service, &ITestService::echoBool, false));
+    EXPECT_EQ(-128, echoed<int8_t>(service, &ITestService::echoByte, -128));
+    EXPECT_EQ(u'\uffff', echoed<char16_t>(service, &ITestService::echoChar, u'\uffff'));
+
+    const char16_t units[] = {u'k', 0, 0xd83d, 0xde00, u'\u00e9'};
+    String16 text;
+    ASSERT_TRUE(service->echoString(String16(units, 5), &text).isOk());
+    EXPECT_EQ(String16(units, 5), text);
+    std::unique_ptr<String16> nullable(new String16("x"));
+    ASSERT_TRUE(service->echoNullableString(nullptr, &nullable).isOk());
+    EXPECT_EQ(nullptr, nullable);
+    ASSERT_TRUE(service->echoNullableString(std::make_unique<String16>(""), &nullable).isOk());
+    ASSERT_NE(nullptr, nullable);
+    EXPECT_EQ(0u, nullable->size());
+    std::string utf8;
+    ASSERT_TRUE(service->echoUtf8("caf\xc3\xa9 \xf0\x9f\x98\x80", &utf8).isOk());
+    EXPECT_EQ("caf\xc3\xa9 \xf0\x9f\x98\x80", utf8);
+
+    std::vector<uint8_t> bytes(257);
+    for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<uint8_t>(i);
+    std::vector<uint8_t> bytesOut;
+    ASSERT_TRUE(service->echoBytes(bytes, &bytesOut).isOk());
+    EXPECT_EQ(bytes, bytesOut);
+    std::vector<int32_t> ints{0, -1, std::numeric_limits<int32_t>::max()};
+    std::vector<int32_t> intsOut;
+    ASSERT_TRUE(service->echoInts(ints, &intsOut).isOk());
+    EXPECT_EQ(ints, intsOut);
+    std::vector<int64_t> longsOut;
+    ASSERT_TRUE(service->echoLongs({std::numeric_limits<int64_t>::min(), 5}, &longsOut).isOk());
+    EXPECT_EQ((std::vector<int64_t>{std::numeric_limits<int64_t>::min(), 5}), longsOut);
+    std::vector<float> floatsOut;
+    ASSERT_TRUE(service->echoFloats({1.5f, -0.0f}, &floatsOut).isOk());
+    EXPECT_EQ((std::vector<float>{1.5f, -0.0f}), floatsOut);
+    std::vector<double> doublesOut;
+    ASSERT_TRUE(service->echoDoubles({}, &doublesOut).isOk());
+    EXPECT_TRUE(doublesOut.empty());
+    std::vector<bool> boolsOut;
+    ASSERT_TRUE(service->echoBools({true, false, true}, &boolsOut).isOk());
+    EXPECT_EQ((std::vector<bool>{true, false, true}), boolsOut);
+    std::vector<char16_t> charsOut;
+    ASSERT_TRUE(service->echoChars({u'a', 0xd800}, &charsOut).isOk());
+    EXPECT_EQ((std::vector<char16_t>{u'a', 0xd800}), charsOut);
+    std::vector<String16> stringsOut;
+    ASSERT_TRUE(service->echoStrings({String16("a"), String16(""), String16("bc")}, &stringsOut)
+                        .isOk());
+    EXPECT_EQ((std::vector<String16>{String16("a"), String16(""), String16("bc")}), stringsOut);
+    std::vector<std::string> utf8sOut;
+    ASSERT_TRUE(service->echoUtf8s({"x", "\xc3\xa9"}, &utf8sOut).isOk());
+    EXPECT_EQ((std::vector<std::string>{"x", "\xc3\xa9"}), utf8sOut);
+    std::unique_ptr<std::vector<int32_t>> nullableInts(new std::vector<int32_t>{1});
+    ASSERT_TRUE(service->echoNullableInts(nullptr, &nullableInts).isOk());
+    EXPECT_EQ(nullptr, nullableInts);
+    ASSERT_TRUE(
+            service->echoNullableInts(std::make_unique<std::vector<int32_t>>(2, 7), &nullableInts)
+                    .isOk());
+    ASSERT_NE(nullptr, nullableInts);
+    EXPECT_EQ((std::vector<int32_t>{7, 7}), *nullableInts);
+
+    std::vector<int32_t> filled;
+    ASSERT_TRUE(service->fillInts(5, &filled).isOk());
+    EXPECT_EQ((std::vector<int32_t>{0, 1, 4, 9, 16}), filled);
+    std::vector<int32_t> reversed{1, 2, 3};
+    ASSERT_TRUE(service->reverseInts(&reversed).isOk());
+    EXPECT_EQ((std::vector<int32_t>{3, 2, 1}), reversed);
+
+    sp<IBinder> nullBinder = new android::BBinder();
+    ASSERT_TRUE(service->echoNullableBinder(nullptr, &nullBinder).isOk());
+    EXPECT_EQ(nullptr, nullBinder);
+    EXPECT_FALSE(service->echoBinder(nullptr, &nullBinder).isOk());
+
+    // Descriptors: what is written through the returned descriptor arrives at the original.
+    int fds[2];
+    ASSERT_EQ(0, pipe2(fds, O_CLOEXEC));
+    android::base::unique_fd readEnd(fds[0]);
+    android::base::unique_fd writeEnd(fds[1]);
+    android::base::unique_fd echoedFd;
+    ASSERT_TRUE(service->echoFd(writeEnd, &echoedFd).isOk());
+    ASSERT_GE(echoedFd.get(), 0);
+    EXPECT_NE(writeEnd.get(), echoedFd.get());
+    ASSERT_EQ(3, write(echoedFd.get(), "abc", 3));
+    android::os::ParcelFileDescriptor pfdOut;
+    ASSERT_TRUE(service->echoPfd(android::os::ParcelFileDescriptor(android::base::unique_fd(
+                                         fcntl(writeEnd.get(), F_DUPFD_CLOEXEC, 0))),
+                                 &pfdOut)
+                        .isOk());
+    ASSERT_EQ(2, write(pfdOut.get(), "de", 2));
+    char buffer[8] = {};
+    ASSERT_EQ(5, read(readEnd.get(), buffer, sizeof(buffer)));
+    EXPECT_STREQ("abcde", buffer);
+
+    // Frames are limited to 1 MiB: a request just below the limit goes through both ways, one
+    // above it fails on the caller's side without breaking the connection.
+    std::vector<uint8_t> large((1 << 20) - 4096, 0x33);
+    ASSERT_TRUE(service->echoBytes(large, &bytesOut).isOk());
+    EXPECT_EQ(large, bytesOut);
+    large.resize((1 << 20) + 1);
+    Status tooLarge = service->echoBytes(large, &bytesOut);
+    EXPECT_EQ(android::FAILED_TRANSACTION, tooLarge.transactionError());
+    EXPECT_EQ(7, echoed(service, &ITestService::echoInt, 7));
+}
+
+TEST_F(BinderIpcTest, ErrorsAndExceptionsReachTheCaller) {
+    sp<ITestService> service = startService<ITestService>("serve", "test");
+    ASSERT_NE(nullptr, service);
+    int32_t out = 777;
+    Status status = service->failServiceSpecific(-9, "no such key", &out);
+    EXPECT_EQ(Status::EX_SERVICE_SPECIFIC, status.exceptionCode());
+    EXPECT_EQ(-9, status.serviceSpecificErrorCode());
+    EXPECT_STREQ("no such key", status.exceptionMessage().string());
+    EXPECT_EQ(777, out);
+    status = service->failException(Status::EX_ILLEGAL_ARGUMENT);
+    EXPECT_EQ(Status::EX_ILLEGAL_ARGUMENT, status.exceptionCode());
+    status = service->failException(Status::EX_UNSUPPORTED_OPERATION);
+    EXPECT_EQ(Status::EX_UNSUPPORTED_OPERATION, status.exceptionCode());
+}
+
+TEST_F(BinderIpcTest, CallbacksNestedInACallRunOnTheWaitingThread) {
+    sp<ITestService> service = startService<ITestService>("serve", "test");
+    ASSERT_NE(nullptr, service);
+    sp<Callback> callback = new Callback(service);
+    int32_t result = 0;
+    ASSERT_TRUE(service->callBack(callback, 5, &result).isOk());
+    // onCall(5) asks the service to echo 10 while the service waits for onCall, which waits for
+    // the echo: 10, + 1 from callBack.
+    EXPECT_EQ(11, result);
+    EXPECT_EQ(std::this_thread::get_id(), callback->thread());
+
+    // Several threads at once, each with its own nested chain.
+    std::vector<std::thread> threads;
+    std::vector<int32_t> results(8, 0);
+    for (int i = 0; i < 8; ++i) {
+        threads.emplace_back([&, i] {
+            sp<Callback> own = new Callback(service);
+            for (int round = 0; round < 20; ++round) {
+                int32_t value = 0;
+                if (!service->callBack(own, i + round, &value).isOk()) return;
+                results[i] += value;
+            }
+        });
+    }
+    for (auto& thread : threads) thread.join();
+    for (int i = 0; i < 8; ++i) {
+        int32_t expected = 0;
+        for (int round = 0; round < 20; ++round) expected += 2 * (i + round) + 1;
+        EXPECT_EQ(expected, results[i]) << "thread " << i;
+    }
+}
+
+TEST_F(BinderIpcTest, OnewayCallsArriveInOrder) {
+    sp<ITestService> service = startService<ITestService>("serve", "test");
+    ASSERT_NE(nullptr, service);
+    for (int32_t i = 0; i < 1000; ++i) ASSERT_TRUE(service->record(i).isOk());
+    std::vector<int32_t> recorded;
+    ASSERT_TRUE(service->recorded(1000, &recorded).isOk());
+    ASSERT_EQ(1000u, recorded.size());
+    for (int32_t i = 0; i < 1000; ++i) ASSERT_EQ(i, recorded[i]) << "at " << i;
+}
+
+TEST_F(BinderIpcTest, KilledPeerIsReportedOnceAndItsProxiesAreDead) {
+    PeerProcess& peer = startPeer({"serve", "test"});
+    sp<ITestService> service;
+    ASSERT_EQ(OK, android::getService(String16("test"), &service));
+    sp<IBinder> binder = IInterface::asBinder(service);
+    sp<DeathCounter> first = new DeathCounter();
+    sp<DeathCounter> second = new DeathCounter();
+    sp<DeathCounter> unlinked = new DeathCounter();
+    ASSERT_EQ(OK, binder->linkToDeath(first));
+    ASSERT_EQ(OK, binder->linkToDeath(second, reinterpret_cast<void*>(7)));
+    ASSERT_EQ(OK, binder->linkToDeath(unlinked));
+    EXPECT_EQ(android::NAME_NOT_FOUND, binder->unlinkToDeath(unlinked, nullptr, 1));
+    EXPECT_EQ(OK, binder->unlinkToDeath(unlinked));
+    EXPECT_TRUE(binder->isBinderAlive());
+    EXPECT_EQ(OK, binder->pingBinder());
+
+    peer.kill(SIGKILL);
+    peer.wait();
+    EXPECT_EQ(1, first->wait(1));
+    EXPECT_EQ(1, second->wait(1));
+    EXPECT_EQ(binder, first->who().promote());
+    EXPECT_FALSE(binder->isBinderAlive());
+    int32_t out;
+    EXPECT_EQ(android::DEAD_OBJECT, service->echoInt(1, &out).transactionError());
+    EXPECT_EQ(android::DEAD_OBJECT, binder->pingBinder());
+    EXPECT_EQ(android::DEAD_OBJECT, binder->linkToDeath(new DeathCounter()));
+    EXPECT_EQ(android::DEAD_OBJECT, binder->unlinkToDeath(first));
+    EXPECT_EQ(1, first->count());
+    EXPECT_EQ(1, second->count());
+    EXPECT_EQ(0, unlinked->count());
+}
+
+TEST_F(BinderIpcTest, ServiceIsToldWhenAClientDies) {
+    sp<ITestService> service = startService<ITestService>("serve", "test");
+    ASSERT_NE(nullptr, service);
+    PeerProcess& client = startPeer({"keep", "test"});
+    ASSERT_EQ("ready", client.readLine());
+    ASSERT_TRUE(service->watchKeptCallback().isOk());
+    client.kill(SIGKILL);
+    client.wait();
+    int32_t deaths = 0;
+    ASSERT_TRUE(service->deaths(1, &deaths).isOk());
+    EXPECT_EQ(1, deaths);
+}
+
+TEST_F(BinderIpcTest, ObjectIdentitySurvivesRoundTrips) {
+    sp<ITestService> service = startService<ITestService>("serve", "test");
+    ASSERT_NE(nullptr, service);
+    sp<IBinder> root = IInterface::asBinder(service);
+
+    sp<Callback> callback = new Callback();
+    sp<Callback> other = new Callback();
+    sp<ITestCallback> returned;
+    ASSERT_TRUE(service->echoCallback(callback, &returned).isOk());
+    EXPECT_EQ(IInterface::asBinder(callback), IInterface::asBinder(returned));
+    EXPECT_EQ(callback.get(), returned.get());
+
+    sp<IBinder> self1;
+    sp<IBinder> self2;
+    ASSERT_TRUE(service->self(&self1).isOk());
+    ASSERT_TRUE(service->self(&self2).isOk());
+    EXPECT_EQ(self1, self2);
+    EXPECT_EQ(root, self1);
+
+    bool same = false;
+    ASSERT_TRUE(
+            service->isSame(IInterface::asBinder(callback), IInterface::asBinder(callback), &same)
+                    .isOk());
+    EXPECT_TRUE(same);
+    ASSERT_TRUE(service->isSame(IInterface::asBinder(callback), IInterface::asBinder(other), &same)
+                        .isOk());
+    EXPECT_FALSE(same);
+    bool isSelf = false;
+    ASSERT_TRUE(service->isSelf(root, &isSelf).isOk());
+    EXPECT_TRUE(isSelf);
+    ASSERT_TRUE(service->isSelf(IInterface::asBinder(other), &isSelf).isOk());
+    EXPECT_FALSE(isSelf);
+
+    // A proxy the service obtained earlier and a new lookup of the same service are one object.
+    EXPECT_EQ(root, android::defaultServiceManager()->checkService(String16("test")));
+    EXPECT_EQ(String16("binder.test.ITestService"), root->getInterfaceDescriptor());
+}
+
+TEST_F(BinderIpcTest, ServiceSeesTheCallersKernelIdentity) {
+    EXPECT_EQ(getuid(), android::IPCThreadState::self()->getCallingUid());
+    EXPECT_EQ(getpid(), android::IPCThreadState::self()->getCallingPid());
+    sp<TestService> local = new TestService();
+    ASSERT_EQ(OK, android::defaultServiceManager()->addService(String16("local"), local));
+
+    PeerProcess& app = startPeer({"call-uid", "local"}, 54321);
+    EXPECT_EQ("54321 " + std::to_string(app.pid()), app.readLine());
+    EXPECT_EQ(0, app.wait());
+    PeerProcess& rootClient = startPeer({"call-uid", "local"});
+    EXPECT_EQ("0 " + std::to_string(rootClient.pid()), rootClient.readLine());
+    EXPECT_EQ(0, rootClient.wait());
+
+    // In-process calls keep the caller's identity.
+    int32_t uid = -1;
+    ASSERT_TRUE(local->callingUid(&uid).isOk());
+    EXPECT_EQ(static_cast<int32_t>(getuid()), uid);
+    EXPECT_EQ(local.get(), android::defaultServiceManager()->checkService(String16("local")).get());
+}
+
+TEST_F(BinderIpcTest, DumpWritesThroughTheCallersDescriptor) {
+    sp<ITestService> service = startService<ITestService>("serve", "test");
+    ASSERT_NE(nullptr, service);
+    int fds[2];
+    ASSERT_EQ(0, pipe2(fds, O_CLOEXEC));
+    android::Vector<String16> args;
+    args.add(String16("a"));
+    args.add(String16("b\xc3\xa9"));
+    EXPECT_EQ(OK, IInterface::asBinder(service)->dump(fds[1], args));
+    close(fds[1]);
+    std::string text;
+    char buffer[128];
+    ssize_t n;
+    while ((n = read(fds[0], buffer, sizeof(buffer))) > 0) text.append(buffer, n);
+    close(fds[0]);
+    EXPECT_EQ("dump a,b\xc3\xa9 uid=0\n", text);
+}
+
+TEST_F(BinderIpcTest, GetServiceWaitsForALateServiceAndCheckServiceDoesNot) {
+    sp<android::IServiceManager> sm = android::defaultServiceManager();
+    EXPECT_EQ(nullptr, sm->checkService(String16("late")));
+    EXPECT_EQ(nullptr, sm->checkService(String16("../escape")));
+    EXPECT_EQ(android::BAD_VALUE, sm->addService(String16("a/b"), new android::BBinder()));
+    EXPECT_EQ(android::BAD_VALUE, sm->addService(String16(""), new android::BBinder()));
+
+    PeerProcess& late = startPeer({"serve", "late", "1500"});
+    EXPECT_EQ(nullptr, sm->checkService(String16("late")));
+    sp<IBinder> binder = sm->getService(String16("late"));
+    ASSERT_NE(nullptr, binder);
+    sp<ITestService> service = android::interface_cast<ITestService>(binder);
+    EXPECT_EQ(3, echoed(service, &ITestService::echoInt, 3));
+    const android::Vector<String16> listed = sm->listServices();
+    ASSERT_EQ(1u, listed.size());
+    EXPECT_EQ(String16("late"), listed[0]);
+
+    // A service whose process is gone leaves a socket nobody answers: not found, not listed.
+    late.kill(SIGKILL);
+    late.wait();
+    service.clear();
+    binder.clear();
+    EXPECT_EQ(nullptr, sm->checkService(String16("late")));
+    EXPECT_EQ(0u, sm->listServices().size());
+}
+
+class BinderPermissionTest : public BinderTest {};
+
+TEST_F(BinderPermissionTest, RootAndSelfAreGrantedOthersAskThePermissionService) {
+    const String16 permission("com.example.permission.READ");
+    const String16 other("com.example.permission.OTHER");
+    // No "permission" service: only root and the process itself pass.
+    EXPECT_TRUE(android::PermissionCache::checkPermission(permission, 1, 0));
+    EXPECT_TRUE(android::PermissionCache::checkPermission(permission, getpid(), 12345));
+    EXPECT_FALSE(android::PermissionCache::checkPermission(permission, 1, 12345));
+    EXPECT_TRUE(android::PermissionCache::checkCallingPermission(permission));
+
+    startPeer({"serve-permission", "permission", "12345", "com.example.permission.READ"});
+    ASSERT_NE(nullptr, android::defaultServiceManager()->getService(String16("permission")));
+    EXPECT_TRUE(android::PermissionCache::checkPermission(permission, 1, 12345));
+    EXPECT_FALSE(android::PermissionCache::checkPermission(other, 1, 12345));
+    EXPECT_FALSE(android::PermissionCache::checkPermission(permission, 1, 12346));
+
+    // The calling identity of a real client decides, as the service sees it.
+    startPeer({"serve", "test"});
+    ASSERT_NE(nullptr, android::defaultServiceManager()->getService(String16("test")));
+    PeerProcess& app = startPeer({"check-permission", "test", "com.example.permission.READ",
+                                  "com.example.permission.OTHER"},
+                                 12345);
+    EXPECT_EQ("1", app.readLine());
+    EXPECT_EQ("0", app.readLine());
+    EXPECT_EQ(0, app.wait());
+    PeerProcess& stranger =
+            startPeer({"check-permission", "test", "com.example.permission.READ"}, 12346);
+    EXPECT_EQ("0", stranger.readLine());
+    EXPECT_EQ(0, stranger.wait());
+    PeerProcess& root = startPeer({"check-permission", "test", "com.example.permission.OTHER"});
+    EXPECT_EQ("1", root.readLine());
+    EXPECT_EQ(0, root.wait());
+}
+
+}  // namespace
+}  // namespace Halo::OS::testing

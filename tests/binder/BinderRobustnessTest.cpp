@@ -1,0 +1,294 @@
+#include <binder/IServiceManager.h>
+#include <binder/test/BnTestCallback.h>
+#include <binder/test/ITestService.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <random>
+
+#include "BinderTestEnvironment.h"
+
+namespace Halo::OS::testing {
+namespace {
+
+using android::sp;
+using android::String16;
+using binder::test::ITestService;
+using Bytes = std::vector<uint8_t>;
+
+constexpr uint32_t pack(char a, char b, char c, uint8_t d) {
+    return (static_cast<uint32_t>(a) << 24) | (static_cast<uint32_t>(b) << 16) |
+           (static_cast<uint32_t>(c) << 8) | d;
+}
+
+constexpr uint32_t kTransaction = pack('T', 'R', 'N', 'S');
+constexpr uint32_t kReply = pack('R', 'P', 'L', 'Y');
+constexpr uint32_t kRelease = pack('R', 'L', 'S', 'E');
+constexpr uint32_t kSenderObject = pack('s', 'b', '*', 0x85);
+constexpr uint32_t kPing = pack('_', 'P', 'N', 'G');
+constexpr uint32_t kInterface = pack('_', 'N', 'T', 'F');
+
+void put32(Bytes* out, uint32_t value) {
+    for (int i = 0; i < 4; ++i) out->push_back(static_cast<uint8_t>(value >> (8 * i)));
+}
+
+void put64(Bytes* out, uint64_t value) {
+    put32(out, static_cast<uint32_t>(value));
+    put32(out, static_cast<uint32_t>(value >> 32));
+}
+
+uint32_t get32(const Bytes& in, size_t at) {
+    uint32_t value = 0;
+    for (int i = 3; i >= 0; --i) value = (value << 8) | in[at + i];
+    return value;
+}
+
+struct TransactionFrame {
+    uint64_t txid = 1;
+    uint64_t target = 0;
+    uint64_t context = 0;
+    uint32_t code = kPing;
+    uint32_t flags = 0;
+    Bytes data;
+    std::vector<uint32_t> offsets;
+    uint32_t fdCount = 0;
+    // When set, replaces the computed data size (to make the sizes disagree).
+    int64_t dataSizeOverride = -1;
+
+    Bytes encode() const {
+        Bytes body;
+        put64(&body, txid);
+        put64(&body, target);
+        put64(&body, context);
+        put32(&body, code);
+        put32(&body, flags);
+        put32(&body, dataSizeOverride >= 0 ? static_cast<uint32_t>(dataSizeOverride)
+                                           : static_cast<uint32_t>(data.size()));
+        put32(&body, static_cast<uint32_t>(offsets.size()));
+        put32(&body, fdCount);
+        put32(&body, 0);
+        body.insert(body.end(), data.begin(), data.end());
+        for (uint32_t offset : offsets) put32(&body, offset);
+        Bytes frame;
+        put32(&frame, kTransaction);
+        put32(&frame, static_cast<uint32_t>(body.size()));
+        frame.insert(frame.end(), body.begin(), body.end());
+        return frame;
+    }
+};
+
+Bytes objectRecord(uint32_t type, uint64_t value) {
+    Bytes record;
+    put32(&record, type);
+    put32(&record, 0x17f);
+    put64(&record, value);
+    put64(&record, 0);
+    return record;
+}
+
+class RawClient {
+public:
+    explicit RawClient(const std::string& path) : mFd(socket(AF_UNIX, SOCK_STREAM, 0)) {
+        sockaddr_un addr{};
+        addr.sun_family = AF_UNIX;
+        strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
+        EXPECT_EQ(0, connect(mFd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)));
+    }
+    ~RawClient() { close(mFd); }
+
+    void send(const Bytes& bytes) {
+        EXPECT_EQ(static_cast<ssize_t>(bytes.size()),
+                  ::send(mFd, bytes.data(), bytes.size(), MSG_NOSIGNAL));
+    }
+
+    // Reads `size` bytes, or fewer when the peer closes or nothing comes for 20 s.
+    Bytes receive(size_t size) {
+        Bytes out;
+        while (out.size() < size) {
+            pollfd pfd{mFd, POLLIN, 0};
+            if (poll(&pfd, 1, 20000) <= 0) break;
+            uint8_t buffer[4096];
+            const ssize_t n = recv(mFd, buffer, std::min(sizeof(buffer), size - out.size()), 0);
+            if (n <= 0) break;
+            out.insert(out.end(), buffer, buffer + n);
+        }
+        return out;
+    }
+
+    // True when the service closes the connection (end of stream or reset) within 20 s.
+    bool closedByPeer() {
+        for (;;) {
+            pollfd pfd{mFd, POLLIN, 0};
+            if (poll(&pfd, 1, 20000) <= 0) return false;
+            uint8_t buffer[4096];
+            const ssize_t n = recv(mFd, buffer, sizeof(buffer), 0);
+            if (n == 0 || (n < 0 && errno == ECONNRESET)) return true;
+            if (n < 0) return false;
+        }
+    }
+
+    void shutdownWrite() { shutdown(mFd, SHUT_WR); }
+
+private:
+    int mFd;
+};
+
+class BinderRobustnessTest : public BinderTest {
+protected:
+    std::string socketPath(const std::string& name) { return mDir.file(name); }
+};
+
+TEST_F(BinderRobustnessTest, WellFormedRawFramesAreAnswered) {
+    sp<ITestService> service = startService<ITestService>("serve", "test");
+    ASSERT_NE(nullptr, service);
+    RawClient raw(socketPath("test"));
+
+    TransactionFrame ping;
+    ping.txid = 5;
+    raw.send(ping.encode());
+    Bytes reply = raw.receive(8 + 24);
+    ASSERT_EQ(32u, reply.size());
+    EXPECT_EQ(kReply, get32(reply, 0));
+    EXPECT_EQ(24u, get32(reply, 4));
+    EXPECT_EQ(5u, get32(reply, 8));
+    EXPECT_EQ(0u, get32(reply, 16));  // status
+    EXPECT_EQ(0u, get32(reply, 20));  // no data
+
+    TransactionFrame descriptor;
+    descriptor.txid = 6;
+    descriptor.code = kInterface;
+    raw.send(descriptor.encode());
+    const std::string name = "binder.test.ITestService";
+    const size_t dataSize = 4 + (name.size() + 1) * 2 + 2;  // padded to 4
+    reply = raw.receive(8 + 24 + dataSize);
+    ASSERT_EQ(8 + 24 + dataSize, reply.size());
+    EXPECT_EQ(6u, get32(reply, 8));
+    EXPECT_EQ(dataSize, get32(reply, 20));
+    EXPECT_EQ(name.size(), get32(reply, 32));
+    EXPECT_EQ('b', reply[36]);
+}
+
+TEST_F(BinderRobustnessTest, MalformedFramesCloseOnlyTheirConnection) {
+    sp<ITestService> service = startService<ITestService>("serve", "test");
+    ASSERT_NE(nullptr, service);
+
+    std::vector<std::pair<std::string, Bytes>> cases;
+    Bytes unknownType;
+    put32(&unknownType, 0xdeadbeef);
+    put32(&unknownType, 0);
+    cases.emplace_back("unknown frame type", unknownType);
+    Bytes oversized;
+    put32(&oversized, kTransaction);
+    put32(&oversized, (1u << 20) + 1);
+    cases.emplace_back("oversized frame", oversized);
+    TransactionFrame sizes;
+    sizes.dataSizeOverride = 100;
+    cases.emplace_back("sizes that do not add up", sizes.encode());
+    TransactionFrame outside;
+    outside.data = Bytes(24, 0);
+    outside.offsets = {4};
+    cases.emplace_back("record outside the data", outside.encode());
+    TransactionFrame unknownRecord;
+    unknownRecord.data = objectRecord(0x12345678, 1);
+    unknownRecord.offsets = {0};
+    cases.emplace_back("record of unknown type", unknownRecord.encode());
+    TransactionFrame unexported;
+    unexported.data = objectRecord(pack('s', 'h', '*', 0x85), 99);
+    unexported.offsets = {0};
+    cases.emplace_back("reference to an object never exported", unexported.encode());
+    TransactionFrame noTarget;
+    noTarget.target = 77;
+    cases.emplace_back("transaction to an unknown object", noTarget.encode());
+    TransactionFrame noTxid;
+    noTxid.txid = 0;
+    cases.emplace_back("two-way call without a number", noTxid.encode());
+    TransactionFrame missingFd;
+    missingFd.data = objectRecord(pack('f', 'd', '*', 0x85), 0);
+    missingFd.offsets = {0};
+    missingFd.fdCount = 1;
+    cases.emplace_back("descriptor record without a descriptor", missingFd.encode());
+    Bytes strayReply;
+    put32(&strayReply, kReply);
+    put32(&strayReply, 24);
+    put64(&strayReply, 99);
+    for (int i = 0; i < 4; ++i) put32(&strayReply, 0);
+    cases.emplace_back("reply nobody waits for", strayReply);
+    Bytes strayRelease;
+    put32(&strayRelease, kRelease);
+    put32(&strayRelease, 16);
+    put64(&strayRelease, 555);
+    put32(&strayRelease, 1);
+    put32(&strayRelease, 0);
+    cases.emplace_back("release of an object never exported", strayRelease);
+    std::mt19937 random(1234);
+    Bytes garbage(4096);
+    for (uint8_t& byte : garbage) byte = static_cast<uint8_t>(random());
+    cases.emplace_back("random bytes", garbage);
+
+    for (const auto& [what, bytes] : cases) {
+        RawClient raw(socketPath("test"));
+        raw.send(bytes);
+        EXPECT_TRUE(raw.closedByPeer()) << what;
+        int32_t out = 0;
+        EXPECT_TRUE(service->echoInt(11, &out).isOk()) << what;
+        EXPECT_EQ(11, out) << what;
+    }
+
+    // A frame cut short by a client that goes away, and a client that sends its sender object
+    // and vanishes, leave the service serving.
+    {
+        RawClient raw(socketPath("test"));
+        Bytes partial;
+        put32(&partial, kTransaction);
+        put32(&partial, 100);
+        partial.resize(50, 0);
+        raw.send(partial);
+    }
+    {
+        RawClient raw(socketPath("test"));
+        TransactionFrame withObject;
+        withObject.flags = 1;
+        withObject.txid = 0;
+        withObject.code = 1;
+        withObject.data = objectRecord(kSenderObject, 3);
+        withObject.offsets = {0};
+        raw.send(withObject.encode());
+    }
+    int32_t out = 0;
+    EXPECT_TRUE(service->echoInt(12, &out).isOk());
+    EXPECT_EQ(12, out);
+    sp<android::IBinder> fresh = android::defaultServiceManager()->checkService(String16("test"));
+    ASSERT_NE(nullptr, fresh);
+    EXPECT_EQ(android::OK, fresh->pingBinder());
+}
+
+TEST_F(BinderRobustnessTest, PeerThatStopsReadingDoesNotBlockTheService) {
+    sp<ITestService> service = startService<ITestService>("serve", "test");
+    ASSERT_NE(nullptr, service);
+    PeerProcess& stalled = startPeer({"keep", "test"});
+    ASSERT_EQ("ready", stalled.readLine());
+    ASSERT_TRUE(service->watchKeptCallback().isOk());
+    stalled.kill(SIGSTOP);
+
+    // 3000 one-way calls of 4 KiB to a process that reads nothing: the service never blocks;
+    // once too much is queued it gives the stalled client up.
+    int32_t accepted = -1;
+    ASSERT_TRUE(service->spam(3000, 4096, &accepted).isOk());
+    EXPECT_GT(accepted, 0);
+    EXPECT_LT(accepted, 3000);
+    int32_t deaths = 0;
+    ASSERT_TRUE(service->deaths(1, &deaths).isOk());
+    EXPECT_EQ(1, deaths);
+
+    int32_t out = 0;
+    EXPECT_TRUE(service->echoInt(13, &out).isOk());
+    EXPECT_EQ(13, out);
+    stalled.kill(SIGKILL);
+}
+
+}  // namespace
+}  // namespace Halo::OS::testing

@@ -1,0 +1,105 @@
+#pragma once
+
+#include <binder/IBinder.h>
+#include <binder/test/BnTestService.h>
+#include <binder/test/ITestCallback.h>
+
+#include <condition_variable>
+#include <vector>
+
+#include "threads/Mutex.h"
+
+namespace Halo::OS::testing {
+
+// The implementation of the test interface, served by the peer process and by tests that need a
+// service of their own. Its dump writes "dump <args joined by ','> uid=<calling uid>\n".
+class TestService : public binder::test::BnTestService {
+public:
+    TestService() = default;
+
+    android::status_t dump(int fd, const android::Vector<android::String16>& args) override;
+
+    android::binder::Status echoInt(int32_t value, int32_t* out) override;
+    android::binder::Status echoLong(int64_t value, int64_t* out) override;
+    android::binder::Status echoFloat(float value, float* out) override;
+    android::binder::Status echoDouble(double value, double* out) override;
+    android::binder::Status echoBool(bool value, bool* out) override;
+    android::binder::Status echoByte(int8_t value, int8_t* out) override;
+    android::binder::Status echoChar(char16_t value, char16_t* out) override;
+    android::binder::Status echoString(const android::String16& value,
+                                       android::String16* out) override;
+    android::binder::Status echoNullableString(const std::unique_ptr<android::String16>& value,
+                                               std::unique_ptr<android::String16>* out) override;
+    android::binder::Status echoUtf8(const std::string& value, std::string* out) override;
+    android::binder::Status echoBytes(const std::vector<uint8_t>& value,
+                                      std::vector<uint8_t>* out) override;
+    android::binder::Status echoInts(const std::vector<int32_t>& value,
+                                     std::vector<int32_t>* out) override;
+    android::binder::Status echoLongs(const std::vector<int64_t>& value,
+                                      std::vector<int64_t>* out) override;
+    android::binder::Status echoFloats(const std::vector<float>& value,
+                                       std::vector<float>* out) override;
+    android::binder::Status echoDoubles(const std::vector<double>& value,
+                                        std::vector<double>* out) override;
+    android::binder::Status echoBools(const std::vector<bool>& value,
+                                      std::vector<bool>* out) override;
+    android::binder::Status echoChars(const std::vector<char16_t>& value,
+                                      std::vector<char16_t>* out) override;
+    android::binder::Status echoStrings(const std::vector<android::String16>& value,
+                                        std::vector<android::String16>* out) override;
+    android::binder::Status echoUtf8s(const std::vector<std::string>& value,
+                                      std::vector<std::string>* out) override;
+    android::binder::Status echoNullableInts(const std::unique_ptr<std::vector<int32_t>>& value,
+                                             std::unique_ptr<std::vector<int32_t>>* out) override;
+    android::binder::Status echoBinder(const android::sp<android::IBinder>& value,
+                                       android::sp<android::IBinder>* out) override;
+    android::binder::Status echoNullableBinder(const android::sp<android::IBinder>& value,
+                                               android::sp<android::IBinder>* out) override;
+    android::binder::Status echoCallback(const android::sp<binder::test::ITestCallback>& value,
+                                         android::sp<binder::test::ITestCallback>* out) override;
+    android::binder::Status echoFd(const android::base::unique_fd& fd,
+                                   android::base::unique_fd* out) override;
+    android::binder::Status echoPfd(const android::os::ParcelFileDescriptor& fd,
+                                    android::os::ParcelFileDescriptor* out) override;
+    android::binder::Status fillInts(int32_t count, std::vector<int32_t>* values) override;
+    android::binder::Status reverseInts(std::vector<int32_t>* values) override;
+    android::binder::Status callingUid(int32_t* out) override;
+    android::binder::Status callingPid(int32_t* out) override;
+    android::binder::Status checkCallingPermission(const android::String16& permission,
+                                                   bool* out) override;
+    android::binder::Status callBack(const android::sp<binder::test::ITestCallback>& callback,
+                                     int32_t value, int32_t* out) override;
+    android::binder::Status isSame(const android::sp<android::IBinder>& a,
+                                   const android::sp<android::IBinder>& b, bool* out) override;
+    android::binder::Status isSelf(const android::sp<android::IBinder>& b, bool* out) override;
+    android::binder::Status self(android::sp<android::IBinder>* out) override;
+    android::binder::Status failServiceSpecific(int32_t code, const std::string& message,
+                                                int32_t* out) override;
+    android::binder::Status failException(int32_t exceptionCode) override;
+    android::binder::Status record(int32_t sequence) override;
+    android::binder::Status recorded(int32_t count, std::vector<int32_t>* out) override;
+    android::binder::Status keepCallback(
+            const android::sp<binder::test::ITestCallback>& callback) override;
+    android::binder::Status spam(int32_t count, int32_t bytes, int32_t* out) override;
+    android::binder::Status watchKeptCallback() override;
+    android::binder::Status deaths(int32_t waitForAtLeast, int32_t* out) override;
+
+private:
+    class DeathCounter : public android::IBinder::DeathRecipient {
+    public:
+        explicit DeathCounter(TestService* service) : mService(service) {}
+        void binderDied(const android::wp<android::IBinder>& who) override;
+
+    private:
+        TestService* const mService;
+    };
+
+    Mutex mLock;
+    std::condition_variable mChanged;
+    std::vector<int32_t> mRecorded GUARDED_BY(mLock);
+    android::sp<binder::test::ITestCallback> mKept GUARDED_BY(mLock);
+    android::sp<DeathCounter> mDeathCounter GUARDED_BY(mLock);
+    int32_t mDeaths GUARDED_BY(mLock) = 0;
+};
+
+}  // namespace Halo::OS::testing

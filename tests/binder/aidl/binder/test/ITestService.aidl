@@ -1,0 +1,63 @@
+package binder.test;
+
+import binder.test.ITestCallback;
+
+// A service that exercises every argument type and the runtime's call patterns.
+interface ITestService {
+    int echoInt(int value);
+    long echoLong(long value);
+    float echoFloat(float value);
+    double echoDouble(double value);
+    boolean echoBool(boolean value);
+    byte echoByte(byte value);
+    char echoChar(char value);
+    String echoString(String value);
+    @nullable String echoNullableString(@nullable String value);
+    @utf8InCpp String echoUtf8(@utf8InCpp String value);
+    byte[] echoBytes(in byte[] value);
+    int[] echoInts(in int[] value);
+    long[] echoLongs(in long[] value);
+    float[] echoFloats(in float[] value);
+    double[] echoDoubles(in double[] value);
+    boolean[] echoBools(in boolean[] value);
+    char[] echoChars(in char[] value);
+    String[] echoStrings(in String[] value);
+    @utf8InCpp String[] echoUtf8s(in @utf8InCpp String[] value);
+    @nullable int[] echoNullableInts(in @nullable int[] value);
+    IBinder echoBinder(IBinder value);
+    @nullable IBinder echoNullableBinder(@nullable IBinder value);
+    ITestCallback echoCallback(ITestCallback value);
+    FileDescriptor echoFd(in FileDescriptor fd);
+    ParcelFileDescriptor echoPfd(in ParcelFileDescriptor fd);
+    void fillInts(int count, out int[] values);
+    void reverseInts(inout int[] values);
+
+    // The caller's identity as the service sees it.
+    int callingUid();
+    int callingPid();
+    // PermissionCache::checkCallingPermission in the service.
+    boolean checkCallingPermission(String permission);
+
+    // Calls callback.onCall(value) while the caller waits and returns its result + 1.
+    int callBack(ITestCallback callback, int value);
+    // Whether a and b are the same object here, and whether b is this service itself.
+    boolean isSame(IBinder a, IBinder b);
+    boolean isSelf(IBinder b);
+    IBinder self();
+
+    int failServiceSpecific(int code, @utf8InCpp String message);
+    void failException(int exceptionCode);
+
+    // One-way calls, recorded in arrival order; recorded() waits until `count` have arrived
+    // (or a few seconds pass) and returns them.
+    oneway void record(int sequence);
+    int[] recorded(int count);
+
+    // Keeps `callback`; spam() sends it `count` one-way onData calls of `bytes` bytes each and
+    // returns how many were accepted.
+    void keepCallback(ITestCallback callback);
+    int spam(int count, int bytes);
+    // Links a death recipient to the kept callback; deaths() is how many times it was told.
+    void watchKeptCallback();
+    int deaths(int waitForAtLeast);
+}
