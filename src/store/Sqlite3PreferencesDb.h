@@ -35,10 +35,7 @@ namespace Halo::OS {
 class Sqlite3PreferencesDb : public IPreferencesDb {
 public:
     // Which value of a key an update writes.
-    enum class PreferenceValueType : uint32_t {
-        Current = 0,
-        Default = 1,
-    };
+    using PreferenceValueType = PreferencesKeyInfo::PreferenceValueType;
 
     Sqlite3PreferencesDb();
     ~Sqlite3PreferencesDb() override;
