@@ -306,6 +306,9 @@ void BinderRuntime::maybeSpawn() {
 }
 
 void BinderRuntime::joinPool(bool /*isMain*/) {
+    // A thread that joins makes a pool even when nobody started one: connections are re-armed
+    // for it from now on.
+    mPoolStarted.store(true, std::memory_order_release);
     std::vector<BinderTask> runnable;
     while (!mStopping.load()) {
         BinderTask task;
