@@ -4,6 +4,7 @@
 
 #include <binder/IPCThreadState.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -143,7 +144,9 @@ sp<IBinder> BinderConnection::connectTo(const std::string& path) {
         errno = ENAMETOOLONG;
         return nullptr;
     }
-    unique_fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    // Non-blocking, so that a service whose backlog is full (it stopped accepting) counts as
+    // unavailable instead of blocking the caller.
+    unique_fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (fd.get() < 0) return nullptr;
     addr.sun_family = AF_UNIX;
     memcpy(addr.sun_path, path.c_str(), path.size());
@@ -152,6 +155,8 @@ sp<IBinder> BinderConnection::connectTo(const std::string& path) {
         rc = connect(fd.get(), reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
     } while (rc != 0 && errno == EINTR);
     if (rc != 0) return nullptr;
+    const int flags = fcntl(fd.get(), F_GETFL);
+    if (flags < 0 || fcntl(fd.get(), F_SETFL, flags & ~O_NONBLOCK) != 0) return nullptr;
     sp<BinderConnection> connection = new BinderConnection(std::move(fd), nullptr);
     BinderRuntime::instance().registerConnection(connection);
     return connection->rootProxy();
@@ -165,6 +170,16 @@ sp<IBinder> BinderConnection::rootProxy() {
 bool BinderConnection::isDead() const {
     Mutex::Autolock lock(mLock);
     return mDead;
+}
+
+bool BinderConnection::probeDead() {
+    if (isDead()) return true;
+    pollfd pfd{mFd.get(), POLLRDHUP, 0};
+    if (poll(&pfd, 1, 0) == 1 && (pfd.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0) {
+        markDead(nullptr);
+        return true;
+    }
+    return false;
 }
 
 bool BinderConnection::takeArmedForRearm() {
@@ -248,6 +263,9 @@ status_t BinderConnection::waitForReply(Waiter* waiter) {
         releaseReadingToken();
         for (BinderTask& task : runnable) runtime.queueTask(std::move(task));
     }
+    // Calls nested in a call that has already been answered can only come from a peer that
+    // broke the rules; they still get served, by the pool.
+    for (BinderTask& task : waiter->nested) runtime.queueTask(std::move(task));
     waiter->nested.clear();
     bool idle;
     {

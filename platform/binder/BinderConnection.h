@@ -54,6 +54,9 @@ public:
     pid_t peerPid() const { return mPeerPid; }
     uid_t peerUid() const { return mPeerUid; }
     bool isDead() const;
+    // Also asks the socket whether the peer has gone (without reading); marks the connection
+    // dead when it has.
+    bool probeDead();
 
     // The runtime's registry key (set once when registered).
     void setKey(uint64_t key) { mKey = key; }

@@ -1,5 +1,6 @@
 #include "binder/BinderServiceManager.h"
 
+#include <binder/BpBinder.h>
 #include <binder/IPCThreadState.h>
 #include <binder/PermissionCache.h>
 #include <dirent.h>
@@ -85,8 +86,9 @@ sp<IBinder> BinderServiceManager::checkService(const String16& name) const {
         if (local != mLocal.end()) return local->second;
         auto cached = mCache.find(path);
         if (cached != mCache.end()) {
-            sp<IBinder> service = cached->second.promote();
-            if (service != nullptr && service->isBinderAlive()) return service;
+            sp<IBinder> service = cached->second;
+            android::BpBinder* proxy = service->remoteBinder();
+            if (proxy != nullptr && !proxy->connection()->probeDead()) return service;
             mCache.erase(cached);
         }
     }

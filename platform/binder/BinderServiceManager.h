@@ -11,8 +11,8 @@ namespace Halo::OS {
 
 // The service directory of this host: every published service is a listening socket in
 // $BINDER_DIR (default /run/binder). A service this process published is returned as the local
-// object; a remote one as a proxy over a connection that is kept while someone uses it and reused
-// for later lookups.
+// object; a remote one as a proxy whose connection is kept and reused by later lookups until the
+// service's process goes away.
 class BinderServiceManager : public android::IServiceManager {
 public:
     BinderServiceManager() = default;
@@ -34,7 +34,7 @@ public:
 private:
     mutable Mutex mLock;
     std::unordered_map<std::string, android::sp<android::IBinder>> mLocal GUARDED_BY(mLock);
-    mutable std::unordered_map<std::string, android::wp<android::IBinder>> mCache GUARDED_BY(mLock);
+    mutable std::unordered_map<std::string, android::sp<android::IBinder>> mCache GUARDED_BY(mLock);
 };
 
 }  // namespace Halo::OS

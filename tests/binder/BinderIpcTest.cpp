@@ -381,6 +381,12 @@ TEST_F(BinderIpcTest, GetServiceWaitsForALateServiceAndCheckServiceDoesNot) {
     binder.clear();
     EXPECT_EQ(nullptr, sm->checkService(String16("late")));
     EXPECT_EQ(0u, sm->listServices().size());
+
+    // A restarted service is found again, and the first call to it goes through.
+    startPeer({"serve", "late"});
+    service = android::interface_cast<ITestService>(sm->getService(String16("late")));
+    ASSERT_NE(nullptr, service);
+    EXPECT_EQ(4, echoed(service, &ITestService::echoInt, 4));
 }
 
 class BinderPermissionTest : public BinderTest {};
