@@ -1,0 +1,117 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "client/PreferenceValue.h"
+#include "client/PreferencesStatus.h"
+#include "client/PreferencesTarget.h"
+#include "client/PreferencesWatch.h"
+
+namespace Halo::OS {
+
+class PreferencesConnection;
+
+// A client of the preferences service, for C++ programs and the `prefs` tool.
+//
+//     auto client = PreferencesClient::connect();
+//     int32_t columns = 0;
+//     PreferencesStatus status = client->getInteger("launcher_grid_columns", &columns);
+//     if (!status.isOk()) fprintf(stderr, "%s\n", status.toString().c_str());
+//
+// Every call is one synchronous Binder call made as the calling process (its uid decides what
+// the service allows). The service's refusals come back unchanged in the PreferencesStatus; a
+// failing get leaves its out-value untouched. Calls may be made from any number of threads.
+class PreferencesClient {
+public:
+    // The name under which the daemon publishes the service.
+    static constexpr const char* kServiceName = "PreferencesService";
+
+    using ChangeCallback = std::function<void(const std::vector<std::string>& keys)>;
+
+    // Makes every later Binder look-up of this process use the services in `directory` (the
+    // process-wide BINDER_DIR; by default /run/binder).
+    static void useBinderDirectory(const std::string& directory);
+
+    // Connects to the service published under `name`, waiting up to about five seconds for it
+    // to appear. Null when it does not; then `status` (if given) is Unreachable.
+    static std::unique_ptr<PreferencesClient> connect(const std::string& name = kServiceName,
+                                                      PreferencesStatus* status = nullptr);
+    // As connect, without waiting.
+    static std::unique_ptr<PreferencesClient> tryConnect(const std::string& name = kServiceName,
+                                                         PreferencesStatus* status = nullptr);
+
+    ~PreferencesClient();
+    PreferencesClient(const PreferencesClient&) = delete;
+    PreferencesClient& operator=(const PreferencesClient&) = delete;
+
+    // The declared type of `key`, for a caller that may read it. Failed with BAD_TYPE when the
+    // service answers a code that names no value type.
+    PreferencesStatus getType(const std::string& key, PreferenceValue::Type* type);
+
+    // Reads `key` as `type` for `target`'s user into `out`.
+    PreferencesStatus get(const std::string& key, PreferenceValue::Type type,
+                          const PreferencesTarget& target, PreferenceValue* out);
+    // Writes `value` (with its own type) to `key` for `target`'s user.
+    PreferencesStatus set(const std::string& key, const PreferenceValue& value,
+                          const PreferencesTarget& target);
+
+    PreferencesStatus getInteger(const std::string& key, int32_t* out,
+                                 const PreferencesTarget& target = PreferencesTarget::caller());
+    PreferencesStatus getLong(const std::string& key, int64_t* out,
+                              const PreferencesTarget& target = PreferencesTarget::caller());
+    PreferencesStatus getFloat(const std::string& key, float* out,
+                               const PreferencesTarget& target = PreferencesTarget::caller());
+    PreferencesStatus getDouble(const std::string& key, double* out,
+                                const PreferencesTarget& target = PreferencesTarget::caller());
+    PreferencesStatus getBoolean(const std::string& key, bool* out,
+                                 const PreferencesTarget& target = PreferencesTarget::caller());
+    PreferencesStatus getString(const std::string& key, std::string* out,
+                                const PreferencesTarget& target = PreferencesTarget::caller());
+
+    PreferencesStatus setInteger(const std::string& key, int32_t value,
+                                 const PreferencesTarget& target = PreferencesTarget::caller());
+    PreferencesStatus setLong(const std::string& key, int64_t value,
+                              const PreferencesTarget& target = PreferencesTarget::caller());
+    PreferencesStatus setFloat(const std::string& key, float value,
+                               const PreferencesTarget& target = PreferencesTarget::caller());
+    PreferencesStatus setDouble(const std::string& key, double value,
+                                const PreferencesTarget& target = PreferencesTarget::caller());
+    PreferencesStatus setBoolean(const std::string& key, bool value,
+                                 const PreferencesTarget& target = PreferencesTarget::caller());
+    PreferencesStatus setString(const std::string& key, const std::string& value,
+                                const PreferencesTarget& target = PreferencesTarget::caller());
+
+    // Restores the default of `key` (the caller's own user).
+    PreferencesStatus reset(const std::string& key);
+
+    // Registers `onChanged` for `keys`. It is called on a Binder thread, one call at a time,
+    // with the watched keys that changed (sorted). Null when the service refuses; then `status`
+    // (if given) says why. The watch may outlive this client object.
+    std::unique_ptr<PreferencesWatch> watch(const std::vector<std::string>& keys,
+                                            ChangeCallback onChanged,
+                                            PreferencesStatus* status = nullptr);
+
+    // Writes the service's dump for `args` to `fd` (the service writes to it directly).
+    PreferencesStatus dump(int fd, const std::vector<std::string>& args = {});
+
+    // Runs a profile command ("start-profiling", "reset-trace", ...); only root may.
+    PreferencesStatus profile(const std::string& command,
+                              const std::vector<std::string>& args = {});
+
+    // Calls `onDied` once, on a Binder thread, when the service's process goes away (at once if
+    // it already has). Replaces an earlier function.
+    void setOnServiceDied(std::function<void()> onDied);
+    // False once the service's process is known to have gone away.
+    bool isAlive() const;
+
+private:
+    explicit PreferencesClient(std::shared_ptr<PreferencesConnection> connection);
+
+    std::shared_ptr<PreferencesConnection> mConnection;
+};
+
+}  // namespace Halo::OS
