@@ -1,0 +1,52 @@
+// prefs-appinfo: the device simulator that serves the preferences service its packages, users and
+// permissions from a folder of package files.
+#include <binder/IPCThreadState.h>
+#include <binder/ProcessState.h>
+#include <signal.h>
+#include <stdlib.h>
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "prefs-appinfo/AppInfoCommandLine.h"
+#include "prefs-appinfo/AppInfoSimulator.h"
+
+int main(int argc, char** argv) {
+    using Halo::OS::AppInfoCommandLine;
+    AppInfoCommandLine::Options options;
+    std::string error;
+    if (!AppInfoCommandLine::parse(std::vector<std::string>(argv + 1, argv + argc), &options,
+                                   &error)) {
+        fprintf(stderr, "prefs-appinfo: %s (see 'prefs-appinfo --help')\n", error.c_str());
+        return 2;
+    }
+    if (options.help) {
+        fputs(AppInfoCommandLine::usage().c_str(), stdout);
+        return 0;
+    }
+    if (!options.binderDir.empty()) setenv("BINDER_DIR", options.binderDir.c_str(), 1);
+
+    // Blocked before any thread starts, so every thread inherits the mask and sigwait below is
+    // the one place the stop signals arrive.
+    sigset_t stopSignals;
+    sigemptyset(&stopSignals);
+    sigaddset(&stopSignals, SIGINT);
+    sigaddset(&stopSignals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+
+    int status = 0;
+    {
+        Halo::OS::AppInfoSimulator simulator(options.packagesDir);
+        android::ProcessState::self()->startThreadPool();
+        if (!simulator.start(&error)) {
+            fprintf(stderr, "prefs-appinfo: %s\n", error.c_str());
+            status = 1;
+        } else {
+            int signal = 0;
+            sigwait(&stopSignals, &signal);
+        }
+        android::IPCThreadState::self()->stopProcess();
+    }
+    return status;
+}

@@ -1,0 +1,385 @@
+#include "prefs/PrefsCommandLine.h"
+
+#include <cctype>
+#include <cerrno>
+#include <cmath>
+#include <cstdint>
+#include <cstdlib>
+#include <limits>
+
+namespace Halo::OS {
+
+namespace {
+
+using Command = PrefsCommandLine::Command;
+
+struct CommandInfo {
+    Command command;
+    const char* name;
+    const char* help;
+};
+
+const CommandInfo kCommands[] = {
+        {Command::Get, "get",
+         "usage: prefs get KEY [--type TYPE] [--user N | --current]\n"
+         "\n"
+         "Prints the value of KEY on one line: integers and longs in decimal, floats and doubles\n"
+         "with six decimals, booleans as true or false, strings as they are.\n"
+         "\n"
+         "  --type TYPE  read the key as TYPE (integer, long, float, double, boolean, string)\n"
+         "               instead of asking the service for its type first\n"
+         "  --user N     the value of user N (a user-scoped key of another user needs root)\n"
+         "  --current    the value of the device's current user\n"
+         "Without --user or --current the caller's own user is meant.\n"},
+        {Command::Set, "set",
+         "usage: prefs set KEY VALUE [--type TYPE] [--user N | --current]\n"
+         "\n"
+         "Writes VALUE to KEY. Integers and longs are decimal, floats and doubles decimal\n"
+         "numbers, booleans true, false, 1 or 0, strings any text (put \"--\" before a value\n"
+         "that starts with \"--\").\n"
+         "\n"
+         "  --type TYPE  write the key as TYPE instead of asking the service for its type first\n"
+         "  --user N     write the value of user N\n"
+         "  --current    write the value of the device's current user\n"},
+        {Command::Type, "type",
+         "usage: prefs type KEY\n"
+         "\n"
+         "Prints the declared type of KEY: integer, long, float, double, boolean or string.\n"},
+        {Command::Reset, "reset",
+         "usage: prefs reset KEY\n"
+         "\n"
+         "Restores the default value of KEY for the caller's own user.\n"},
+        {Command::Watch, "watch",
+         "usage: prefs watch KEY... [--count N] [--timeout SECONDS]\n"
+         "\n"
+         "Registers a listener for the keys and prints one line per change notification, the\n"
+         "changed keys separated by single blanks. Runs until Ctrl-C, or:\n"
+         "\n"
+         "  --count N          end after N notifications (exit status 0)\n"
+         "  --timeout SECONDS  end after SECONDS without reaching the count (exit status 1)\n"},
+        {Command::Dump, "dump",
+         "usage: prefs dump [ARG]\n"
+         "\n"
+         "Prints the service's dump. ARG selects what is printed:\n"
+         "  all, -a (or nothing)  summary, package manager, key manager and store\n"
+         "  nodb                  summary, package manager and key manager\n"
+         "  db                    the store's tables\n"
+         "  --list                the preference list\n"
+         "  --profile             access counts and times (while profiling is on)\n"
+         "  --trace               the event trace (while tracing is on)\n"
+         "The caller needs the permission to read settings.\n"},
+        {Command::Profile, "profile",
+         "usage: prefs profile WORD\n"
+         "\n"
+         "Runs a profiling command (root only). WORD is one of:\n"
+         "  start-profiling, stop-profiling, reset-profile,\n"
+         "  enable-profile-on-boot, disable-profile-on-boot,\n"
+         "  start-tracing, stop-tracing, reset-trace,\n"
+         "  enable-trace-on-boot, disable-trace-on-boot\n"},
+};
+
+const CommandInfo* findCommand(const std::string& name) {
+    for (const CommandInfo& info : kCommands) {
+        if (name == info.name) return &info;
+    }
+    return nullptr;
+}
+
+const CommandInfo* findCommand(Command command) {
+    for (const CommandInfo& info : kCommands) {
+        if (command == info.command) return &info;
+    }
+    return nullptr;
+}
+
+bool parseInt(const std::string& text, long min, long max, int* out) {
+    if (text.empty() || (!isdigit(static_cast<unsigned char>(text[0])) && text[0] != '-')) {
+        return false;
+    }
+    errno = 0;
+    char* end = nullptr;
+    const long value = strtol(text.c_str(), &end, 10);
+    if (errno != 0 || end != text.c_str() + text.size() || value < min || value > max) {
+        return false;
+    }
+    *out = static_cast<int>(value);
+    return true;
+}
+
+bool parseSeconds(const std::string& text, double* out) {
+    if (text.empty() || !(isdigit(static_cast<unsigned char>(text[0])) || text[0] == '.')) {
+        return false;
+    }
+    errno = 0;
+    char* end = nullptr;
+    const double value = strtod(text.c_str(), &end);
+    if (errno != 0 || end != text.c_str() + text.size() || !std::isfinite(value) || value < 0) {
+        return false;
+    }
+    *out = value;
+    return true;
+}
+
+// Splits "--name=value" into its parts; a word without '=' has no inline value.
+void splitOption(const std::string& word, std::string* name, std::optional<std::string>* value) {
+    const size_t equals = word.find('=');
+    if (equals == std::string::npos) {
+        *name = word;
+        value->reset();
+    } else {
+        *name = word.substr(0, equals);
+        *value = word.substr(equals + 1);
+    }
+}
+
+// Parses the words that follow a command name (except for dump) into `request`.
+class CommandWords {
+public:
+    CommandWords(const CommandInfo& info, Command command) : mInfo(info), mCommand(command) {}
+
+    bool parse(const std::vector<std::string>& words, size_t first,
+               PrefsCommandLine::Request* request, std::string* error) {
+        bool userSeen = false;
+        bool currentSeen = false;
+        bool endOfOptions = false;
+        for (size_t i = first; i < words.size(); ++i) {
+            const std::string& word = words[i];
+            if (endOfOptions || word.compare(0, 2, "--") != 0) {
+                if (!endOfOptions && word == "-h") {
+                    request->command = Command::Help;
+                    request->helpTopic = mCommand;
+                    return true;
+                }
+                mPositional.push_back(word);
+                continue;
+            }
+            if (word == "--") {
+                endOfOptions = true;
+                continue;
+            }
+            std::string name;
+            std::optional<std::string> inlineValue;
+            splitOption(word, &name, &inlineValue);
+            if (name == "--help" && !inlineValue) {
+                request->command = Command::Help;
+                request->helpTopic = mCommand;
+                return true;
+            }
+            const bool typed = mCommand == Command::Get || mCommand == Command::Set;
+            const bool watching = mCommand == Command::Watch;
+            const bool takesValue = (typed && (name == "--type" || name == "--user")) ||
+                                    (watching && (name == "--count" || name == "--timeout"));
+            if (typed && name == "--current") {
+                if (inlineValue) return fail(error, "--current takes no value");
+                currentSeen = true;
+                continue;
+            }
+            if (!takesValue) return fail(error, "unknown option " + name);
+            std::string value;
+            if (inlineValue) {
+                value = *inlineValue;
+            } else if (i + 1 < words.size()) {
+                value = words[++i];
+            } else {
+                return fail(error, name + " needs a value");
+            }
+            if (name == "--type") {
+                PreferenceValue::Type type;
+                if (!PreferenceValue::typeFromName(value, &type)) {
+                    return fail(error,
+                                "unknown type '" + value +
+                                        "' (integer, long, float, double, boolean or string)");
+                }
+                request->type = type;
+            } else if (name == "--user") {
+                int user = 0;
+                if (!parseInt(value, 0, std::numeric_limits<int32_t>::max(), &user)) {
+                    return fail(error, "--user needs a user id (0 or more), not '" + value + "'");
+                }
+                request->target = PreferencesTarget::user(user);
+                userSeen = true;
+            } else if (name == "--count") {
+                int count = 0;
+                if (!parseInt(value, 1, std::numeric_limits<int>::max(), &count)) {
+                    return fail(error, "--count needs a number of 1 or more, not '" + value + "'");
+                }
+                request->count = count;
+            } else {
+                double seconds = 0;
+                if (!parseSeconds(value, &seconds)) {
+                    return fail(error, "--timeout needs a number of seconds, not '" + value + "'");
+                }
+                request->timeoutSeconds = seconds;
+            }
+        }
+        if (userSeen && currentSeen) return fail(error, "--user and --current exclude each other");
+        if (currentSeen) request->target = PreferencesTarget::current();
+        return takePositional(request, error);
+    }
+
+private:
+    bool takePositional(PrefsCommandLine::Request* request, std::string* error) {
+        switch (mCommand) {
+            case Command::Get:
+            case Command::Type:
+            case Command::Reset:
+                if (!expect(1, "KEY", error)) return false;
+                request->key = mPositional[0];
+                return true;
+            case Command::Set:
+                if (!expect(2, mPositional.empty() ? "KEY and VALUE" : "VALUE", error)) {
+                    return false;
+                }
+                request->key = mPositional[0];
+                request->value = mPositional[1];
+                return true;
+            case Command::Profile:
+                if (!expect(1, "WORD", error)) return false;
+                request->key = mPositional[0];
+                return true;
+            case Command::Watch:
+                if (mPositional.empty()) return fail(error, "missing KEY");
+                request->keys = mPositional;
+                return true;
+            case Command::Help:
+            case Command::Dump:
+                break;
+        }
+        return true;
+    }
+
+    bool expect(size_t count, const char* missing, std::string* error) {
+        if (mPositional.size() < count) return fail(error, std::string("missing ") + missing);
+        if (mPositional.size() > count) {
+            return fail(error, "unexpected argument '" + mPositional[count] + "'");
+        }
+        return true;
+    }
+
+    bool fail(std::string* error, const std::string& what) {
+        *error = std::string(mInfo.name) + ": " + what + " (see 'prefs " + mInfo.name + " --help')";
+        return false;
+    }
+
+    const CommandInfo& mInfo;
+    Command mCommand;
+    std::vector<std::string> mPositional;
+};
+
+}  // namespace
+
+bool PrefsCommandLine::parse(const std::vector<std::string>& words, Request* request,
+                             std::string* error) {
+    *request = Request();
+    size_t i = 0;
+    for (; i < words.size(); ++i) {
+        const std::string& word = words[i];
+        if (word.compare(0, 1, "-") != 0) break;
+        std::string name;
+        std::optional<std::string> inlineValue;
+        splitOption(word, &name, &inlineValue);
+        if ((name == "--help" || name == "-h") && !inlineValue) {
+            request->command = Command::Help;
+            if (i + 1 < words.size()) {
+                const CommandInfo* topic = findCommand(words[i + 1]);
+                if (topic == nullptr) {
+                    *error = "unknown command '" + words[i + 1] + "' (see 'prefs --help')";
+                    return false;
+                }
+                request->helpTopic = topic->command;
+            }
+            return true;
+        }
+        if (name != "--binder-dir") {
+            *error = "unknown option " + name + " (see 'prefs --help')";
+            return false;
+        }
+        if (inlineValue) {
+            request->binderDir = *inlineValue;
+        } else if (i + 1 < words.size()) {
+            request->binderDir = words[++i];
+        } else {
+            *error = "--binder-dir needs a directory (see 'prefs --help')";
+            return false;
+        }
+        if (request->binderDir.empty()) {
+            *error = "--binder-dir needs a directory (see 'prefs --help')";
+            return false;
+        }
+    }
+    if (i == words.size()) {
+        *error = "missing command (see 'prefs --help')";
+        return false;
+    }
+    const std::string& name = words[i];
+    if (name == "help") {
+        request->command = Command::Help;
+        if (i + 2 < words.size()) {
+            *error = "help: unexpected argument '" + words[i + 2] + "'";
+            return false;
+        }
+        if (i + 1 < words.size()) {
+            const CommandInfo* topic = findCommand(words[i + 1]);
+            if (topic == nullptr) {
+                *error = "unknown command '" + words[i + 1] + "' (see 'prefs --help')";
+                return false;
+            }
+            request->helpTopic = topic->command;
+        }
+        return true;
+    }
+    const CommandInfo* info = findCommand(name);
+    if (info == nullptr) {
+        *error = "unknown command '" + name + "' (see 'prefs --help')";
+        return false;
+    }
+    request->command = info->command;
+    if (info->command == Command::Dump) {
+        for (size_t j = i + 1; j < words.size(); ++j) {
+            if (words[j] == "--help" || words[j] == "-h") {
+                request->command = Command::Help;
+                request->helpTopic = Command::Dump;
+                request->dumpArgs.clear();
+                return true;
+            }
+            request->dumpArgs.push_back(words[j]);
+        }
+        return true;
+    }
+    return CommandWords(*info, info->command).parse(words, i + 1, request, error);
+}
+
+std::string PrefsCommandLine::overview() {
+    return "usage: prefs [--binder-dir DIR] COMMAND [ARGS]\n"
+           "\n"
+           "Reads and writes preferences through the preferences service, as the user that runs\n"
+           "it (run it with setpriv --reuid=UID --regid=UID --clear-groups to act as an app).\n"
+           "\n"
+           "commands:\n"
+           "  get KEY [--type TYPE] [--user N | --current]        print a value\n"
+           "  set KEY VALUE [--type TYPE] [--user N | --current]  write a value\n"
+           "  type KEY                                            print the declared type\n"
+           "  reset KEY                                           restore the default\n"
+           "  watch KEY... [--count N] [--timeout SECONDS]        print change notifications\n"
+           "  dump [ARG]                                          print the service's state\n"
+           "  profile WORD                                        profiling commands (root)\n"
+           "  help [COMMAND]                                      this text, or a command's\n"
+           "\n"
+           "options:\n"
+           "  --binder-dir DIR  the directory of the Binder services (default: $BINDER_DIR,\n"
+           "                    else /run/binder)\n"
+           "\n"
+           "exit status: 0 ok, 1 the service refused, 2 usage error, 3 service not reachable\n";
+}
+
+std::string PrefsCommandLine::commandHelp(Command command) {
+    const CommandInfo* info = findCommand(command);
+    return info != nullptr ? info->help : overview();
+}
+
+const char* PrefsCommandLine::commandName(Command command) {
+    const CommandInfo* info = findCommand(command);
+    return info != nullptr ? info->name : "help";
+}
+
+}  // namespace Halo::OS

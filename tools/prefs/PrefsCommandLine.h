@@ -1,0 +1,62 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "client/PreferenceValue.h"
+#include "client/PreferencesTarget.h"
+
+namespace Halo::OS {
+
+// The command line of `prefs`:
+//
+//   prefs [--binder-dir DIR] get KEY [--type TYPE] [--user N | --current]
+//   prefs [--binder-dir DIR] set KEY VALUE [--type TYPE] [--user N | --current]
+//   prefs [--binder-dir DIR] type KEY
+//   prefs [--binder-dir DIR] reset KEY
+//   prefs [--binder-dir DIR] watch KEY... [--count N] [--timeout SECONDS]
+//   prefs [--binder-dir DIR] dump [ARG]
+//   prefs [--binder-dir DIR] profile WORD
+//   prefs --help | prefs help [COMMAND] | prefs COMMAND --help
+//
+// Options take their value as the next word or after '='. A word that does not start with "--"
+// (such as "-5") is a positional argument, and so is every word after "--". The words after
+// `dump` are passed to the service as they are (its arguments start with "--").
+class PrefsCommandLine {
+public:
+    enum class Command { Help, Get, Set, Type, Reset, Watch, Dump, Profile };
+
+    struct Request {
+        Command command = Command::Help;
+        // Empty: the environment's BINDER_DIR (or the runtime's default) stays in force.
+        std::string binderDir;
+        // Help: the command whose help is asked for; nothing for the overview.
+        std::optional<Command> helpTopic;
+        // get, set, type, reset: the key; set: the value text; profile: the word.
+        std::string key;
+        std::string value;
+        // get, set: the --type given, if any.
+        std::optional<PreferenceValue::Type> type;
+        PreferencesTarget target = PreferencesTarget::caller();
+        // watch: the keys, --count and --timeout.
+        std::vector<std::string> keys;
+        std::optional<int> count;
+        std::optional<double> timeoutSeconds;
+        // dump: the arguments passed to the service.
+        std::vector<std::string> dumpArgs;
+    };
+
+    // Parses the words after the program name. On a usage error returns false and sets `error`
+    // to one line naming what is wrong (without the "prefs: " prefix).
+    static bool parse(const std::vector<std::string>& words, Request* request, std::string* error);
+
+    // The overview printed by `prefs --help`.
+    static std::string overview();
+    // The help of one command, printed by `prefs COMMAND --help`.
+    static std::string commandHelp(Command command);
+    // The name of a command as typed ("get", ...); "help" for Help.
+    static const char* commandName(Command command);
+};
+
+}  // namespace Halo::OS
