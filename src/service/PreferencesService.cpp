@@ -1,14 +1,42 @@
+#define LOG_TAG "PreferencesService"
+
 #include "service/PreferencesService.h"
+
+#include <binder/IPCThreadState.h>
+#include <binder/PermissionCache.h>
+#include <fmt/format.h>
+#include <log/log.h>
+#include <stdio.h>
+#include <utils/String8.h>
 
 #include <cstdlib>
 #include <utility>
 
+#include "intake/LegacySettingsDbHelper.h"
+#include "intake/PreferencesLegacyKeysMigrationManager.h"
+#include "intake/PreferencesNativeServiceManager.h"
+#include "intake/PreferencesVersionManager.h"
 #include "service/String16Utils.h"
 
 namespace Halo::OS {
 namespace {
 
 using android::String16;
+
+constexpr const char* kWrongArguments =
+        "   wrong arguments. argument: all or <empty>, nodb, db, --list, --profile\n";
+constexpr const char* kWrongArgument =
+        "   wrong arguments. argument: all or <empty>, nodb, db, --list, --profile, --trace\n";
+
+const char* trueFalse(bool value) {
+    return value ? "True" : "False";
+}
+
+// Logs a failed read or write of a one-shot switch with the status it got.
+void logStatusError(const std::string& text, const android::binder::Status& status) {
+    ALOGE("%s; status code = %d (%s)", text.c_str(), status.exceptionCode(),
+          status.exceptionMessage().c_str());
+}
 using android::binder::Status;
 using Type = PreferencesKeyInfo::Type;
 
@@ -75,10 +103,12 @@ PreferencesService::PreferencesService()
     : PreferencesService(std::make_shared<PreferencesKeyManager>()) {}
 
 PreferencesService::PreferencesService(std::shared_ptr<PreferencesKeyManager> keyManager)
-    : mKeyManager(std::move(keyManager)) {}
+    : mKeyManager(std::move(keyManager)),
+      mPackageManager(std::make_unique<PreferencesPackageManager>(mKeyManager)) {}
 
 PreferencesService::~PreferencesService() {
     mOverrides.reset();
+    mPackageManager.reset();
     mKeyManager.reset();
 }
 
@@ -298,6 +328,173 @@ Status PreferencesService::registerListener(const android::sp<IPreferencesListen
 
 Status PreferencesService::unregisterListener(const android::sp<IPreferencesListener>& listener) {
     return toStatus(mKeyManager->unregisterListener(listener));
+}
+
+// ---- Start-up steps ----
+
+bool PreferencesService::migrateLegacyKeys() {
+    return migrateLegacyKeys(LegacySettingsDbHelper::kDefaultDirectory);
+}
+
+bool PreferencesService::migrateLegacyKeys(const std::string& legacyDirectory) {
+    PreferencesLegacyKeysMigrationManager migration(
+            mKeyManager, std::make_shared<LegacySettingsDbHelper>(legacyDirectory));
+    return migration.migrateLegacyKeys();
+}
+
+bool PreferencesService::injectNativeServiceKeys() {
+    PreferencesNativeServiceManager nativeServices(mKeyManager);
+    return nativeServices.injectNativeServiceKeys();
+}
+
+bool PreferencesService::upgradeToLatestVersion() {
+    PreferencesVersionManager versions(mKeyManager);
+    return versions.upgradeToLatestVersion();
+}
+
+void PreferencesService::handleProfileAndTraceOnBoot() {
+    applyOnBootSwitch(kProfileOnBootKey, &PreferencesService::setProfiling);
+    applyOnBootSwitch(kTraceOnBootKey, &PreferencesService::setTracing);
+}
+
+void PreferencesService::applyOnBootSwitch(const char* key,
+                                           void (PreferencesService::*apply)(bool)) {
+    const String16 name(key);
+    bool on = false;
+    const Status read = getBoolean(name, &on);
+    if (!read.isOk()) logStatusError(fmt::format("Error getting {}", key), read);
+    (this->*apply)(on);
+    if (!on) return;
+    const Status cleared = setBoolean(name, false);
+    if (!cleared.isOk()) logStatusError(fmt::format("Error setting {} to false", key), cleared);
+}
+
+// ---- Profiling and tracing ----
+
+void PreferencesService::setProfiling(bool on) {
+    if (mKeyManager == nullptr) {
+        ALOGE("Cannot set profiling because the key manager is null");
+        return;
+    }
+    mKeyManager->setProfiling(on);
+    ALOGD("Profiling is %s", on ? "enabled" : "disabled");
+}
+
+void PreferencesService::setTracing(bool on) {
+    if (mKeyManager == nullptr) {
+        ALOGE("Cannot set tracing because the key manager is null");
+        return;
+    }
+    mKeyManager->setTracing(on);
+    ALOGD("Tracing is %s", on ? "enabled" : "disabled");
+}
+
+bool PreferencesService::profiling() const {
+    return mKeyManager != nullptr && mKeyManager->profiling();
+}
+
+bool PreferencesService::tracing() const {
+    return mKeyManager != nullptr && mKeyManager->tracing();
+}
+
+void PreferencesService::setProfileOnBoot(bool on) {
+    setOnBoot(kProfileOnBootKey, on);
+}
+
+void PreferencesService::setTraceOnBoot(bool on) {
+    setOnBoot(kTraceOnBootKey, on);
+}
+
+void PreferencesService::setOnBoot(const char* key, bool on) {
+    const Status status = setBoolean(String16(key), on);
+    const std::string text = fmt::format("Error setting {} to {}", key, on);
+    if (!status.isOk()) logStatusError(text, status);
+}
+
+// ---- Commands ----
+
+Status PreferencesService::profile(const std::string& command,
+                                   const std::vector<std::string>& /*args*/) {
+    const uid_t uid = android::IPCThreadState::self()->getCallingUid();
+    if (uid != 0) {
+        ALOGE("Profile request is denied for UID %u; must be root", static_cast<unsigned>(uid));
+        return Status::fromExceptionCode(Status::EX_UNSUPPORTED_OPERATION);
+    }
+    if (command == "start-profiling") {
+        setProfiling(true);
+    } else if (command == "stop-profiling") {
+        setProfiling(false);
+    } else if (command == "enable-profile-on-boot") {
+        setProfileOnBoot(true);
+    } else if (command == "disable-profile-on-boot") {
+        setProfileOnBoot(false);
+    } else if (command == "reset-profile") {
+        if (mKeyManager != nullptr) mKeyManager->resetProfile();
+    } else if (command == "start-tracing") {
+        setTracing(true);
+    } else if (command == "stop-tracing") {
+        setTracing(false);
+    } else if (command == "enable-trace-on-boot") {
+        setTraceOnBoot(true);
+    } else if (command == "disable-trace-on-boot") {
+        setTraceOnBoot(false);
+    } else if (command == "reset-trace") {
+        if (mKeyManager != nullptr) mKeyManager->resetTrace();
+    } else {
+        return Status::fromExceptionCode(Status::EX_ILLEGAL_ARGUMENT);
+    }
+    return Status::ok();
+}
+
+int PreferencesService::dumpSections(const android::Vector<String16>& args) {
+    if (args.isEmpty())
+        return kDumpSummary | kDumpKeyManager | kDumpPackageManager | kDumpDatabases;
+    const android::String8 utf8(args[0]);
+    const std::string word(utf8.c_str(), utf8.size());
+    if (word == "all" || word == "-a") {
+        return kDumpSummary | kDumpKeyManager | kDumpPackageManager | kDumpDatabases;
+    }
+    if (word == "nodb") return kDumpSummary | kDumpKeyManager | kDumpPackageManager;
+    if (word == "db") return kDumpDatabases;
+    if (word == "--list") return kDumpPreferences;
+    if (word == "--profile") return kDumpProfile;
+    if (word == "--trace") return kDumpTrace;
+    return 0;
+}
+
+android::status_t PreferencesService::dump(int fd, const android::Vector<String16>& args) {
+    if (!android::PermissionCache::checkCallingPermission(
+                String16(PreferencesKeyManager::kReadPermission))) {
+        dprintf(fd, "lack of root privilege: adb root\n");
+        return android::PERMISSION_DENIED;
+    }
+    dprintf(fd, "PreferencesStore properties:\n");
+    if (args.size() > 1) {
+        dprintf(fd, "%s", kWrongArguments);
+        return android::OK;
+    }
+    const int sections = dumpSections(args);
+    if (sections == 0) {
+        dprintf(fd, "%s", kWrongArgument);
+        return android::OK;
+    }
+    if ((sections & kDumpSummary) != 0) {
+        dprintf(fd, "  PreferencesService Service:\n");
+        dprintf(fd, "      KeyManager exists:           %s\n", trueFalse(mKeyManager != nullptr));
+        dprintf(fd, "      PackageManager exists:       %s\n",
+                trueFalse(mPackageManager != nullptr));
+    }
+    if ((sections & kDumpPackageManager) != 0 && mPackageManager != nullptr) {
+        mPackageManager->dump(fd);
+    }
+    if (mKeyManager != nullptr) {
+        if ((sections & kDumpKeyManager) != 0) mKeyManager->dump(fd);
+        if ((sections & kDumpDatabases) != 0) mKeyManager->dumpDb(fd);
+        if ((sections & kDumpPreferences) != 0) mKeyManager->dumpPreferences(fd);
+        if ((sections & kDumpProfile) != 0) mKeyManager->dumpProfile(fd);
+        if ((sections & kDumpTrace) != 0) mKeyManager->dumpTrace(fd);
+    }
+    return android::OK;
 }
 
 }  // namespace Halo::OS

@@ -3,14 +3,17 @@
 #include <binder/Status.h>
 #include <lumen/preferences/BnPreferencesService.h>
 #include <lumen/preferences/IPreferencesListener.h>
+#include <utils/Errors.h>
 #include <utils/String16.h>
 #include <utils/StrongPointer.h>
+#include <utils/Vector.h>
 
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "intake/PreferencesPackageManager.h"
 #include "keymanager/PreferencesKeyManager.h"
 #include "model/PreferencesKeyInfo.h"
 #include "service/PreferencesOverrides.h"
@@ -39,8 +42,14 @@ namespace Halo::OS {
 // and the ...User ones for the user id given. Only plain setInteger and getInteger, getType and
 // reset consult PreferencesOverrides.
 //
+// Life of a host: construct (the package manager starts connecting to the app-info service at
+// once), run the start-up steps migrateLegacyKeys, injectNativeServiceKeys,
+// upgradeToLatestVersion and handleProfileAndTraceOnBoot on one thread, publish, serve. The
+// constructors run none of the steps. Destruction stops the package manager and releases the key
+// manager; no Binder thread may still be inside the service then.
+//
 // Threads: Binder threads call in concurrently; the service adds no lock (the key manager
-// serialises).
+// serialises). The start-up steps run on the host's thread.
 class PreferencesService : public lumen::preferences::BnPreferencesService {
 public:
     using Status = android::binder::Status;
@@ -50,10 +59,25 @@ public:
     // The service-specific error of a getter called with a null out-pointer.
     static constexpr int32_t kNullOutValue = -10;
 
-    // Creates the key manager with its default store (the device's preference databases).
+    static constexpr const char* kProfileOnBootKey = "preferences_profile_on_boot_one_shot";
+    static constexpr const char* kTraceOnBootKey = "preferences_trace_on_boot_one_shot";
+
+    // Dump section bits: the arguments select a set of them.
+    static constexpr int kDumpSummary = 1;
+    static constexpr int kDumpKeyManager = 2;
+    static constexpr int kDumpPackageManager = 4;
+    static constexpr int kDumpDatabases = 8;
+    static constexpr int kDumpPreferences = 16;
+    static constexpr int kDumpProfile = 32;
+    static constexpr int kDumpTrace = 64;
+
+    // Creates the key manager with its default store (the device's preference databases), then
+    // creates the package manager, which starts connecting to the app-info service.
     PreferencesService();
-    // Shares `keyManager`, which must not be null.
+    // Shares `keyManager`, which must not be null, then creates and starts the package manager
+    // as above.
     explicit PreferencesService(std::shared_ptr<PreferencesKeyManager> keyManager);
+    // Destroys the package manager (which stops it), then releases the key manager.
     ~PreferencesService() override;
 
     PreferencesService(const PreferencesService&) = delete;
@@ -117,6 +141,52 @@ public:
                             const std::vector<String16>& keys, bool flag) override;
     Status unregisterListener(const android::sp<IPreferencesListener>& listener) override;
 
+    // ---- Start-up steps (the host's thread, before or after publishing) ----
+
+    // Migrates the legacy settings databases of the device's default directory
+    // (LegacySettingsDbHelper::kDefaultDirectory) once; see PreferencesLegacyKeysMigrationManager.
+    // False when the migration must be tried again at the next start.
+    bool migrateLegacyKeys();
+    // The same with the legacy databases in `legacyDirectory`.
+    bool migrateLegacyKeys(const std::string& legacyDirectory);
+    // Declares the native-service keys of the process-wide device configuration
+    // (PreferencesDeviceConfig::instance()); false when the key manager refused them.
+    bool injectNativeServiceKeys();
+    // Takes the store to PreferencesVersionManager::kLatestVersion; false when a step failed.
+    bool upgradeToLatestVersion();
+    // Reads the one-shot switches kProfileOnBootKey and kTraceOnBootKey: a switch that is on
+    // turns profiling (tracing) on and is written back to false; a switch that is off, or that
+    // cannot be read, turns it off. Failures are logged only.
+    void handleProfileAndTraceOnBoot();
+
+    // ---- Profiling and tracing ----
+
+    // Forward to the key manager; without one they only log. The getters return false without
+    // a key manager.
+    void setProfiling(bool on);
+    void setTracing(bool on);
+    bool profiling() const;
+    bool tracing() const;
+    // Write the one-shot switches through the plain setBoolean (as the caller); a refusal is
+    // logged only.
+    void setProfileOnBoot(bool on);
+    void setTraceOnBoot(bool on);
+
+    // The profile command, for uid 0 only (any other caller gets the exception
+    // EX_UNSUPPORTED_OPERATION, -7). `command` is one of, exactly, "start-profiling",
+    // "stop-profiling", "enable-profile-on-boot", "disable-profile-on-boot", "reset-profile",
+    // "start-tracing", "stop-tracing", "enable-trace-on-boot", "disable-trace-on-boot",
+    // "reset-trace"; any other word is the exception EX_ILLEGAL_ARGUMENT (-3). A known command
+    // returns ok even when it could not act. `args` is not used.
+    Status profile(const std::string& command, const std::vector<std::string>& args) override;
+
+    // The answer to the platform's dump request, written to `fd`. A caller without
+    // READ_SETTINGS gets one refusal line and PERMISSION_DENIED. Arguments: none, "all" or "-a"
+    // (summary, package manager, key manager, databases), "nodb" (the same without databases),
+    // "db", "--list" (preference table), "--profile", "--trace"; any other word, or more than one
+    // argument, prints a usage line. Returns OK otherwise.
+    android::status_t dump(int fd, const android::Vector<String16>& args) override;
+
 private:
     using Type = PreferencesKeyInfo::Type;
 
@@ -137,7 +207,16 @@ private:
     template <typename T>
     Status getTyped(Flavour flavour, const String16& key, int32_t userId, T* out);
 
+    // Turns profiling (tracing) on or off as setProfiling does and, when the switch `key` was on,
+    // writes it back to false.
+    void applyOnBootSwitch(const char* key, void (PreferencesService::*apply)(bool));
+    // Writes the one-shot switch `key`; a refusal is logged.
+    void setOnBoot(const char* key, bool on);
+    // The section set for the dump arguments; 0 for arguments that select nothing known.
+    static int dumpSections(const android::Vector<String16>& args);
+
     std::shared_ptr<PreferencesKeyManager> mKeyManager;
+    std::unique_ptr<PreferencesPackageManager> mPackageManager;
     // Stays empty: the override operations are process-wide and need no instance.
     std::unique_ptr<PreferencesOverrides> mOverrides;
 };

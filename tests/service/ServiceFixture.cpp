@@ -67,7 +67,7 @@ void ServiceTest::SetUp() {
     mManager = std::make_shared<CountingKeyManager>(
             std::make_unique<DirectoryPreferencesDb>(mDataDir.path()));
     ASSERT_TRUE(apply(appSchemaList()));
-    mService = new ServiceUnderTest(mManager);
+    mService = new PreferencesService(mManager);
 }
 
 void ServiceTest::TearDown() {

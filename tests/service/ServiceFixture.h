@@ -8,7 +8,6 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <type_traits>
 #include <vector>
 
 #include "keymanager/PreferencesKeyManager.h"
@@ -50,17 +49,6 @@ private:
     std::atomic<bool> mFixed{false};
     std::atomic<uid_t> mCaller{0};
 };
-
-// The profile command is not part of the service yet; until it is, the tests fill its slot.
-class ProfileRefusingService : public PreferencesService {
-public:
-    using PreferencesService::PreferencesService;
-    Status profile(const std::string&, const std::vector<std::string>&) override {
-        return Status::fromExceptionCode(Status::EX_UNSUPPORTED_OPERATION);
-    }
-};
-using ServiceUnderTest = std::conditional_t<std::is_abstract_v<PreferencesService>,
-                                            ProfileRefusingService, PreferencesService>;
 
 // A directory for published Binder services, shared by the whole test process and set as
 // $BINDER_DIR; searchable by every uid.
