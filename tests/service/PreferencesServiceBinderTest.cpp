@@ -1,5 +1,5 @@
-// The service published in the test process and called by prefs_service_test_client, a separate
-// process that runs under an app uid.
+// The service published in the test process and called by prefs_test_client, a separate process
+// that runs under an app uid.
 #include <android-base/properties.h>
 #include <android/os/BnPermissionController.h>
 #include <binder/IServiceManager.h>

@@ -1,15 +1,22 @@
-// A Binder client of the preferences service for the service tests, run as a separate process
-// (under an app uid when the test runs as root).
+// A Binder client of the preferences service for the service and daemon tests, run as a separate
+// process (under an app uid when the test runs as root).
 //
-//   prefs_service_test_client SERVICE OP ARG... [OP ARG...]...
+//   prefs_test_client SERVICE OP ARG... [OP ARG...]...
 //
-// OP is a method name of IPreferencesService other than the listener and profile methods; its
-// arguments follow in the method's order (key, value, user id; a getter's user id before its
-// out-value). In keys and string values "%00" stands for a NUL. Prints one line per operation:
-// "ok" or "ok VALUE", "error CODE" for a service-specific error, "exception CODE" otherwise.
-// Doubles print with 17 significant digits and floats with 9, so no value is rounded on the way.
+// OP is a method name of IPreferencesService other than the listener methods; its arguments
+// follow in the method's order (key, value, user id; a getter's user id before its out-value;
+// profile takes one command word). In keys and string values "%00" stands for a NUL. Prints one
+// line per operation, as soon as it is answered: "ok" or "ok VALUE", "error CODE" for a
+// service-specific error, "exception CODE" otherwise. Doubles print with 17 significant digits
+// and floats with 9, so no value is rounded on the way.
+//
+// "dump COUNT ARG..." sends the platform's dump request with COUNT arguments and this process's
+// standard output as the file descriptor: the service's text appears in the output, followed by
+// the line "dump STATUS" with the transaction's status.
+#include <binder/IBinder.h>
 #include <binder/IServiceManager.h>
 #include <lumen/preferences/IPreferencesService.h>
+#include <unistd.h>
 #include <utils/String16.h>
 #include <utils/String8.h>
 
@@ -189,6 +196,16 @@ const std::map<std::string, Op>& operations() {
                         &S::getFloatCurrent, &S::setFloatUser, &S::getFloatUser);
         (*made)["getType"] = getter<int32_t>(&S::getType);
         (*made)["reset"] = [](Service& s, Args& a) { report(s.reset(a.text())); };
+        (*made)["profile"] = [](Service& s, Args& a) { report(s.profile(a.next(), {})); };
+        (*made)["dump"] = [](Service& s, Args& a) {
+            const long count = std::strtol(a.next().c_str(), nullptr, 10);
+            android::Vector<String16> dumpArgs;
+            for (long i = 0; i < count; ++i) dumpArgs.add(a.text());
+            fflush(stdout);
+            const android::status_t status =
+                    android::IInterface::asBinder(&s)->dump(STDOUT_FILENO, dumpArgs);
+            printf("dump %d\n", status);
+        };
         return made;
     }();
     return *ops;
@@ -197,6 +214,8 @@ const std::map<std::string, Op>& operations() {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // A test reads each answer as it comes, also when the service dies in the middle.
+    setvbuf(stdout, nullptr, _IOLBF, 0);
     Args args(argc, argv);
     const android::sp<IPreferencesService> service = android::interface_cast<IPreferencesService>(
             android::defaultServiceManager()->getService(args.text()));
