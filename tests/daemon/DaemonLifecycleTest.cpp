@@ -1,0 +1,276 @@
+// preferencesd as a process: start-up on a new or existing store, properties across restarts, a
+// shutdown in the middle of writes, and the errors it refuses to start with.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "daemon/DaemonFixture.h"
+
+namespace Halo::OS::testing {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+constexpr const char* kAutosleepProperty = "persist.halo.prefs_overrides.autosleep_time";
+
+std::string readFile(const std::string& path) {
+    std::ifstream file(path);
+    std::stringstream text;
+    text << file.rdbuf();
+    return text.str();
+}
+
+// The package, preference and permission rows of a store dump, sorted.
+std::vector<std::string> declarations(const std::string& dump) {
+    std::vector<std::string> rows;
+    std::istringstream lines(dump);
+    for (std::string line; std::getline(lines, line);) {
+        if (line.rfind("  > Package:", 0) == 0 || line.rfind("  > Preference:", 0) == 0 ||
+            line.rfind("  > Permission:", 0) == 0) {
+            rows.push_back(line);
+        }
+    }
+    std::sort(rows.begin(), rows.end());
+    return rows;
+}
+
+class DaemonLifecycleTest : public DaemonTest {
+protected:
+    // Runs a daemon that must refuse to start; returns its exit status and its whole output.
+    std::pair<int, std::string> refusedStart(const std::vector<std::string>& args, uid_t uid = 0) {
+        const std::string logPath = mRoot.file("refused.log");
+        unlink(logPath.c_str());
+        DaemonProcess daemon(args, logPath, uid);
+        const int status = daemon.wait();
+        EXPECT_TRUE(WIFEXITED(status)) << status;
+        return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readFile(logPath)};
+    }
+};
+
+TEST_F(DaemonLifecycleTest, NewStoreIsAtTheLatestVersionAndKeepsEveryValueAcrossRestarts) {
+    ASSERT_FALSE(std::filesystem::exists(mDataDir));
+    start();
+    struct stat st {};
+    ASSERT_EQ(0, stat(mDataDir.c_str(), &st));
+    EXPECT_EQ(0700u, st.st_mode & 0777) << "the store is private to the service";
+
+    const std::string db = dump({"db"});
+    EXPECT_THAT(db, HasSubstr("  > Value: preferences_version | 2\n"));
+    for (const char* key :
+         {"preferences_version", "current_user",
+          "preferences_service_legacy_keys_migration_status_key",
+          "preferences_profile_on_boot_one_shot", "preferences_trace_on_boot_one_shot",
+          "audio_master_volume_step", "crash_upload_consent", "test_integer", "stream_399"}) {
+        EXPECT_THAT(db, HasSubstr(std::string("  > Preference: ") + key + " |")) << key;
+    }
+
+    const std::vector<std::string> writes = {
+            "setInteger", "test_integer", "-42",  "setLong",   "test_long",   "9000000000",
+            "setFloat",   "test_float",   "0.25", "setDouble", "test_double", "-1.5",
+            "setBoolean", "test_boolean", "true", "setString", "test_string", "h\xc3\xa9llo"};
+    const std::vector<std::string> reads = {
+            "getInteger", "test_integer", "getLong",    "test_long",    "getFloat",  "test_float",
+            "getDouble",  "test_double",  "getBoolean", "test_boolean", "getString", "test_string"};
+    const std::vector<std::string> expected = {"ok -42",  "ok 9000000000", "ok 0.25",
+                                               "ok -1.5", "ok true",       "ok h\xc3\xa9llo"};
+    EXPECT_EQ(std::vector<std::string>(6, "ok"), client(writes));
+    EXPECT_EQ(expected, client(reads));
+
+    restart();
+    EXPECT_EQ(expected, client(reads));
+    EXPECT_EQ(declarations(db), declarations(dump({"db"}))) << "a restart changes no declaration";
+    EXPECT_THAT(dump({"db"}), HasSubstr("  > Value: preferences_version | 2\n"));
+
+    restart();
+    EXPECT_EQ(expected, client(reads));
+}
+
+TEST_F(DaemonLifecycleTest, PropertiesAreSeededAndPersistedOverridesWinAfterARestart) {
+    const std::string propertyFile = mRoot.file("device.prop");
+    std::ofstream(propertyFile) << "# seeded defaults\n"
+                                << "persist.halo.prefs_default.seeded_a=11\n"
+                                << "persist.halo.prefs_default.seeded_b=21\n"
+                                << kAutosleepProperty << "=8\n";
+    const std::vector<std::string> seeds = {
+            "--property-file", propertyFile,
+            "--property",      "persist.halo.prefs_default.seeded_b=22",
+            "--property",      std::string(kAutosleepProperty) + "=9"};
+    start(seeds);
+    EXPECT_EQ((std::vector<std::string>{"ok 11", "ok 22", "ok 9", "ok 7"}),
+              client({"getInteger", "seeded_a", "getInteger", "seeded_b", "getInteger",
+                      "autosleep_time", "getIntegerCurrent", "autosleep_time"}));
+
+    // Plain setInteger writes the override property as well as the store; the Current flavour
+    // writes the store only.
+    EXPECT_EQ((std::vector<std::string>{"ok", "ok", "ok 42", "ok 5"}),
+              client({"setInteger", "autosleep_time", "42", "setIntegerCurrent", "autosleep_time",
+                      "5", "getInteger", "autosleep_time", "getIntegerCurrent", "autosleep_time"}));
+    EXPECT_THAT(readFile(mDataDir + "/persist.properties"),
+                HasSubstr(std::string(kAutosleepProperty) + "=42\n"));
+
+    // The persisted value wins over the seeds given again.
+    restart(seeds);
+    EXPECT_EQ((std::vector<std::string>{"ok 42", "ok 5"}),
+              client({"getInteger", "autosleep_time", "getIntegerCurrent", "autosleep_time"}));
+    restart();
+    EXPECT_EQ("ok 42", call({"getInteger", "autosleep_time"}));
+
+    // reset empties the property, which leaves the file too.
+    EXPECT_EQ("ok", call({"reset", "autosleep_time"}));
+    restart();
+    EXPECT_EQ("ok 7", call({"getInteger", "autosleep_time"}));
+    EXPECT_THAT(readFile(mDataDir + "/persist.properties"), Not(HasSubstr(kAutosleepProperty)));
+}
+
+TEST_F(DaemonLifecycleTest, SigtermDuringWritesExitsZeroAndKeepsEveryAnsweredWrite) {
+    start();
+    // Two writers, each on its own half of the stream keys, value = 1000 + index.
+    std::vector<std::vector<std::string>> ops(2);
+    for (int i = 0; i < kStreamKeys; ++i) {
+        ops[i % 2].insert(ops[i % 2].end(),
+                          {"setInteger", "stream_" + std::to_string(i), std::to_string(1000 + i)});
+    }
+    ChildProcess first(clientArgs(ops[0]));
+    ChildProcess second(clientArgs(ops[1]));
+
+    std::vector<std::vector<std::string>> answers(2);
+    while (answers[0].size() < 20) {
+        const auto line = first.readLine(std::chrono::seconds(60));
+        ASSERT_TRUE(line.has_value());
+        answers[0].push_back(*line);
+    }
+    const int status = mDaemon->stop(SIGTERM);
+    mDaemon.reset();
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status << "\n" << log();
+
+    while (auto line = first.readLine(std::chrono::seconds(60))) answers[0].push_back(*line);
+    while (auto line = second.readLine(std::chrono::seconds(60))) answers[1].push_back(*line);
+    first.wait();
+    second.wait();
+
+    start();
+    std::vector<std::string> reads;
+    std::vector<int> answered;
+    for (int writer = 0; writer < 2; ++writer) {
+        for (size_t n = 0; n < answers[writer].size(); ++n) {
+            if (answers[writer][n] != "ok") continue;
+            const int index = static_cast<int>(n) * 2 + writer;
+            answered.push_back(index);
+            reads.insert(reads.end(), {"getInteger", "stream_" + std::to_string(index)});
+        }
+    }
+    ASSERT_GE(answered.size(), 20u);
+
+    const std::vector<std::string> values = client(reads);
+    ASSERT_EQ(answered.size(), values.size());
+    for (size_t i = 0; i < answered.size(); ++i) {
+        EXPECT_EQ("ok " + std::to_string(1000 + answered[i]), values[i])
+                << "stream_" << answered[i] << " was answered ok before the shutdown";
+    }
+}
+
+TEST_F(DaemonLifecycleTest, RefusesToStartWithOneLineSayingWhy) {
+    start();
+    // A second daemon in the same service directory, and one on the same data directory.
+    auto [code, output] = refusedStart(daemonArgs({"--data-dir", mRoot.file("other")}));
+    EXPECT_EQ(1, code);
+    EXPECT_EQ("preferencesd: another preferencesd is already serving PreferencesService in " +
+                      mBinderDir + "\n",
+              output);
+    std::tie(code, output) = refusedStart(daemonArgs({"--binder-dir", mRoot.file("binder2")}));
+    EXPECT_EQ(1, code);
+    EXPECT_EQ("preferencesd: data directory " + mDataDir + " is in use by another preferencesd\n",
+              output);
+    // The first daemon is undisturbed.
+    EXPECT_EQ("ok 1", call({"getInteger", "test_integer"}));
+    stop();
+
+    // As an app: a data directory it may not create, a socket directory it may not write.
+    const std::string own = mRoot.file("app");
+    std::filesystem::create_directories(own + "/binder");
+    ASSERT_EQ(0, chown(own.c_str(), kAppUid, kAppUid));
+    ASSERT_EQ(0, chown((own + "/binder").c_str(), kAppUid, kAppUid));
+    const std::string rootOnly = mRoot.file("root-only");
+    std::filesystem::create_directories(rootOnly);
+    chmod(rootOnly.c_str(), 0755);
+    std::tie(code, output) =
+            refusedStart({PREFERENCESD, "--binder-dir", own + "/binder", "--data-dir",
+                          rootOnly + "/data", "--config-dir", mConfigDir},
+                         kAppUid);
+    EXPECT_EQ(1, code);
+    EXPECT_EQ(
+            "preferencesd: cannot create data directory " + rootOnly + "/data: Permission denied\n",
+            output);
+    std::tie(code, output) = refusedStart({PREFERENCESD, "--binder-dir", rootOnly, "--data-dir",
+                                           own + "/data", "--config-dir", mConfigDir},
+                                          kAppUid);
+    EXPECT_EQ(1, code);
+    EXPECT_EQ(
+            "preferencesd: socket directory " + rootOnly + " is not writable: Permission denied\n",
+            output);
+
+    // Files named on the command line that cannot be used.
+    std::tie(code, output) =
+            refusedStart(daemonArgs({"--property-file", mRoot.file("missing.prop")}));
+    EXPECT_EQ(1, code);
+    EXPECT_THAT(output, HasSubstr("preferencesd: cannot read the property file " +
+                                  mRoot.file("missing.prop") + "\n"));
+    std::tie(code, output) =
+            refusedStart(daemonArgs({"--telemetry-lib", mRoot.file("missing.so")}));
+    EXPECT_EQ(1, code);
+    EXPECT_THAT(output, HasSubstr("preferencesd: cannot load the telemetry library " +
+                                  mRoot.file("missing.so") + "\n"));
+
+    // A wrong command line.
+    for (const auto& [args, message] :
+         std::vector<std::pair<std::vector<std::string>, std::string>>{
+                 {{"--verbose"}, "unknown option '--verbose'"},
+                 {{"extra"}, "unexpected argument 'extra'"},
+                 {{"--threads", "0"}, "option '--threads' needs a number from 1 to 256, got '0'"},
+                 {{"--threads=12x"}, "option '--threads' needs a number from 1 to 256, got '12x'"},
+                 {{"--property", "novalue"}, "option '--property' needs KEY=VALUE, got 'novalue'"},
+                 {{"--data-dir"}, "option '--data-dir' needs a value"},
+                 {{"--data-dir="}, "option '--data-dir' needs a non-empty value"}}) {
+        std::vector<std::string> argv = {PREFERENCESD};
+        argv.insert(argv.end(), args.begin(), args.end());
+        std::tie(code, output) = refusedStart(argv);
+        EXPECT_EQ(2, code) << message;
+        EXPECT_EQ("preferencesd: " + message + " (see preferencesd --help)\n", output);
+    }
+    // Nothing of the refused daemons was left behind.
+    EXPECT_FALSE(std::filesystem::exists(mRoot.file("other/system.db")));
+    EXPECT_FALSE(std::filesystem::exists(mRoot.file("binder2/PreferencesService")));
+}
+
+TEST_F(DaemonLifecycleTest, HelpAndARunTimeLoadedTelemetryLibrary) {
+    const std::string logPath = mRoot.file("help.log");
+    DaemonProcess help({PREFERENCESD, "--help"}, logPath);
+    const int status = help.wait();
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    const std::string usage = readFile(logPath);
+    for (const char* option :
+         {"--binder-dir", "--data-dir", "--legacy-dir", "--config-dir", "--property KEY=VALUE",
+          "--property-file", "--telemetry-lib", "--threads", "persist.properties", "Exit status"}) {
+        EXPECT_THAT(usage, HasSubstr(option));
+    }
+
+    start({"--telemetry-lib", TELEMETRY_TEST_SINK, "--threads", "2"});
+    EXPECT_EQ("ok", call({"setInteger", "test_integer", "3"}));
+    EXPECT_EQ("ok 3", call({"getInteger", "test_integer"}));
+}
+
+}  // namespace
+}  // namespace Halo::OS::testing
