@@ -232,9 +232,13 @@ int PrefsTool::watch(PreferencesClient& client, const Request& request) {
             break;
         }
         if (ready == 0) {
-            fprintf(mErr, "prefs: %s: timed out after %g s with %d of %s notifications\n",
-                    what.c_str(), *request.timeoutSeconds, state->printed(),
-                    request.count ? std::to_string(*request.count).c_str() : "any");
+            if (request.count) {
+                fprintf(mErr, "prefs: %s: timed out after %g s with %d of %d notifications\n",
+                        what.c_str(), *request.timeoutSeconds, state->printed(), *request.count);
+            } else {
+                fprintf(mErr, "prefs: %s: timed out after %g s\n", what.c_str(),
+                        *request.timeoutSeconds);
+            }
             exit = kExitRefused;
             break;
         }
