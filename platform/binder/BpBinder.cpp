@@ -79,7 +79,9 @@ status_t BpBinder::dump(int fd, const Vector<String16>& args) {
 status_t BpBinder::transact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t flags) {
     if (!mAlive.load()) return DEAD_OBJECT;
     const status_t status = mConnection->transact(mId, code, data, reply, flags);
-    if (status == DEAD_OBJECT) mAlive.store(false);
+    // Only a broken connection kills the proxy: an object may also answer DEAD_OBJECT itself
+    // (passing on the failure of a call of its own) and stay reachable.
+    if (status == DEAD_OBJECT && mConnection->isDead()) mAlive.store(false);
     return status;
 }
 

@@ -192,6 +192,16 @@ TEST_F(BinderIpcTest, ErrorsAndExceptionsReachTheCaller) {
     EXPECT_EQ(Status::EX_ILLEGAL_ARGUMENT, status.exceptionCode());
     status = service->failException(Status::EX_UNSUPPORTED_OPERATION);
     EXPECT_EQ(Status::EX_UNSUPPORTED_OPERATION, status.exceptionCode());
+
+    // A negative status from onTransact comes back bare, as the caller's transport error; even
+    // DEAD_OBJECT from a living service leaves its proxy usable.
+    status = service->failStatus(android::PERMISSION_DENIED);
+    EXPECT_EQ(Status::EX_TRANSACTION_FAILED, status.exceptionCode());
+    EXPECT_EQ(android::PERMISSION_DENIED, status.transactionError());
+    status = service->failStatus(android::DEAD_OBJECT);
+    EXPECT_EQ(android::DEAD_OBJECT, status.transactionError());
+    EXPECT_TRUE(IInterface::asBinder(service)->isBinderAlive());
+    EXPECT_EQ(8, echoed(service, &ITestService::echoInt, 8));
 }
 
 TEST_F(BinderIpcTest, CallbacksNestedInACallRunOnTheWaitingThread) {

@@ -189,6 +189,10 @@ Status TestService::failException(int32_t exceptionCode) {
     return Status::fromExceptionCode(exceptionCode);
 }
 
+Status TestService::failStatus(int32_t status) {
+    return Status::fromStatusT(status);
+}
+
 Status TestService::record(int32_t sequence) {
     Mutex::Autolock lock(mLock);
     mRecorded.push_back(sequence);

@@ -76,6 +76,7 @@ public:
     android::binder::Status failServiceSpecific(int32_t code, const std::string& message,
                                                 int32_t* out) override;
     android::binder::Status failException(int32_t exceptionCode) override;
+    android::binder::Status failStatus(int32_t status) override;
     android::binder::Status record(int32_t sequence) override;
     android::binder::Status recorded(int32_t count, std::vector<int32_t>* out) override;
     android::binder::Status keepCallback(

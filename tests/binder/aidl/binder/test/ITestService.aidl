@@ -47,6 +47,8 @@ interface ITestService {
 
     int failServiceSpecific(int code, @utf8InCpp String message);
     void failException(int exceptionCode);
+    // Returns Status::fromStatusT(status): the reply carries the bare status.
+    void failStatus(int status);
 
     // One-way calls, recorded in arrival order; recorded() waits until `count` have arrived
     // (or a few seconds pass) and returns them.
