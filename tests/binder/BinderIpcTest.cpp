@@ -324,6 +324,15 @@ TEST_F(BinderIpcTest, ObjectIdentitySurvivesRoundTrips) {
     ASSERT_TRUE(service->isSelf(IInterface::asBinder(other), &isSelf).isOk());
     EXPECT_FALSE(isSelf);
 
+    // A proxy handed to a third process is relayed through this one and comes back as itself.
+    sp<ITestService> second = startService<ITestService>("serve", "second");
+    ASSERT_NE(nullptr, second);
+    sp<IBinder> relayed;
+    ASSERT_TRUE(second->echoBinder(root, &relayed).isOk());
+    EXPECT_EQ(root, relayed);
+    ASSERT_TRUE(second->isSame(root, root, &same).isOk());
+    EXPECT_TRUE(same);
+
     // A proxy the service obtained earlier and a new lookup of the same service are one object.
     EXPECT_EQ(root, android::defaultServiceManager()->checkService(String16("test")));
     EXPECT_EQ(String16("binder.test.ITestService"), root->getInterfaceDescriptor());
