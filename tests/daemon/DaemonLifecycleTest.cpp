@@ -14,6 +14,7 @@
 #include <optional>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "daemon/DaemonFixture.h"
@@ -180,6 +181,38 @@ TEST_F(DaemonLifecycleTest, SigtermDuringWritesExitsZeroAndKeepsEveryAnsweredWri
         EXPECT_EQ("ok " + std::to_string(1000 + answered[i]), values[i])
                 << "stream_" << answered[i] << " was answered ok before the shutdown";
     }
+}
+
+TEST_F(DaemonLifecycleTest, PackageManagerFollowsTheAppInfoServiceAndLeavesItAtShutdown) {
+    const std::string pipe = mRoot.file("appinfo.commands");
+    ASSERT_EQ(0, mkfifo(pipe.c_str(), 0600));
+    ChildProcess appInfo({APPINFO_SERVICE, pipe});
+    ASSERT_EQ("ready", appInfo.readLine(std::chrono::seconds(60)).value_or("(none)"));
+
+    start();
+    // The package manager registered its listener before the service was published.
+    EXPECT_EQ("registered 1", appInfo.readLine(std::chrono::seconds(60)).value_or("(none)"));
+    EXPECT_THAT(dump({"nodb"}), HasSubstr("      Listening to AppInfoSerivce: True\n"));
+
+    std::ofstream commands(pipe);
+    commands << R"(schema {"add": true, "schemas": [{"uid": 10123, "packageName": )"
+             << R"("com.example.app", "contents": [{"key": "app_volume", "type": "integer", )"
+             << R"("default": "3", "scope": "system", "hasWritePermission": true, )"
+             << R"("isOwner": true}]}]})" << std::endl;
+    EXPECT_EQ("sent", appInfo.readLine(std::chrono::seconds(60)).value_or("(none)"));
+    // The package manager's worker applies the list after the one-way call has returned.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (dump({"--list"}).find("app_volume") == std::string::npos &&
+           std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    EXPECT_THAT(dump({"--list"}), HasSubstr("  > Preference: app_volume | Integer | System | "
+                                            "10123 | com.example.app |"));
+
+    stop();
+    EXPECT_EQ("unregistered 1", appInfo.readLine(std::chrono::seconds(60)).value_or("(none)"));
+    commands.close();
+    appInfo.wait();
 }
 
 TEST_F(DaemonLifecycleTest, RefusesToStartWithOneLineSayingWhy) {
