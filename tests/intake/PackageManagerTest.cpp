@@ -64,7 +64,8 @@ public:
     explicit AppInfoProcess(const std::string& pipe)
         : mChild((mkfifo(pipe.c_str(), 0600), std::vector<std::string>{APPINFO_SERVICE, pipe})) {
         // A client that is already retrying may register before "ready" is printed.
-        for (std::string line = next(); line != "ready"; line = next()) {
+        const auto read = [&] { return mChild.readLine(kWait).value_or("<nothing>"); };
+        for (std::string line = read(); line != "ready"; line = read()) {
             if (line == "<nothing>") {
                 ADD_FAILURE() << "the app-info stand-in did not start";
                 return;
