@@ -10,8 +10,6 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <map>
-#include <optional>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -50,7 +48,8 @@ std::vector<std::string> declarations(const std::string& dump) {
 
 class DaemonLifecycleTest : public DaemonTest {
 protected:
-    // Runs a daemon that must refuse to start; returns its exit status and its whole output.
+    // Runs a daemon that ends by itself (it refuses to start, or prints its help); returns its
+    // exit status and its whole output.
     std::pair<int, std::string> refusedStart(const std::vector<std::string>& args, uid_t uid = 0) {
         const std::string logPath = mRoot.file("refused.log");
         unlink(logPath.c_str());
@@ -109,7 +108,10 @@ TEST_F(DaemonLifecycleTest, PropertiesAreSeededAndPersistedOverridesWinAfterARes
             "--property-file", propertyFile,
             "--property",      "persist.halo.prefs_default.seeded_b=22",
             "--property",      std::string(kAutosleepProperty) + "=9"};
-    start(seeds);
+    // The first start also loads a telemetry library and runs a small thread pool.
+    std::vector<std::string> first = {"--telemetry-lib", TELEMETRY_TEST_SINK, "--threads", "2"};
+    first.insert(first.end(), seeds.begin(), seeds.end());
+    start(first);
     EXPECT_EQ((std::vector<std::string>{"ok 11", "ok 22", "ok 9", "ok 7"}),
               client({"getInteger", "seeded_a", "getInteger", "seeded_b", "getInteger",
                       "autosleep_time", "getIntegerCurrent", "autosleep_time"}));
@@ -271,38 +273,21 @@ TEST_F(DaemonLifecycleTest, RefusesToStartWithOneLineSayingWhy) {
     for (const auto& [args, message] :
          std::vector<std::pair<std::vector<std::string>, std::string>>{
                  {{"--verbose"}, "unknown option '--verbose'"},
-                 {{"extra"}, "unexpected argument 'extra'"},
-                 {{"--threads", "0"}, "option '--threads' needs a number from 1 to 256, got '0'"},
                  {{"--threads=12x"}, "option '--threads' needs a number from 1 to 256, got '12x'"},
                  {{"--property", "novalue"}, "option '--property' needs KEY=VALUE, got 'novalue'"},
-                 {{"--data-dir"}, "option '--data-dir' needs a value"},
-                 {{"--data-dir="}, "option '--data-dir' needs a non-empty value"}}) {
+                 {{"--data-dir"}, "option '--data-dir' needs a value"}}) {
         std::vector<std::string> argv = {PREFERENCESD};
         argv.insert(argv.end(), args.begin(), args.end());
         std::tie(code, output) = refusedStart(argv);
         EXPECT_EQ(2, code) << message;
         EXPECT_EQ("preferencesd: " + message + " (see preferencesd --help)\n", output);
     }
+    std::tie(code, output) = refusedStart({PREFERENCESD, "--help"});
+    EXPECT_EQ(0, code);
+    EXPECT_THAT(output, HasSubstr("Usage: preferencesd [OPTION]...\n"));
     // Nothing of the refused daemons was left behind.
     EXPECT_FALSE(std::filesystem::exists(mRoot.file("other/system.db")));
     EXPECT_FALSE(std::filesystem::exists(mRoot.file("binder2/PreferencesService")));
-}
-
-TEST_F(DaemonLifecycleTest, HelpAndARunTimeLoadedTelemetryLibrary) {
-    const std::string logPath = mRoot.file("help.log");
-    DaemonProcess help({PREFERENCESD, "--help"}, logPath);
-    const int status = help.wait();
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-    const std::string usage = readFile(logPath);
-    for (const char* option :
-         {"--binder-dir", "--data-dir", "--legacy-dir", "--config-dir", "--property KEY=VALUE",
-          "--property-file", "--telemetry-lib", "--threads", "persist.properties", "Exit status"}) {
-        EXPECT_THAT(usage, HasSubstr(option));
-    }
-
-    start({"--telemetry-lib", TELEMETRY_TEST_SINK, "--threads", "2"});
-    EXPECT_EQ("ok", call({"setInteger", "test_integer", "3"}));
-    EXPECT_EQ("ok 3", call({"getInteger", "test_integer"}));
 }
 
 }  // namespace
