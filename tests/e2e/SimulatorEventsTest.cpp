@@ -1,6 +1,6 @@
 // The device simulator seen from its listener: this test process registers an app-info listener
-// with a running prefs-appinfo and checks every event it sends.
-#include <android/os/IPermissionController.h>
+// with a running prefs-appinfo and checks every event it sends. (Its permission answers are
+// checked through the daemon in ScenarioTest, and their rules in PackageCatalogTest.)
 #include <binder/IPCThreadState.h>
 #include <binder/IServiceManager.h>
 #include <binder/ProcessState.h>
@@ -123,18 +123,6 @@ protected:
         ASSERT_TRUE(ok);
     }
 
-    bool granted(const std::string& permission, int32_t uid) {
-        const android::sp<android::os::IPermissionController> controller =
-                android::interface_cast<android::os::IPermissionController>(
-                        android::defaultServiceManager()->getService(String16("permission")));
-        bool result = false;
-        EXPECT_NE(nullptr, controller);
-        if (controller == nullptr) return false;
-        EXPECT_TRUE(
-                controller->checkPermission(String16(permission.c_str()), 1, uid, &result).isOk());
-        return result;
-    }
-
     // True once the simulator logs a line holding `fragment`.
     bool logged(const std::string& fragment) {
         while (std::optional<std::string> line = mSimulator->readLine(std::chrono::minutes(1))) {
@@ -213,35 +201,6 @@ TEST_F(SimulatorEventsTest, RegistrationThenEveryChangeOfTheFolderInOrder) {
     EXPECT_TRUE(ok);
     ASSERT_TRUE(mInquirer->unregisterPackageInfoListener(&ok).isOk());
     EXPECT_FALSE(ok);
-}
-
-TEST_F(SimulatorEventsTest, PermissionsFollowThePackagesHeld) {
-    const std::string read = "com.nimbus.permission.READ_SETTINGS";
-    const std::string write = "com.nimbus.permission.WRITE_SETTINGS";
-    this->write("alpha.json", TestPackages::alpha());
-    this->write("beta.json", TestPackages::beta());
-    start();
-    EXPECT_TRUE(granted(write, 10123));
-    EXPECT_TRUE(granted(write, 1010123));
-    EXPECT_TRUE(granted(read, 10124));
-    EXPECT_FALSE(granted(write, 10124));
-    EXPECT_FALSE(granted(read, 10999));
-    EXPECT_TRUE(granted(write, 0));
-    EXPECT_TRUE(granted(write, 1000));
-
-    // Uninstalling takes the permissions away; the removal event tells when it happened.
-    EXPECT_EQ("userList 0", mListener->next());
-    EXPECT_EQ("currentUser 0", mListener->next());
-    EXPECT_EQ("schema add=1 restart=1 com.test.alpha com.test.beta", mListener->next());
-    ASSERT_EQ(0, unlink((mPackagesDir + "/alpha.json").c_str()));
-    EXPECT_EQ("schema add=0 restart=0 com.test.alpha(10123)", mListener->next());
-    EXPECT_FALSE(granted(write, 10123));
-    EXPECT_FALSE(granted(read, 1010123));
-
-    // SIGTERM ends the simulator cleanly.
-    mSimulator->kill(SIGTERM);
-    const int status = mSimulator->wait();
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 }
 
 }  // namespace
