@@ -1,0 +1,137 @@
+#include "IpcBench.h"
+
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <memory>
+#include <vector>
+
+#include "BenchDaemon.h"
+#include "BenchSchemas.h"
+#include "ClientProcess.h"
+
+namespace Halo::OS {
+namespace {
+
+using Results = std::map<std::string, double>;
+
+constexpr auto kClientTimeout = std::chrono::seconds(300);
+constexpr auto kReadyTimeout = std::chrono::seconds(60);
+
+ClientProcess::Options clientOptions(const IpcBench::Options& options, const BenchDaemon& device,
+                                     std::vector<std::string> role, int passFd = -1) {
+    ClientProcess::Options client;
+    client.argv = {options.selfPath, "--client"};
+    client.argv.insert(client.argv.end(), role.begin(), role.end());
+    client.env = {"BINDER_DIR=" + device.binderDir()};
+    client.uid = BenchSchemas::kBenchUid;
+    client.passFd = passFd;
+    return client;
+}
+
+// Reads "name value" lines until the output ends; false when the client fails.
+bool collect(ClientProcess& client, const char* what, Results* results) {
+    while (std::optional<std::string> line = client.readLine(kClientTimeout)) {
+        const size_t blank = line->find(' ');
+        if (blank == std::string::npos) continue;
+        (*results)[line->substr(0, blank)] += strtod(line->c_str() + blank + 1, nullptr);
+    }
+    const int status = client.wait(std::chrono::seconds(10));
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+        fprintf(stderr, "prefs-bench: the %s client failed (status 0x%x)\n", what, status);
+        return false;
+    }
+    return true;
+}
+
+bool runClient(const IpcBench::Options& options, const BenchDaemon& device,
+               std::vector<std::string> role, Results* results) {
+    const std::string what = role[0];
+    ClientProcess client(clientOptions(options, device, std::move(role)));
+    return client.started() && collect(client, what.c_str(), results);
+}
+
+// Gets per second of `count` clients started together.
+bool throughput(const IpcBench::Options& options, const BenchDaemon& device, size_t count,
+                double* opsPerSecond) {
+    int gate[2];
+    if (pipe2(gate, O_CLOEXEC) != 0) return false;
+    std::vector<std::unique_ptr<ClientProcess>> clients;
+    bool ok = true;
+    for (size_t i = 0; i < count; ++i) {
+        clients.push_back(std::make_unique<ClientProcess>(
+                clientOptions(options, device,
+                              {"throughput", std::to_string(options.throughputSeconds)}, gate[0])));
+    }
+    close(gate[0]);
+    for (auto& client : clients) {
+        const std::optional<std::string> ready = client->readLine(kReadyTimeout);
+        if (!ready.has_value() || *ready != "ready") ok = false;
+    }
+    // Every client is blocked reading the gate: closing it starts them all at once.
+    close(gate[1]);
+    Results results;
+    for (auto& client : clients) ok = collect(*client, "throughput", &results) && ok;
+    *opsPerSecond = results["ops"] / options.throughputSeconds;
+    return ok;
+}
+
+bool notify(const IpcBench::Options& options, const BenchDaemon& device, Results* results) {
+    int channel[2];
+    if (pipe2(channel, O_CLOEXEC) != 0) return false;
+    ClientProcess listener(clientOptions(options, device, {"listen"}, channel[1]));
+    close(channel[1]);
+    const std::optional<std::string> ready = listener.readLine(kReadyTimeout);
+    if (!ready.has_value() || *ready != "ready") {
+        close(channel[0]);
+        fprintf(stderr, "prefs-bench: the listener did not register\n");
+        return false;
+    }
+    ClientProcess setter(clientOptions(
+            options, device, {"notify", std::to_string(options.samples / 4)}, channel[0]));
+    close(channel[0]);
+    const bool measured = collect(setter, "notify", results);
+    listener.closeInput();
+    return collect(listener, "listen", results) && measured;
+}
+
+}  // namespace
+
+bool IpcBench::measure(const Options& options, Figures* out) {
+    BenchDaemon device(options.daemonPath, options.appInfoPath);
+    if (!device.start(options.fillers)) return false;
+    Results results;
+    const std::string samples = std::to_string(options.samples);
+    fprintf(stderr, "prefs-bench: get latency\n");
+    if (!runClient(options, device, {"get-latency", samples}, &results)) return false;
+    fprintf(stderr, "prefs-bench: set latency\n");
+    if (!runClient(options, device, {"set-latency", std::to_string(options.samples / 4)},
+                   &results)) {
+        return false;
+    }
+    fprintf(stderr, "prefs-bench: throughput\n");
+    if (!throughput(options, device, 1, &out->opsOne) ||
+        !throughput(options, device, 4, &out->opsFour)) {
+        return false;
+    }
+    fprintf(stderr, "prefs-bench: notification\n");
+    if (!notify(options, device, &results)) return false;
+    out->floorRttMicros = results["floor_p50_us"];
+    out->getP50Micros = results["get_p50_us"];
+    out->getP99Micros = results["get_p99_us"];
+    out->setP50Micros = results["set_p50_us"];
+    out->notifyP50Micros = results["notify_p50_us"];
+    out->daemonRssKb = device.daemonRssKb();
+    if (!device.stop()) {
+        fprintf(stderr, "prefs-bench: preferencesd did not stop cleanly\n");
+        return false;
+    }
+    return true;
+}
+
+}  // namespace Halo::OS

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+namespace Halo::OS {
+
+// The measurements over Binder: a BenchDaemon, and client processes running prefs-bench's client
+// roles (BenchClient) under the bench app's uid. Needs root, to start processes under that uid.
+class IpcBench {
+public:
+    struct Options {
+        std::string selfPath;     // this executable, run again for the client roles
+        std::string daemonPath;   // preferencesd
+        std::string appInfoPath;  // prefs-appinfo
+        size_t fillers = 0;       // filler packages declared besides the bench package
+        size_t samples = 0;       // timed calls per latency figure
+        double throughputSeconds = 0;
+    };
+    struct Figures {
+        double floorRttMicros = 0;  // raw socket round trip, measured by the get client
+        double getP50Micros = 0;
+        double getP99Micros = 0;
+        double setP50Micros = 0;
+        double opsOne = 0;   // gets per second, one client
+        double opsFour = 0;  // gets per second, four clients together
+        double notifyP50Micros = 0;
+        long daemonRssKb = -1;  // after every measurement, before the daemon stops
+    };
+
+    // False (reason on stderr) when the device does not start or a client fails.
+    static bool measure(const Options& options, Figures* out);
+};
+
+}  // namespace Halo::OS

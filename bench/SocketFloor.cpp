@@ -1,0 +1,86 @@
+#include "SocketFloor.h"
+
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace Halo::OS {
+namespace {
+
+bool readFully(int fd, char* buffer, size_t size) {
+    size_t done = 0;
+    while (done < size) {
+        const ssize_t n = read(fd, buffer + done, size - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        done += static_cast<size_t>(n);
+    }
+    return true;
+}
+
+bool writeFully(int fd, const char* buffer, size_t size) {
+    size_t done = 0;
+    while (done < size) {
+        const ssize_t n = write(fd, buffer + done, size - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        done += static_cast<size_t>(n);
+    }
+    return true;
+}
+
+}  // namespace
+
+SocketFloor::SocketFloor(size_t requestBytes, size_t replyBytes)
+    : mRequestBytes(requestBytes),
+      mReplyBytes(replyBytes),
+      mRequest(requestBytes, 'q'),
+      mReply(replyBytes, 'r') {
+    int fds[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0) return;
+    const pid_t pid = fork();
+    if (pid < 0) {
+        close(fds[0]);
+        close(fds[1]);
+        return;
+    }
+    if (pid == 0) {
+        close(fds[0]);
+        // Only async-signal-safe calls from here on: the parent may run threads.
+        char* request = mRequest.data();
+        const char* reply = mReply.data();
+        while (readFully(fds[1], request, mRequestBytes) &&
+               writeFully(fds[1], reply, mReplyBytes)) {
+        }
+        _exit(0);
+    }
+    close(fds[1]);
+    mFd = fds[0];
+    mPid = pid;
+}
+
+SocketFloor::~SocketFloor() {
+    if (mFd >= 0) close(mFd);
+    if (mPid > 0) {
+        int status;
+        while (waitpid(mPid, &status, 0) < 0 && errno == EINTR) {
+        }
+    }
+}
+
+bool SocketFloor::measure(size_t count, LatencySamples* samples) {
+    if (!ok()) return false;
+    for (size_t i = 0; i < count; ++i) {
+        const LatencySamples::Clock::time_point start = LatencySamples::Clock::now();
+        if (!writeFully(mFd, mRequest.data(), mRequestBytes) ||
+            !readFully(mFd, mReply.data(), mReplyBytes)) {
+            return false;
+        }
+        samples->add(LatencySamples::Clock::now() - start);
+    }
+    return true;
+}
+
+}  // namespace Halo::OS

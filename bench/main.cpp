@@ -1,0 +1,128 @@
+// prefs-bench: measures the preferences service against the floor the machine allows, in one run,
+// and prints one "name: value" line per figure. See docs/performance.md.
+#include <unistd.h>
+
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "BenchClient.h"
+#include "InProcessBench.h"
+#include "IpcBench.h"
+
+namespace {
+
+using Halo::OS::BenchClient;
+using Halo::OS::InProcessBench;
+using Halo::OS::IpcBench;
+
+constexpr const char* kUsage =
+        "usage: prefs-bench [--samples N] [--fillers N] [--throughput-seconds S]\n"
+        "                   [--schema-packages N] [--daemon PATH] [--appinfo PATH]\n"
+        "  --samples N              timed calls per latency figure (default 20000)\n"
+        "  --fillers N              packages of 20 keys declared besides the bench package\n"
+        "                           (default 50)\n"
+        "  --throughput-seconds S   length of each throughput run (default 2)\n"
+        "  --schema-packages N      packages of 20 keys in the schema list (default 500)\n"
+        "  --daemon PATH            preferencesd (default: the one built with prefs-bench)\n"
+        "  --appinfo PATH           prefs-appinfo (default: the one built with prefs-bench)\n"
+        "The IPC figures run clients under an app uid and need root.\n";
+
+std::string selfPath() {
+    char path[PATH_MAX];
+    const ssize_t n = readlink("/proc/self/exe", path, sizeof(path) - 1);
+    if (n <= 0) return "";
+    return std::string(path, static_cast<size_t>(n));
+}
+
+void print(const char* name, double value) {
+    printf("%s: %.2f\n", name, value);
+}
+
+bool parseSize(const char* text, size_t* out) {
+    char* end = nullptr;
+    const unsigned long long value = strtoull(text, &end, 10);
+    if (*text == '\0' || *end != '\0' || value == 0) return false;
+    *out = static_cast<size_t>(value);
+    return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc >= 2 && strcmp(argv[1], "--client") == 0) {
+        return BenchClient::run(std::vector<std::string>(argv + 2, argv + argc));
+    }
+    IpcBench::Options ipc;
+    ipc.selfPath = selfPath();
+    ipc.daemonPath = PREFS_BENCH_DAEMON;
+    ipc.appInfoPath = PREFS_BENCH_APPINFO;
+    ipc.fillers = 50;
+    ipc.samples = 20000;
+    ipc.throughputSeconds = 2;
+    size_t schemaPackages = 500;
+    for (int i = 1; i < argc; i += 2) {
+        const std::string flag = argv[i];
+        const char* value = i + 1 < argc ? argv[i + 1] : nullptr;
+        bool ok = value != nullptr;
+        if (flag == "--help") {
+            fputs(kUsage, stdout);
+            return 0;
+        } else if (ok && flag == "--samples") {
+            ok = parseSize(value, &ipc.samples);
+        } else if (ok && flag == "--fillers") {
+            ok = parseSize(value, &ipc.fillers);
+        } else if (ok && flag == "--schema-packages") {
+            ok = parseSize(value, &schemaPackages);
+        } else if (ok && flag == "--throughput-seconds") {
+            ipc.throughputSeconds = strtod(value, nullptr);
+            ok = ipc.throughputSeconds > 0;
+        } else if (ok && flag == "--daemon") {
+            ipc.daemonPath = value;
+        } else if (ok && flag == "--appinfo") {
+            ipc.appInfoPath = value;
+        } else {
+            ok = false;
+        }
+        if (!ok) {
+            fprintf(stderr, "prefs-bench: bad argument %s\n%s", flag.c_str(), kUsage);
+            return 2;
+        }
+    }
+    if (geteuid() != 0) {
+        fprintf(stderr, "prefs-bench: must run as root (the clients run under an app uid)\n");
+        return 2;
+    }
+
+    fprintf(stderr, "prefs-bench: in-process reads\n");
+    InProcessBench::ReadFigures reads;
+    if (!InProcessBench::measureReads(ipc.fillers, ipc.samples, &reads)) return 1;
+    IpcBench::Figures calls;
+    if (!IpcBench::measure(ipc, &calls)) return 1;
+    fprintf(stderr, "prefs-bench: schema lists\n");
+    InProcessBench::SchemaFigures schema;
+    if (!InProcessBench::measureSchema(schemaPackages, 20, &schema)) return 1;
+
+    print("floor_socket_rtt_us", calls.floorRttMicros);
+    print("ipc_get_p50_us", calls.getP50Micros);
+    print("ipc_get_p99_us", calls.getP99Micros);
+    print("ipc_get_ratio", calls.getP50Micros / calls.floorRttMicros);
+    print("floor_sqlite_select_us", reads.floorSelectMicros);
+    print("inproc_get_us", reads.getMicros);
+    print("inproc_get_ratio", reads.getMicros / reads.floorSelectMicros);
+    print("floor_sqlite_write_us", reads.floorWriteMicros);
+    print("ipc_set_p50_us", calls.setP50Micros);
+    print("ipc_set_ratio", calls.setP50Micros / (calls.floorRttMicros + reads.floorWriteMicros));
+    print("get_ops_1", calls.opsOne);
+    print("get_ops_4", calls.opsFour);
+    print("get_scaling", calls.opsFour / calls.opsOne);
+    print("notify_p50_us", calls.notifyP50Micros);
+    print("notify_ratio", calls.notifyP50Micros / calls.floorRttMicros);
+    print("schema_cold_ms", schema.coldMillis);
+    print("schema_warm_ms", schema.warmMillis);
+    printf("daemon_rss_kb: %ld\n", calls.daemonRssKb);
+    return 0;
+}
