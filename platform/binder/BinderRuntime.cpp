@@ -142,6 +142,15 @@ void BinderRuntime::registerConnection(const sp<BinderConnection>& connection) {
     }
 }
 
+size_t BinderRuntime::connectionsOfUid(uid_t uid) const {
+    Mutex::Autolock lock(mLock);
+    size_t count = 0;
+    for (const auto& [key, connection] : mConnections) {
+        if (connection->peerUid() == uid && !connection->isDead()) ++count;
+    }
+    return count;
+}
+
 void BinderRuntime::unregisterConnection(BinderConnection* connection) {
     sp<BinderConnection> removed;
     {
@@ -242,6 +251,16 @@ void BinderRuntime::acceptConnections(const std::shared_ptr<Listener>& listener,
                 usleep(10000);
             }
             break;
+        }
+        ucred cred{};
+        socklen_t length = sizeof(cred);
+        if (getsockopt(fd.get(), SOL_SOCKET, SO_PEERCRED, &cred, &length) == 0 && cred.uid != 0 &&
+            connectionsOfUid(cred.uid) >= kMaxConnectionsPerUid) {
+            // One uid cannot take every descriptor of the process: the connection closes at
+            // once, before anything is read from it.
+            ALOGW("Binder: uid %u has %zu connections on %s; refusing another",
+                  static_cast<unsigned>(cred.uid), kMaxConnectionsPerUid, listener->path.c_str());
+            continue;
         }
         registerConnection(new BinderConnection(std::move(fd), listener->service));
     }

@@ -3,6 +3,8 @@
 #include <android-base/unique_fd.h>
 #include <binder/IBinder.h>
 
+#include <sys/types.h>
+
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -30,6 +32,10 @@ class BinderConnection;
 class BinderRuntime {
 public:
     static BinderRuntime& instance();
+
+    // The most connections a published service accepts from one uid other than root; further
+    // ones are closed as soon as they are accepted.
+    static constexpr size_t kMaxConnectionsPerUid = 128;
 
     // Adds a connection to the epoll set; it stays registered until unregisterConnection.
     void registerConnection(const android::sp<BinderConnection>& connection);
@@ -81,6 +87,8 @@ private:
     void handleEvent(uint64_t key, std::vector<BinderTask>* runnable);
     void acceptConnections(const std::shared_ptr<Listener>& listener, uint64_t key);
     void maybeSpawn();
+    // Live connections whose peer runs as `uid`.
+    size_t connectionsOfUid(uid_t uid) const EXCLUDES(mLock);
     void flusherLoop();
 
     android::base::unique_fd mEpollFd;
