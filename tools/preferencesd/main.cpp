@@ -6,6 +6,7 @@
 #include <binder/ProcessState.h>
 #include <log/log.h>
 #include <signal.h>
+#include <sys/stat.h>
 
 #include <cstdio>
 #include <string>
@@ -46,6 +47,11 @@ int main(int argc, char** argv) {
             fprintf(stderr, "preferencesd: %s (see preferencesd --help)\n", error.c_str());
             return 2;
     }
+
+    // The store, its journals, the persisted properties and the lock files are the daemon's
+    // alone, whatever the mode of a data directory that existed before; what must be open to
+    // others (the service socket, the socket directory) is given its mode explicitly.
+    umask(077);
 
     // SIGTERM and SIGINT are taken by this thread with sigwait; every thread started later
     // inherits the mask, so no Binder or worker thread is interrupted by them. A client that
