@@ -1,0 +1,166 @@
+// Clients that misbehave: one that calls and never reads, one that opens hundreds of
+// connections, one that registers thousands of listeners and dies, very long keys, huge values
+// and a schema with thousands of keys. The daemon keeps serving the others, its memory and
+// descriptors stay bounded, and what a dead client left behind is gone.
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "reliability/ReliabilityTest.h"
+
+namespace Halo::OS::testing {
+namespace {
+
+constexpr auto kLineTimeout = std::chrono::minutes(2);
+
+class HostileClientTest : public ReliabilityTest {
+protected:
+    void startDevice(const std::string& shellPrefix = "") {
+        startAppInfo();
+        startDaemon(shellPrefix);
+        // The packages have arrived once alpha's key answers.
+        ASSERT_TRUE(eventually([&] { return call({"getType", "alpha_text"}) == "ok 2"; }));
+    }
+
+    // Listener records of `uid` in the key manager's part of the dump.
+    int listenerRecords(uid_t uid) {
+        const std::string text = dump();
+        const std::string needle = "uid: " + std::to_string(uid) + ",";
+        int count = 0;
+        for (size_t at = text.find(needle); at != std::string::npos;
+             at = text.find(needle, at + 1)) {
+            ++count;
+        }
+        return count;
+    }
+};
+
+TEST_F(HostileClientTest, CallerThatNeverReadsIsCutOffWhileOthersAreServed) {
+    startDevice();
+    // Every reply to the stalled caller is about 600 KB.
+    const std::vector<std::string> big = hostileLines({"bigvalue", "alpha_text", "300000"});
+    ASSERT_EQ((std::vector<std::string>{"setString ok", "getString ok", "same"}), big);
+    const long before = residentKb(daemonPid());
+
+    std::unique_ptr<ChildProcess> stalled = hostile({"stall", "300", "alpha_text"}, kAlphaUid);
+    ASSERT_EQ("sent", stalled->readLine(kLineTimeout).value_or("none"));
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_EQ("ok 2", call({"getInteger", "beta_sys"}, kBetaUid));
+    }
+    // 300 unread replies would be 180 MB; the daemon queues at most a few MiB for one peer.
+    EXPECT_LT(residentKb(daemonPid()) - before, 64 * 1024);
+
+    stalled->kill(SIGUSR1);
+    EXPECT_EQ("closed", stalled->readLine(kLineTimeout).value_or("none"));
+    EXPECT_EQ("ok 2", call({"getInteger", "beta_sys"}, kBetaUid));
+}
+
+TEST_F(HostileClientTest, HundredsOfConnectionsNeitherStarveOthersNorLeak) {
+    // A descriptor limit the hostile client can exceed.
+    startDevice("ulimit -n 256;");
+    ASSERT_EQ("ok 1", call({"getInteger", "alpha_sys"}, kAlphaUid));
+    const int baseline = openDescriptors(daemonPid());
+
+    std::unique_ptr<ChildProcess> greedy = hostile({"connections", "600"}, kBetaUid);
+    ASSERT_EQ("open 600", greedy->readLine(kLineTimeout).value_or("none"));
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ("ok 1", call({"getInteger", "alpha_sys"}, kAlphaUid));
+    }
+    EXPECT_LE(openDescriptors(daemonPid()), 256);
+
+    greedy->kill(SIGKILL);
+    greedy->wait();
+    EXPECT_TRUE(eventually([&] { return openDescriptors(daemonPid()) <= baseline + 2; }))
+            << openDescriptors(daemonPid()) << " descriptors, " << baseline << " before";
+    EXPECT_EQ("ok 1", call({"getInteger", "alpha_sys"}, kAlphaUid));
+}
+
+TEST_F(HostileClientTest, ThousandsOfListenersOfADeadClientAreGone) {
+    startDevice();
+    ASSERT_EQ("ok", call({"setInteger", "alpha_sys", "0"}, kAlphaUid));
+    const int descriptors = openDescriptors(daemonPid());
+    long firstRound = 0;
+    for (int round = 0; round < 3; ++round) {
+        std::unique_ptr<ChildProcess> many = hostile({"listeners", "2000", "alpha_sys"}, kAlphaUid);
+        ASSERT_EQ("registered 2000", many->readLine(kLineTimeout).value_or("none"));
+        ASSERT_EQ("first 0", many->readLine(kLineTimeout).value_or("none"));
+        EXPECT_EQ(2000, listenerRecords(kAlphaUid));
+        // A change reaches 2000 listeners of one live client before it dies.
+        ASSERT_EQ("ok", call({"setInteger", "alpha_sys", std::to_string(round + 1)}));
+
+        many->kill(SIGKILL);
+        many->wait();
+        EXPECT_TRUE(eventually([&] { return listenerRecords(kAlphaUid) == 0; }))
+                << listenerRecords(kAlphaUid) << " listener records left";
+        EXPECT_TRUE(eventually([&] { return openDescriptors(daemonPid()) <= descriptors + 2; }));
+        const std::string tables = [&] {
+            std::string text;
+            for (const std::string& line : client({"dump", "1", "db"})) text += line + "\n";
+            return text;
+        }();
+        EXPECT_EQ(std::string::npos, tables.find("alpha_sys|10057")) << tables;
+        if (round == 0) firstRound = residentKb(daemonPid());
+    }
+    // Three rounds of 2000 listeners leave no more behind than the first.
+    EXPECT_LT(residentKb(daemonPid()) - firstRound, 16 * 1024);
+    EXPECT_EQ("ok", call({"setInteger", "alpha_sys", "7"}, kAlphaUid));
+    EXPECT_EQ("ok 7", call({"getInteger", "alpha_sys"}));
+}
+
+TEST_F(HostileClientTest, VeryLongKeysAndHugeValuesAreRefusedOrKeptWhole) {
+    startDevice();
+    // A key of 100000 characters is just an undeclared key.
+    const std::vector<std::string> longKey = hostileLines({"longkey", "100000"}, kAlphaUid);
+    ASSERT_EQ(4u, longKey.size());
+    for (const char* call : {"getInteger", "setInteger", "getType", "registerListener"}) {
+        const auto line = std::find_if(longKey.begin(), longKey.end(), [&](const std::string& l) {
+            return l.rfind(std::string(call) + " ", 0) == 0;
+        });
+        ASSERT_NE(longKey.end(), line) << call;
+        EXPECT_EQ(0u, line->rfind(std::string(call) + " error -", 0)) << *line;
+    }
+    // One of 600000 (1.2 MB as UTF-16) does not fit in a transaction: the caller is told.
+    const std::vector<std::string> tooLong = hostileLines({"longkey", "600000"}, kAlphaUid);
+    ASSERT_EQ(4u, tooLong.size());
+    for (const std::string& line : tooLong) {
+        EXPECT_NE(std::string::npos, line.find(" exception -129")) << line;
+    }
+
+    // A value of 400000 characters is kept whole; one too large for a transaction changes
+    // nothing.
+    EXPECT_EQ((std::vector<std::string>{"setString ok", "getString ok", "same"}),
+              hostileLines({"bigvalue", "alpha_text", "400000"}, kAlphaUid));
+    const std::vector<std::string> tooBig =
+            hostileLines({"bigvalue", "alpha_text", "600000"}, kAlphaUid);
+    ASSERT_EQ(3u, tooBig.size());
+    EXPECT_EQ("setString exception -129", tooBig[0]);
+    EXPECT_EQ("getString ok", tooBig[1]);
+    EXPECT_EQ("ok 2", call({"getInteger", "beta_sys"}, kBetaUid));
+}
+
+TEST_F(HostileClientTest, SchemaWithThousandsOfKeysIsAppliedWhileOthersAreServed) {
+    startDevice();
+    std::vector<std::string> keys;
+    for (int i = 0; i < 5000; ++i) keys.push_back("huge_" + std::to_string(i));
+    writePackage("com.example.huge.json", packageText(10070, "com.example.huge", keys));
+    EXPECT_EQ("ok 2", call({"getInteger", "beta_sys"}, kBetaUid));
+    ASSERT_TRUE(eventually([&] { return call({"getInteger", "huge_4999"}, 10070) == "ok 0"; }));
+    EXPECT_EQ("ok", call({"setInteger", "huge_0", "3"}, 10070));
+    EXPECT_EQ("ok 3", call({"getInteger", "huge_0"}, 10070));
+    EXPECT_EQ((std::vector<std::string>{"5000"}),
+              query(mDataDir + "/system.db",
+                    "SELECT count(*) FROM permissions WHERE package_name = 'com.example.huge'"));
+
+    std::filesystem::remove(mPackagesDir + "/com.example.huge.json");
+    ASSERT_TRUE(eventually([&] { return call({"getInteger", "huge_4999"}) == "error -9"; }));
+    EXPECT_EQ((std::vector<std::string>{"0"}),
+              query(mDataDir + "/system.db",
+                    "SELECT count(*) FROM preferences WHERE key LIKE "
+                    "'huge\\_%' ESCAPE '\\'"));
+    EXPECT_EQ("ok 2", call({"getInteger", "beta_sys"}, kBetaUid));
+}
+
+}  // namespace
+}  // namespace Halo::OS::testing

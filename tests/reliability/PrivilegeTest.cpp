@@ -1,0 +1,168 @@
+// Who may do what: only root runs profile commands; no app reads or writes a key it has no row
+// for, in any user and through any flavour; an app cannot unregister another app's listener; the
+// store's files are closed to other local users while the service socket is open to all.
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "reliability/ReliabilityTest.h"
+
+namespace Halo::OS::testing {
+namespace {
+
+int countOf(const std::string& text, const std::string& needle) {
+    int count = 0;
+    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) {
+        ++count;
+    }
+    return count;
+}
+
+class PrivilegeTest : public ReliabilityTest {
+protected:
+    void startDevice() {
+        startAppInfo();
+        startDaemon();
+        // The packages have arrived once alpha's key answers.
+        ASSERT_TRUE(eventually([&] { return call({"getType", "alpha_text"}) == "ok 2"; }));
+    }
+};
+
+TEST_F(PrivilegeTest, OnlyRootRunsProfileCommands) {
+    startDevice();
+    EXPECT_EQ("ok", call({"profile", "start-tracing"}));
+    EXPECT_EQ("ok", call({"profile", "stop-tracing"}));
+    // The system uid, the privileged application ids, an app, root's application id in user 1
+    // and in user 10, an app in user 10, nobody.
+    for (uid_t uid : {1000u, 1041u, 2907u, kAlphaUid, 100000u, 1000000u, 1010057u, 65534u}) {
+        for (const char* word : {"start-profiling", "enable-trace-on-boot", "reset-trace"}) {
+            EXPECT_EQ("exception -7", call({"profile", word}, uid)) << "uid " << uid << " " << word;
+        }
+    }
+}
+
+TEST_F(PrivilegeTest, NoAppReadsOrWritesAKeyItHasNoRowForInAnyUser) {
+    startDevice();
+    // Root's values, which nobody below may see or change.
+    ASSERT_EQ("ok", call({"setInteger", "alpha_sys", "11"}));
+    ASSERT_EQ("ok", call({"setIntegerUser", "alpha_user", "12", "0"}));
+    ASSERT_EQ("ok", call({"setIntegerUser", "alpha_user", "13", "10"}));
+    ASSERT_EQ("ok", call({"setIntegerUser", "alpha_cross", "14", "0"}));
+    ASSERT_EQ("ok", call({"setIntegerUser", "alpha_cross", "15", "10"}));
+    ASSERT_EQ("ok", call({"setString", "alpha_text", "secret"}));
+
+    std::vector<std::vector<std::string>> calls;
+    for (const char* key : {"alpha_sys", "alpha_user", "alpha_cross"}) {
+        for (const char* user : {"0", "10", "11"}) {
+            calls.push_back({"getIntegerUser", key, user});
+            calls.push_back({"setIntegerUser", key, "99", user});
+        }
+        calls.push_back({"getInteger", key});
+        calls.push_back({"setInteger", key, "99"});
+        calls.push_back({"getIntegerCurrent", key});
+        calls.push_back({"setIntegerCurrent", key, "99"});
+        calls.push_back({"getType", key});
+        calls.push_back({"reset", key});
+        calls.push_back({"getLong", key});
+        calls.push_back({"setLong", key, "99"});
+    }
+    calls.push_back({"getString", "alpha_text"});
+    calls.push_back({"setString", "alpha_text", "x"});
+    calls.push_back({"getStringUser", "alpha_text", "10"});
+    calls.push_back({"setStringCurrent", "alpha_text", "x"});
+    calls.push_back({"reset", "alpha_text"});
+    std::vector<std::string> ops;
+    for (const auto& op : calls) ops.insert(ops.end(), op.begin(), op.end());
+
+    // Beta in user 0 and user 10, an app without a package, the system uid and the privileged
+    // application ids (which skip the permission-service check, not the key's rows).
+    for (uid_t uid : {kBetaUid, 1010058u, 10099u, 1000u, 1041u, 2907u}) {
+        const std::vector<std::string> answers = client(ops, uid);
+        ASSERT_EQ(calls.size(), answers.size()) << "uid " << uid;
+        for (size_t i = 0; i < answers.size(); ++i) {
+            EXPECT_EQ(0u, answers[i].rfind("error ", 0))
+                    << "uid " << uid << " " << calls[i][0] << " " << calls[i][1] << ": "
+                    << answers[i];
+        }
+    }
+
+    EXPECT_EQ("ok 11", call({"getInteger", "alpha_sys"}));
+    EXPECT_EQ("ok 12", call({"getIntegerUser", "alpha_user", "0"}));
+    EXPECT_EQ("ok 13", call({"getIntegerUser", "alpha_user", "10"}));
+    EXPECT_EQ("ok 14", call({"getIntegerUser", "alpha_cross", "0"}));
+    EXPECT_EQ("ok 15", call({"getIntegerUser", "alpha_cross", "10"}));
+    EXPECT_EQ("ok secret", call({"getString", "alpha_text"}));
+    // The owner itself still can: the refusals above are about rows, not a broken service.
+    EXPECT_EQ("ok 11", call({"getInteger", "alpha_sys"}, kAlphaUid));
+    EXPECT_EQ("ok", call({"setInteger", "alpha_sys", "21"}, kAlphaUid));
+    EXPECT_EQ("ok 21", call({"getInteger", "alpha_sys"}));
+}
+
+TEST_F(PrivilegeTest, AnAppCannotUnregisterAnotherAppsListener) {
+    startDevice();
+    // Apps publish their listeners in this test, so they may create sockets in the directory.
+    ASSERT_EQ(0, chmod(mBinderDir.c_str(), 01777));
+    std::unique_ptr<ChildProcess> alpha =
+            hostile({"watch", "alpha_sys", "alpha.listener"}, kAlphaUid);
+    ASSERT_EQ("registered ok", alpha->readLine(std::chrono::minutes(2)).value_or("none"));
+
+    // Beta without listeners of its own, then with one.
+    EXPECT_NE("unregister ok", hostileLines({"unregister", "alpha.listener"}, kBetaUid).at(0));
+    std::unique_ptr<ChildProcess> beta = hostile({"watch", "beta_sys"}, kBetaUid);
+    ASSERT_EQ("registered ok", beta->readLine(std::chrono::minutes(2)).value_or("none"));
+    EXPECT_NE("unregister ok", hostileLines({"unregister", "alpha.listener"}, kBetaUid).at(0));
+
+    // Alpha still hears its key, and beta its own.
+    ASSERT_EQ("ok", call({"setInteger", "alpha_sys", "5"}));
+    EXPECT_EQ("changed alpha_sys", alpha->readLine(std::chrono::minutes(2)).value_or("none"));
+    ASSERT_EQ("ok", call({"setInteger", "beta_sys", "5"}));
+    EXPECT_EQ("changed beta_sys", beta->readLine(std::chrono::minutes(2)).value_or("none"));
+
+    EXPECT_EQ(1, countOf(dump(), "uid: 10057,"));
+
+    // Alpha's own request is honoured: the refusals were about the caller. (A proxy relayed by
+    // another process is that process's object, so only alpha itself can name its listener.)
+    alpha->kill(SIGUSR1);
+    EXPECT_EQ("unregister ok", alpha->readLine(std::chrono::minutes(2)).value_or("none"));
+    EXPECT_EQ(0, countOf(dump(), "uid: 10057,"));
+}
+
+TEST_F(PrivilegeTest, StoreFilesAreClosedToOtherUsersAndTheSocketIsOpen) {
+    // A data directory made beforehand with an open mode, as packaging might leave it.
+    ASSERT_TRUE(std::filesystem::create_directories(mDataDir));
+    ASSERT_EQ(0, chmod(mDataDir.c_str(), 0755));
+    startDevice();
+    ASSERT_EQ("ok", call({"setIntegerUser", "alpha_user", "3", "10"}));
+
+    struct stat st {};
+    ASSERT_EQ(0, stat((mBinderDir + "/" + kService).c_str(), &st));
+    EXPECT_TRUE(S_ISSOCK(st.st_mode));
+    EXPECT_EQ(0666u, st.st_mode & 0777);
+
+    std::vector<std::string> files;
+    for (const auto& entry : std::filesystem::directory_iterator(mDataDir)) {
+        files.push_back(entry.path().filename());
+        ASSERT_EQ(0, stat(entry.path().c_str(), &st));
+        EXPECT_EQ(0u, st.st_mode & 077)
+                << entry.path() << " has mode " << std::oct << (st.st_mode & 0777);
+    }
+    EXPECT_NE(files.end(), std::find(files.begin(), files.end(), "system.db"));
+    EXPECT_NE(files.end(), std::find(files.begin(), files.end(), "user10.db"));
+
+    // What counts: an app cannot read the databases, whatever the directory's mode.
+    for (const char* name : {"system.db", "user0.db", "user10.db"}) {
+        const std::string path = mDataDir + "/" + name;
+        const std::string command =
+                "/usr/bin/setpriv --reuid=10057 --regid=10057 --clear-groups "
+                "/bin/cat '" +
+                path + "' >/dev/null 2>&1";
+        EXPECT_NE(0, system(command.c_str())) << name;
+    }
+}
+
+}  // namespace
+}  // namespace Halo::OS::testing
