@@ -22,6 +22,7 @@ using Halo::OS::IpcBench;
 constexpr const char* kUsage =
         "usage: prefs-bench [--samples N] [--fillers N] [--throughput-seconds S]\n"
         "                   [--schema-packages N] [--daemon PATH] [--appinfo PATH]\n"
+        "                   [--only reads|ipc|schema]\n"
         "  --samples N              timed calls per latency figure (default 20000)\n"
         "  --fillers N              packages of 20 keys declared besides the bench package\n"
         "                           (default 50)\n"
@@ -29,6 +30,8 @@ constexpr const char* kUsage =
         "  --schema-packages N      packages of 20 keys in the schema list (default 500)\n"
         "  --daemon PATH            preferencesd (default: the one built with prefs-bench)\n"
         "  --appinfo PATH           prefs-appinfo (default: the one built with prefs-bench)\n"
+        "  --only PART              measure one part only and print its figures (for\n"
+        "                           profiling): in-process reads, IPC, or schema lists\n"
         "The IPC figures run clients under an app uid and need root.\n";
 
 std::string selfPath() {
@@ -64,6 +67,7 @@ int main(int argc, char** argv) {
     ipc.samples = 20000;
     ipc.throughputSeconds = 2;
     size_t schemaPackages = 500;
+    std::string only;
     for (int i = 1; i < argc; i += 2) {
         const std::string flag = argv[i];
         const char* value = i + 1 < argc ? argv[i + 1] : nullptr;
@@ -84,6 +88,9 @@ int main(int argc, char** argv) {
             ipc.daemonPath = value;
         } else if (ok && flag == "--appinfo") {
             ipc.appInfoPath = value;
+        } else if (ok && flag == "--only") {
+            only = value;
+            ok = only == "reads" || only == "ipc" || only == "schema";
         } else {
             ok = false;
         }
@@ -97,32 +104,50 @@ int main(int argc, char** argv) {
         return 2;
     }
 
-    fprintf(stderr, "prefs-bench: in-process reads\n");
+    const bool all = only.empty();
     InProcessBench::ReadFigures reads;
-    if (!InProcessBench::measureReads(ipc.fillers, ipc.samples, &reads)) return 1;
+    if (all || only == "reads") {
+        fprintf(stderr, "prefs-bench: in-process reads\n");
+        if (!InProcessBench::measureReads(ipc.fillers, ipc.samples, &reads)) return 1;
+    }
     IpcBench::Figures calls;
-    if (!IpcBench::measure(ipc, &calls)) return 1;
-    fprintf(stderr, "prefs-bench: schema lists\n");
+    if ((all || only == "ipc") && !IpcBench::measure(ipc, &calls)) return 1;
     InProcessBench::SchemaFigures schema;
-    if (!InProcessBench::measureSchema(schemaPackages, 20, &schema)) return 1;
+    if (all || only == "schema") {
+        fprintf(stderr, "prefs-bench: schema lists\n");
+        if (!InProcessBench::measureSchema(schemaPackages, 20, &schema)) return 1;
+    }
 
-    print("floor_socket_rtt_us", calls.floorRttMicros);
-    print("ipc_get_p50_us", calls.getP50Micros);
-    print("ipc_get_p99_us", calls.getP99Micros);
-    print("ipc_get_ratio", calls.getP50Micros / calls.floorRttMicros);
-    print("floor_sqlite_select_us", reads.floorSelectMicros);
-    print("inproc_get_us", reads.getMicros);
-    print("inproc_get_ratio", reads.getMicros / reads.floorSelectMicros);
-    print("floor_sqlite_write_us", reads.floorWriteMicros);
-    print("ipc_set_p50_us", calls.setP50Micros);
-    print("ipc_set_ratio", calls.setP50Micros / (calls.floorRttMicros + reads.floorWriteMicros));
-    print("get_ops_1", calls.opsOne);
-    print("get_ops_4", calls.opsFour);
-    print("get_scaling", calls.opsFour / calls.opsOne);
-    print("notify_p50_us", calls.notifyP50Micros);
-    print("notify_ratio", calls.notifyP50Micros / calls.floorRttMicros);
-    print("schema_cold_ms", schema.coldMillis);
-    print("schema_warm_ms", schema.warmMillis);
-    printf("daemon_rss_kb: %ld\n", calls.daemonRssKb);
+    if (all || only == "ipc") {
+        print("floor_socket_rtt_us", calls.floorRttMicros);
+        print("ipc_get_p50_us", calls.getP50Micros);
+        print("ipc_get_p99_us", calls.getP99Micros);
+        print("ipc_get_ratio", calls.getP50Micros / calls.floorRttMicros);
+    }
+    if (all || only == "reads") {
+        print("floor_sqlite_select_us", reads.floorSelectMicros);
+        print("inproc_get_us", reads.getMicros);
+        print("inproc_get_ratio", reads.getMicros / reads.floorSelectMicros);
+        print("floor_sqlite_write_us", reads.floorWriteMicros);
+    }
+    if (all) {
+        print("ipc_set_p50_us", calls.setP50Micros);
+        print("ipc_set_ratio",
+              calls.setP50Micros / (calls.floorRttMicros + reads.floorWriteMicros));
+    } else if (only == "ipc") {
+        print("ipc_set_p50_us", calls.setP50Micros);
+    }
+    if (all || only == "ipc") {
+        print("get_ops_1", calls.opsOne);
+        print("get_ops_4", calls.opsFour);
+        print("get_scaling", calls.opsFour / calls.opsOne);
+        print("notify_p50_us", calls.notifyP50Micros);
+        print("notify_ratio", calls.notifyP50Micros / calls.floorRttMicros);
+    }
+    if (all || only == "schema") {
+        print("schema_cold_ms", schema.coldMillis);
+        print("schema_warm_ms", schema.warmMillis);
+    }
+    if (all || only == "ipc") printf("daemon_rss_kb: %ld\n", calls.daemonRssKb);
     return 0;
 }
