@@ -399,6 +399,37 @@ int32_t Sqlite3PreferencesDb::runWrite(sqlite3_stmt* statement, PreferenceScope 
     return 0;
 }
 
+sqlite3* Sqlite3PreferencesDb::metadataDb() const {
+    if (mSystemDb == nullptr || mSystemDb->state != DbState::Ready) return nullptr;
+    return mSystemDb->db;
+}
+
+// The values table has no trigger and no table refers to it, so a write of values alone leaves
+// key metadata as it was. The row counts check that: anything a trigger or cascade changed would
+// count in the connection's total but not in the statement's own changes.
+int Sqlite3PreferencesDb::stepValueWrite(sqlite3_stmt* statement, PreferenceScope scope) {
+    sqlite3* db = scope == PreferenceScope::System ? metadataDb() : nullptr;
+    const std::optional<unsigned int> version = mMetadata.currentVersion(db);
+    if (!version.has_value()) return step(statement);
+    const sqlite3_int64 totalBefore = sqlite3_total_changes64(db);
+    const int result = step(statement);
+    if (sqlite3_total_changes64(db) - totalBefore == sqlite3_changes64(db)) {
+        mMetadata.keepAcross(db, *version);
+    } else {
+        mMetadata.clear();
+    }
+    return result;
+}
+
+int32_t Sqlite3PreferencesDb::runValueWrite(sqlite3_stmt* statement, PreferenceScope scope,
+                                            const std::optional<unsigned int>& userId) {
+    if (stepValueWrite(statement, scope) != SQLITE_DONE) {
+        logFailureToExecutePreparedStatement(statement, scope, userId);
+        return -1;
+    }
+    return 0;
+}
+
 int Sqlite3PreferencesDb::changedRows(PreferenceScope scope,
                                       const std::optional<unsigned int>& userId) {
     sqlite3* db = getDbForScope(scope, userId);
@@ -412,6 +443,7 @@ int32_t Sqlite3PreferencesDb::initialize() {
 }
 
 void Sqlite3PreferencesDb::closeHalfOpenSystemDb() {
+    mMetadata.clear();
     if (mSystemDb == nullptr || mSystemDb->db == nullptr) return;
     uninitializePreparedStatementsForSystemDb();
     sqlite3_close_v2(mSystemDb->db);
@@ -619,6 +651,7 @@ void Sqlite3PreferencesDb::uninitializePreparedStatementsForSystemDb() {
 }
 
 int32_t Sqlite3PreferencesDb::uninitializeSystemDb() {
+    mMetadata.clear();
     if (mSystemDb == nullptr || mSystemDb->state == DbState::Closed) return 0;
     uninitializePreparedStatementsForSystemDb();
     if (sqlite3_close(mSystemDb->db) != SQLITE_OK) {

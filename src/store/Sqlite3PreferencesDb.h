@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "store/IPreferencesDb.h"
+#include "store/PreferencesKeyMetadataCache.h"
 
 namespace Halo::OS {
 
@@ -27,6 +28,10 @@ namespace Halo::OS {
 // Every statement that runs more than once is prepared when its database is opened and reset and
 // re-bound before each use; statements are also reset after each use so that no read
 // transaction stays open between calls.
+//
+// Scope, type, default value and permissions of keys are remembered between calls
+// (PreferencesKeyMetadataCache) as long as the system database is unchanged, so that reading or
+// writing a value runs the value statement alone; every answer is the one the database gives.
 //
 // Thread safety: none. The owner (the key manager) serialises all calls under its main mutex;
 // SQLite connections are used from whichever thread holds it. uninitialize() (and so the
@@ -352,6 +357,15 @@ private:
     // Steps a statement that writes; 0, or -1 after logging a failed step.
     int32_t runWrite(sqlite3_stmt* statement, PreferenceScope scope,
                      const std::optional<unsigned int>& userId = std::nullopt);
+    // step() for a statement that writes the preference_values table of the scope's database and
+    // nothing else: the remembered key metadata stays valid across it.
+    int stepValueWrite(sqlite3_stmt* statement, PreferenceScope scope);
+    // runWrite() with stepValueWrite().
+    int32_t runValueWrite(sqlite3_stmt* statement, PreferenceScope scope,
+                          const std::optional<unsigned int>& userId);
+    // The system connection when the key metadata cache may be used with it (open and ready),
+    // else null.
+    sqlite3* metadataDb() const;
     // Steps a write statement with the expiry modifier bound as parameter 1.
     int32_t runExpiryMark(SystemStatement statement, std::chrono::seconds delay);
     int32_t runSystemWrite(SystemStatement statement);
@@ -415,6 +429,8 @@ private:
     std::unique_ptr<SystemDb> mSystemDb;
     std::map<unsigned int, std::unique_ptr<UserDb>> mUserDbs;
     bool mQueryLogging = false;
+    // Key metadata of the system database; see PreferencesKeyMetadataCache.
+    PreferencesKeyMetadataCache mMetadata;
 };
 
 }  // namespace Halo::OS

@@ -474,6 +474,13 @@ int32_t Sqlite3PreferencesDb::clearPreferenceDefault(const std::string& key) {
 
 int32_t Sqlite3PreferencesDb::getPreferenceScope(const std::string& key, PreferenceScope& scope,
                                                  bool quiet) {
+    const bool cached = mMetadata.use(metadataDb());
+    if (cached) {
+        if (const std::optional<PreferenceScope> known = mMetadata.scope(key)) {
+            scope = *known;
+            return 0;
+        }
+    }
     sqlite3_stmt* statement = systemStatement(kGetScope);
     if (!prepareToRun(statement, PreferenceScope::System)) return -1;
     ScopedStatementReset reset(statement);
@@ -484,6 +491,7 @@ int32_t Sqlite3PreferencesDb::getPreferenceScope(const std::string& key, Prefere
     switch (step(statement)) {
         case SQLITE_ROW:
             scope = static_cast<PreferenceScope>(sqlite3_column_int(statement, 0));
+            if (cached) mMetadata.setScope(key, scope);
             return 0;
         case SQLITE_DONE:
             if (!quiet) ALOGE("Unable to get scope: %s does not exist in table.", key.c_str());
@@ -508,6 +516,13 @@ int32_t Sqlite3PreferencesDb::updatePreferenceScope(const std::string& key, Pref
 }
 
 int32_t Sqlite3PreferencesDb::getPreferenceType(const std::string& key, Type& type) {
+    const bool cached = mMetadata.use(metadataDb());
+    if (cached) {
+        if (const std::optional<Type> known = mMetadata.type(key)) {
+            type = *known;
+            return 0;
+        }
+    }
     sqlite3_stmt* statement = systemStatement(kGetType);
     if (!prepareToRun(statement, PreferenceScope::System)) return -1;
     ScopedStatementReset reset(statement);
@@ -518,6 +533,7 @@ int32_t Sqlite3PreferencesDb::getPreferenceType(const std::string& key, Type& ty
     switch (step(statement)) {
         case SQLITE_ROW:
             type = static_cast<Type>(sqlite3_column_int(statement, 0));
+            if (cached) mMetadata.setType(key, type);
             return 0;
         case SQLITE_DONE:
             ALOGE("Unable to get scope: %s does not exist in table.", key.c_str());
@@ -677,6 +693,13 @@ int32_t Sqlite3PreferencesDb::updatePreferencePermission(const std::string& key,
 
 int32_t Sqlite3PreferencesDb::getPreferencePermission(const std::string& key, unsigned int uid,
                                                       PreferencePermission& permission) {
+    const bool cached = mMetadata.use(metadataDb());
+    if (cached) {
+        if (const std::optional<PreferencePermission> known = mMetadata.permission(key, uid)) {
+            permission = *known;
+            return 0;
+        }
+    }
     sqlite3_stmt* statement = systemStatement(kGetPermission);
     if (!prepareToRun(statement, PreferenceScope::System)) {
         Telemetry::report("getpreferencepermission_error_build_query");
@@ -695,6 +718,7 @@ int32_t Sqlite3PreferencesDb::getPreferencePermission(const std::string& key, un
     }
     // MAX() over no rows is NULL, read as 0: no permission.
     permission = static_cast<PreferencePermission>(sqlite3_column_int(statement, 0));
+    if (cached) mMetadata.setPermission(key, uid, permission);
     return 0;
 }
 

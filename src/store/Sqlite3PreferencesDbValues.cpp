@@ -102,6 +102,13 @@ int32_t Sqlite3PreferencesDb::getCurrentValue(const std::string& key, Preference
 
 int32_t Sqlite3PreferencesDb::getDefaultValue(const std::string& key,
                                               std::optional<std::string>& value) {
+    const bool cached = mMetadata.use(metadataDb());
+    if (cached) {
+        if (std::optional<std::string> known = mMetadata.defaultValue(key)) {
+            value = std::move(known);
+            return 0;
+        }
+    }
     sqlite3_stmt* statement = systemStatement(kGetDefault);
     if (!prepareToRun(statement, PreferenceScope::System)) return -1;
     ScopedStatementReset reset(statement);
@@ -112,7 +119,10 @@ int32_t Sqlite3PreferencesDb::getDefaultValue(const std::string& key,
     switch (step(statement)) {
         case SQLITE_ROW:
             value = columnText(statement, 0);
-            if (value.has_value()) return 0;
+            if (value.has_value()) {
+                if (cached) mMetadata.setDefaultValue(key, *value);
+                return 0;
+            }
             ALOGE("The default value is null. This should NOT happen %s", key.c_str());
             Telemetry::report("getpreferencevalue_error_default_value_null");
             return -1;
@@ -205,7 +215,11 @@ int32_t Sqlite3PreferencesDb::updatePreferenceValue(
             logFailureToBuildQuery(scope, dbUserId);
             return -1;
         }
-        if (runWrite(statement, scope, dbUserId) != 0) return -1;
+        // Only a current value leaves key metadata alone; a default is key metadata.
+        const int32_t written = valueType == PreferenceValueType::Current
+                                        ? runValueWrite(statement, scope, dbUserId)
+                                        : runWrite(statement, scope, dbUserId);
+        if (written != 0) return -1;
         if (changedRows(scope, dbUserId) > 0) return 0;
         if (valueType != PreferenceValueType::Current || inserted) {
             ALOGE("Unable to update value(scope %s, %s value): value row for key not found",
@@ -241,7 +255,7 @@ int32_t Sqlite3PreferencesDb::insertValueRow(const std::optional<unsigned int>& 
         logFailureToBuildQuery(scope, userId);
         return -1;
     }
-    const int stepped = step(statement);
+    const int stepped = stepValueWrite(statement, scope);
     if (stepped == SQLITE_DONE) return 0;
     if (isConstraintFailure(stepped)) {
         ALOGE("Unable to insert duplicate value row for key.");
@@ -295,7 +309,7 @@ int32_t Sqlite3PreferencesDb::clearCurrentPreferenceValue(const std::optional<un
         logFailureToBuildQuery(scope, userId);
         return -1;
     }
-    return runWrite(statement, scope, userId);
+    return runValueWrite(statement, scope, userId);
 }
 
 int32_t Sqlite3PreferencesDb::clearCurrentPreferenceValueFromUserDbs(const std::string& key) {
@@ -345,7 +359,7 @@ int32_t Sqlite3PreferencesDb::deletePreferenceValueRow(const std::optional<unsig
         logFailureToBuildQuery(scope, userId);
         return -1;
     }
-    if (runWrite(statement, scope, userId) != 0) return -1;
+    if (runValueWrite(statement, scope, userId) != 0) return -1;
     if (changedRows(scope, userId) > 0) return 0;
     ALOGW("Unable to delete value row: value row for %s not found. this may be normal.",
           key.c_str());

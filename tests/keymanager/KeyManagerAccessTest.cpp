@@ -156,6 +156,37 @@ TEST_F(KeyManagerAccessTest, TypeQueriesAndReset) {
     EXPECT_EQ("1", rootValue("sys.int", Type::Integer));  // the default again
 }
 
+// Every call decides on the declarations as they are when it runs, whatever changed them.
+TEST_F(KeyManagerAccessTest, ChangedDeclarationsDecideTheNextCall) {
+    std::string value;
+    ASSERT_EQ(0, getAs(kReaderApp, "sys.int", value, Type::Integer));
+    ASSERT_EQ(-3, setAs(kReaderApp, "sys.int", "2", Type::Integer));
+    // The reader's new schema lets it write; the owner makes the key a long with a new default.
+    ASSERT_TRUE(apply(R"({"add": true, "schemas": [
+        {"uid": 10002, "packageName": "com.example.reader", "contents": [
+            {"key": "sys.int", "type": "integer", "default": "1", "hasWritePermission": true,
+             "scope": "system"}]}]})"));
+    EXPECT_EQ(0, setAs(kReaderApp, "sys.int", "2", Type::Integer));
+    ASSERT_EQ(0, mManager->reset("sys.int"));
+    ASSERT_TRUE(apply(R"({"add": true, "schemas": [
+        {"uid": 10001, "packageName": "com.example.owner", "contents": [
+            {"key": "sys.int", "type": "long", "default": "4", "hasWritePermission": true,
+             "scope": "system", "isOwner": true}]}]})"));
+    EXPECT_EQ(-9, getAs(kReaderApp, "sys.int", value, Type::Integer));
+    EXPECT_EQ(-8, setAs(kReaderApp, "sys.int", "3", Type::Integer));
+    ASSERT_EQ(0, getAs(kReaderApp, "sys.int", value, Type::Long));
+    EXPECT_EQ("4", value);
+    // The reader's package goes away with its permission; the owner's goes, and the key with it.
+    ASSERT_TRUE(apply(R"({"add": false, "schemas": [
+        {"uid": 10002, "packageName": "com.example.reader", "contents": []}]})"));
+    EXPECT_EQ(-3, getAs(kReaderApp, "sys.int", value, Type::Long));
+    ASSERT_EQ(0, getAs(kOwnerApp, "sys.int", value, Type::Long));
+    ASSERT_TRUE(apply(R"({"add": false, "schemas": [
+        {"uid": 10001, "packageName": "com.example.owner", "contents": []}]})"));
+    EXPECT_EQ(-3, getAs(kOwnerApp, "sys.int", value, Type::Long));
+    EXPECT_EQ(-9, rootGet("sys.int", value, Type::Long));
+}
+
 TEST_F(KeyManagerAccessTest, OsPermissionsAreCheckedAgainstTheBinderCaller) {
     std::string value;
     // The Binder caller is an app and no permission service exists: the OS checks refuse.
