@@ -2,46 +2,58 @@
 
 namespace Halo::OS {
 
-bool PreferencesKeyMetadataCache::dataVersion(sqlite3* db, unsigned int* version) {
-    return sqlite3_file_control(db, "main", SQLITE_FCNTL_DATA_VERSION, version) == SQLITE_OK;
+PreferencesKeyMetadataCache::~PreferencesKeyMetadataCache() {
+    detach();
+}
+
+int PreferencesKeyMetadataCache::onCommit(void* cache) {
+    ++static_cast<PreferencesKeyMetadataCache*>(cache)->mCommits;
+    return 0;
+}
+
+void PreferencesKeyMetadataCache::attach(sqlite3* db) {
+    detach();
+    if (db == nullptr) return;
+    mDb = db;
+    sqlite3_commit_hook(db, &PreferencesKeyMetadataCache::onCommit, this);
+}
+
+void PreferencesKeyMetadataCache::detach() {
+    if (mDb != nullptr) sqlite3_commit_hook(mDb, nullptr, nullptr);
+    mDb = nullptr;
+    mCommits = 0;
+    mVersion = 0;
+    mEntries.clear();
 }
 
 bool PreferencesKeyMetadataCache::use(sqlite3* db) {
-    unsigned int version = 0;
-    if (db == nullptr || sqlite3_get_autocommit(db) == 0 || !dataVersion(db, &version)) {
-        return false;
-    }
-    if (db != mDb || version != mVersion) {
+    if (db == nullptr || db != mDb || sqlite3_get_autocommit(db) == 0) return false;
+    if (mCommits != mVersion) {
         mEntries.clear();
-        mDb = db;
-        mVersion = version;
+        mVersion = mCommits;
     }
     return true;
 }
 
-std::optional<unsigned int> PreferencesKeyMetadataCache::currentVersion(sqlite3* db) const {
-    unsigned int version = 0;
-    if (db == nullptr || db != mDb || sqlite3_get_autocommit(db) == 0 ||
-        !dataVersion(db, &version) || version != mVersion) {
+std::optional<uint64_t> PreferencesKeyMetadataCache::currentVersion(sqlite3* db) const {
+    if (db == nullptr || db != mDb || sqlite3_get_autocommit(db) == 0 || mCommits != mVersion) {
         return std::nullopt;
     }
-    return version;
+    return mVersion;
 }
 
-void PreferencesKeyMetadataCache::keepAcross(sqlite3* db, unsigned int before) {
-    unsigned int version = 0;
+void PreferencesKeyMetadataCache::keepAcross(sqlite3* db, uint64_t before) {
     if (db != mDb || before != mVersion || sqlite3_get_autocommit(db) == 0 ||
-        !dataVersion(db, &version) || version != before + 1) {
+        mCommits > before + 1) {
         clear();
         return;
     }
-    mVersion = version;
+    mVersion = mCommits;
 }
 
 void PreferencesKeyMetadataCache::clear() {
     mEntries.clear();
-    mDb = nullptr;
-    mVersion = 0;
+    mVersion = mCommits;
 }
 
 const PreferencesKeyMetadataCache::Entry* PreferencesKeyMetadataCache::find(

@@ -18,15 +18,16 @@ namespace Halo::OS {
 // one per fact.
 //
 // An entry is only filled from a statement that has just read the database, and only used while
-// the database is unchanged since: the cache follows the connection's data version
-// (SQLITE_FCNTL_DATA_VERSION), which every commit on the connection advances whatever wrote --
-// the store's statements, the trigger and foreign-key cascades they set off, schema changes, and
-// SQL that anybody else runs on the connection. While a transaction is open nothing is read from
-// or added to the cache, since what the transaction sees may still be rolled back. The owner
-// clears the cache when it closes or opens the connection, so a new connection at the same
-// address never meets old entries.
+// the database is unchanged since. The cache counts the commits of the connection it follows
+// through the connection's commit hook, which SQLite calls for every transaction that wrote,
+// whatever wrote -- the store's statements with the trigger and foreign-key cascades they set
+// off, schema changes, and SQL that anybody else runs on the connection -- and drops its entries
+// when the count moved. While a transaction is open nothing is read from or added to the cache,
+// since what the transaction sees may still be rolled back. Other connections to the same file
+// are not followed: the store's connection must be the only one that writes.
 //
-// Not thread-safe: used under the lock that serialises the store.
+// The commit hook of the followed connection belongs to the cache. Not thread-safe: used under the
+// lock that serialises the store, from which SQLite also calls the hook.
 class PreferencesKeyMetadataCache {
 public:
     using Type = PreferencesKeyInfo::Type;
@@ -36,21 +37,33 @@ public:
     // Keys remembered at most; one more drops them all.
     static constexpr size_t kMaxKeys = 8192;
 
-    // Whether the cache may be consulted and filled for `db` now: false for a null connection or
-    // while a transaction is open. Drops every entry when the database changed since they were
-    // read, or when `db` is another connection.
+    PreferencesKeyMetadataCache() = default;
+    // Detaches (see detach()).
+    ~PreferencesKeyMetadataCache();
+    PreferencesKeyMetadataCache(const PreferencesKeyMetadataCache&) = delete;
+    PreferencesKeyMetadataCache& operator=(const PreferencesKeyMetadataCache&) = delete;
+
+    // Follows `db` from now on, installing its commit hook, with no entries.
+    void attach(sqlite3* db);
+    // Stops following the connection (removing the hook) and drops every entry. Must be called
+    // before the followed connection is closed.
+    void detach();
+
+    // Whether the cache may be consulted and filled for `db` now: false unless `db` is the
+    // followed connection and no transaction is open on it. Drops every entry when the
+    // connection committed a write since they were read.
     bool use(sqlite3* db);
 
-    // The data version the entries belong to, when they are those of `db` as it is now (no
+    // The commit count the entries belong to, when they are those of `db` as it is now (no
     // transaction open, no commit since they were read); empty otherwise.
-    std::optional<unsigned int> currentVersion(sqlite3* db) const;
+    std::optional<uint64_t> currentVersion(sqlite3* db) const;
     // After one write on `db` that changed no key metadata, begun when currentVersion() was
-    // `before`: the entries stay valid when that write's own commit is the only change since;
+    // `before`: the entries stay valid when that write's own commit is the only one since;
     // otherwise they are dropped.
-    void keepAcross(sqlite3* db, unsigned int before);
+    void keepAcross(sqlite3* db, uint64_t before);
 
+    // Drops every entry; the connection stays followed.
     void clear();
-    size_t size() const { return mEntries.size(); }
 
     // Cached facts; empty when not known. Call only after use() returned true.
     std::optional<Scope> scope(const std::string& key) const;
@@ -73,12 +86,15 @@ private:
         std::vector<std::pair<unsigned int, Permission>> permissions;
     };
 
-    static bool dataVersion(sqlite3* db, unsigned int* version);
+    // The commit hook: counts the commit and lets it proceed.
+    static int onCommit(void* cache);
     const Entry* find(const std::string& key) const;
     Entry& entry(const std::string& key);
 
     sqlite3* mDb = nullptr;
-    unsigned int mVersion = 0;
+    // Commits of mDb since it was attached, and the count the entries belong to.
+    uint64_t mCommits = 0;
+    uint64_t mVersion = 0;
     std::unordered_map<std::string, Entry> mEntries;
 };
 

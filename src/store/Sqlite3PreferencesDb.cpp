@@ -409,7 +409,7 @@ sqlite3* Sqlite3PreferencesDb::metadataDb() const {
 // count in the connection's total but not in the statement's own changes.
 int Sqlite3PreferencesDb::stepValueWrite(sqlite3_stmt* statement, PreferenceScope scope) {
     sqlite3* db = scope == PreferenceScope::System ? metadataDb() : nullptr;
-    const std::optional<unsigned int> version = mMetadata.currentVersion(db);
+    const std::optional<uint64_t> version = mMetadata.currentVersion(db);
     if (!version.has_value()) return step(statement);
     const sqlite3_int64 totalBefore = sqlite3_total_changes64(db);
     const int result = step(statement);
@@ -443,7 +443,7 @@ int32_t Sqlite3PreferencesDb::initialize() {
 }
 
 void Sqlite3PreferencesDb::closeHalfOpenSystemDb() {
-    mMetadata.clear();
+    mMetadata.detach();
     if (mSystemDb == nullptr || mSystemDb->db == nullptr) return;
     uninitializePreparedStatementsForSystemDb();
     sqlite3_close_v2(mSystemDb->db);
@@ -466,6 +466,7 @@ int32_t Sqlite3PreferencesDb::initializeSystemDb() {
         mSystemDb->db = nullptr;
         return -2;
     }
+    mMetadata.attach(mSystemDb->db);
     int32_t result = initializeInMemDb();
     if (result != 0) {
         ALOGE("Unable to initalize in memory DB.");
@@ -651,7 +652,7 @@ void Sqlite3PreferencesDb::uninitializePreparedStatementsForSystemDb() {
 }
 
 int32_t Sqlite3PreferencesDb::uninitializeSystemDb() {
-    mMetadata.clear();
+    mMetadata.detach();
     if (mSystemDb == nullptr || mSystemDb->state == DbState::Closed) return 0;
     uninitializePreparedStatementsForSystemDb();
     if (sqlite3_close(mSystemDb->db) != SQLITE_OK) {
