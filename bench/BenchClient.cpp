@@ -99,14 +99,14 @@ bool timeGets(const sp<IPreferencesService>& service, const std::vector<String16
     return true;
 }
 
-int getLatency(size_t count) {
+int getLatency(size_t count, bool store) {
     const std::vector<String16> keys = readKeys16();
     // Forked before the first Binder call, while the process has a single thread.
     SocketFloor floor(getRequestBytes(keys[0]), kGetReplyBytes);
     sp<IPreferencesService> service = connect();
     if (!floor.ok() || service == nullptr || !waitUntilDeclared(service)) return 1;
-    for (const String16& key : keys) {
-        const Status status = service->setInteger(key, BenchSchemas::kReadValue);
+    for (size_t i = 0; store && i < keys.size(); ++i) {
+        const Status status = service->setInteger(keys[i], BenchSchemas::kReadValue);
         if (!status.isOk()) {
             fprintf(stderr, "prefs-bench client: setInteger: %s\n", status.toString8().string());
             return 1;
@@ -247,13 +247,16 @@ int BenchClient::run(const std::vector<std::string>& args) {
     const std::string& role = args[0];
     size_t count = 0;
     if (role == "listen" && args.size() == 1) return listen();
+    if (role == "get-latency" && args.size() == 3 && args[2] == "store") {
+        return parseCount(args[1], &count) ? getLatency(count, true) : 2;
+    }
     if (args.size() != 2) return 2;
     if (role == "throughput") {
         const double seconds = strtod(args[1].c_str(), nullptr);
         return seconds > 0 ? throughput(seconds) : 2;
     }
     if (!parseCount(args[1], &count)) return 2;
-    if (role == "get-latency") return getLatency(count);
+    if (role == "get-latency") return getLatency(count, false);
     if (role == "set-latency") return setLatency(count);
     if (role == "notify") return notify(count);
     return 2;

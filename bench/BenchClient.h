@@ -11,9 +11,10 @@ namespace Halo::OS {
 // printed on standard output as "name value" lines, times in microseconds.
 //
 // Roles:
-//   get-latency COUNT    stores the read keys' values, then times COUNT getInteger calls and as
-//                        many raw socket round trips of the same sizes, in alternating blocks:
-//                        floor_p50_us, get_p50_us, get_p99_us
+//   get-latency COUNT [store]
+//                        times COUNT getInteger calls of the read keys and as many raw socket
+//                        round trips of the same sizes, in alternating blocks: floor_p50_us,
+//                        get_p50_us, get_p99_us; with "store", first stores their values
 //   set-latency COUNT    times COUNT setInteger calls: set_p50_us
 //   throughput SECONDS   prints "ready", waits until descriptor 3 reaches its end, then calls
 //                        getInteger back to back for SECONDS: ops N

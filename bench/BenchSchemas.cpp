@@ -13,14 +13,16 @@ namespace {
 constexpr uid_t kFillerFirstUid = 10400;
 constexpr size_t kFillerKeys = 20;
 
-Json::Value keyEntry(const std::string& key, const char* scope, const std::string& defaultValue) {
+// An integer key that the declaring package owns and may write, or (`owner` false) only reads.
+Json::Value keyEntry(const std::string& key, const char* scope, const std::string& defaultValue,
+                     bool owner = true) {
     Json::Value entry(Json::objectValue);
     entry["key"] = key;
     entry["type"] = "integer";
     entry["default"] = defaultValue;
-    entry["hasWritePermission"] = true;
+    entry["hasWritePermission"] = owner;
     entry["scope"] = scope;
-    entry["isOwner"] = true;
+    entry["isOwner"] = owner;
     return entry;
 }
 
@@ -58,6 +60,14 @@ Json::Value BenchSchemas::benchPackage() {
     return doc;
 }
 
+Json::Value BenchSchemas::privilegedPackage() {
+    Json::Value doc = document(kPrivilegedUid, kPrivilegedPackage);
+    for (const std::string& key : readKeys()) {
+        doc["contents"].append(keyEntry(key, "system", "7", /*owner=*/false));
+    }
+    return doc;
+}
+
 Json::Value BenchSchemas::fillerPackage(size_t index, size_t keyCount) {
     char package[64];
     snprintf(package, sizeof(package), "com.halo.bench.filler%03zu", index);
@@ -71,7 +81,7 @@ Json::Value BenchSchemas::fillerPackage(size_t index, size_t keyCount) {
 }
 
 std::vector<Json::Value> BenchSchemas::devicePackages(size_t fillers) {
-    std::vector<Json::Value> documents{benchPackage()};
+    std::vector<Json::Value> documents{benchPackage(), privilegedPackage()};
     for (size_t i = 0; i < fillers; ++i) documents.push_back(fillerPackage(i, kFillerKeys));
     return documents;
 }

@@ -24,12 +24,13 @@ constexpr auto kClientTimeout = std::chrono::seconds(300);
 constexpr auto kReadyTimeout = std::chrono::seconds(60);
 
 ClientProcess::Options clientOptions(const IpcBench::Options& options, const BenchDaemon& device,
-                                     std::vector<std::string> role, int passFd = -1) {
+                                     std::vector<std::string> role, int passFd = -1,
+                                     uid_t uid = BenchSchemas::kBenchUid) {
     ClientProcess::Options client;
     client.argv = {options.selfPath, "--client"};
     client.argv.insert(client.argv.end(), role.begin(), role.end());
     client.env = {"BINDER_DIR=" + device.binderDir()};
-    client.uid = BenchSchemas::kBenchUid;
+    client.uid = uid;
     client.passFd = passFd;
     return client;
 }
@@ -50,9 +51,10 @@ bool collect(ClientProcess& client, const char* what, Results* results) {
 }
 
 bool runClient(const IpcBench::Options& options, const BenchDaemon& device,
-               std::vector<std::string> role, Results* results) {
+               std::vector<std::string> role, Results* results,
+               uid_t uid = BenchSchemas::kBenchUid) {
     const std::string what = role[0];
-    ClientProcess client(clientOptions(options, device, std::move(role)));
+    ClientProcess client(clientOptions(options, device, std::move(role), -1, uid));
     return client.started() && collect(client, what.c_str(), results);
 }
 
@@ -105,13 +107,19 @@ bool notify(const IpcBench::Options& options, const BenchDaemon& device, Results
 bool IpcBench::measure(const Options& options, Figures* out) {
     BenchDaemon device(options.daemonPath, options.appInfoPath);
     if (!device.start(options.fillers)) return false;
-    Results results;
     const std::string samples = std::to_string(options.samples);
+    Results app;
+    Results privileged;
+    Results writes;
     fprintf(stderr, "prefs-bench: get latency\n");
-    if (!runClient(options, device, {"get-latency", samples}, &results)) return false;
+    if (!runClient(options, device, {"get-latency", samples, "store"}, &app) ||
+        !runClient(options, device, {"get-latency", samples}, &privileged,
+                   BenchSchemas::kPrivilegedUid)) {
+        return false;
+    }
     fprintf(stderr, "prefs-bench: set latency\n");
     if (!runClient(options, device, {"set-latency", std::to_string(options.samples / 4)},
-                   &results)) {
+                   &writes)) {
         return false;
     }
     fprintf(stderr, "prefs-bench: throughput\n");
@@ -120,12 +128,14 @@ bool IpcBench::measure(const Options& options, Figures* out) {
         return false;
     }
     fprintf(stderr, "prefs-bench: notification\n");
-    if (!notify(options, device, &results)) return false;
-    out->floorRttMicros = results["floor_p50_us"];
-    out->getP50Micros = results["get_p50_us"];
-    out->getP99Micros = results["get_p99_us"];
-    out->setP50Micros = results["set_p50_us"];
-    out->notifyP50Micros = results["notify_p50_us"];
+    if (!notify(options, device, &writes)) return false;
+    out->floorRttMicros = app["floor_p50_us"];
+    out->getP50Micros = app["get_p50_us"];
+    out->getP99Micros = app["get_p99_us"];
+    out->privilegedFloorRttMicros = privileged["floor_p50_us"];
+    out->privilegedGetP50Micros = privileged["get_p50_us"];
+    out->setP50Micros = writes["set_p50_us"];
+    out->notifyP50Micros = writes["notify_p50_us"];
     out->daemonRssKb = device.daemonRssKb();
     if (!device.stop()) {
         fprintf(stderr, "prefs-bench: preferencesd did not stop cleanly\n");

@@ -6,7 +6,8 @@
 namespace Halo::OS {
 
 // The measurements over Binder: a BenchDaemon, and client processes running prefs-bench's client
-// roles (BenchClient) under the bench app's uid. Needs root, to start processes under that uid.
+// roles (BenchClient) under the bench app's uid (and the privileged package's for one figure).
+// Needs root, to start processes under those uids.
 class IpcBench {
 public:
     struct Options {
@@ -21,6 +22,9 @@ public:
         double floorRttMicros = 0;  // raw socket round trip, measured by the get client
         double getP50Micros = 0;
         double getP99Micros = 0;
+        // The same gets from the privileged package's uid, which skips the OS permission check.
+        double privilegedFloorRttMicros = 0;
+        double privilegedGetP50Micros = 0;
         double setP50Micros = 0;
         double opsOne = 0;   // gets per second, one client
         double opsFour = 0;  // gets per second, four clients together

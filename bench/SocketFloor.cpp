@@ -1,5 +1,6 @@
 #include "SocketFloor.h"
 
+#include <sched.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -40,6 +41,7 @@ SocketFloor::SocketFloor(size_t requestBytes, size_t replyBytes)
       mReply(replyBytes, 'r') {
     int fds[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0) return;
+    mCpu = sched_getcpu();
     const pid_t pid = fork();
     if (pid < 0) {
         close(fds[0]);
@@ -49,6 +51,12 @@ SocketFloor::SocketFloor(size_t requestBytes, size_t replyBytes)
     if (pid == 0) {
         close(fds[0]);
         // Only async-signal-safe calls from here on: the parent may run threads.
+        if (mCpu >= 0) {
+            cpu_set_t one;
+            CPU_ZERO(&one);
+            CPU_SET(mCpu, &one);
+            sched_setaffinity(0, sizeof(one), &one);
+        }
         char* request = mRequest.data();
         const char* reply = mReply.data();
         while (readFully(fds[1], request, mRequestBytes) &&
@@ -72,15 +80,23 @@ SocketFloor::~SocketFloor() {
 
 bool SocketFloor::measure(size_t count, LatencySamples* samples) {
     if (!ok()) return false;
-    for (size_t i = 0; i < count; ++i) {
-        const LatencySamples::Clock::time_point start = LatencySamples::Clock::now();
-        if (!writeFully(mFd, mRequest.data(), mRequestBytes) ||
-            !readFully(mFd, mReply.data(), mReplyBytes)) {
-            return false;
-        }
-        samples->add(LatencySamples::Clock::now() - start);
+    cpu_set_t previous;
+    const bool pinned = mCpu >= 0 && sched_getaffinity(0, sizeof(previous), &previous) == 0;
+    if (pinned) {
+        cpu_set_t one;
+        CPU_ZERO(&one);
+        CPU_SET(mCpu, &one);
+        sched_setaffinity(0, sizeof(one), &one);
     }
-    return true;
+    bool answered = true;
+    for (size_t i = 0; answered && i < count; ++i) {
+        const LatencySamples::Clock::time_point start = LatencySamples::Clock::now();
+        answered = writeFully(mFd, mRequest.data(), mRequestBytes) &&
+                   readFully(mFd, mReply.data(), mReplyBytes);
+        if (answered) samples->add(LatencySamples::Clock::now() - start);
+    }
+    if (pinned) sched_setaffinity(0, sizeof(previous), &previous);
+    return answered;
 }
 
 }  // namespace Halo::OS

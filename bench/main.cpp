@@ -1,7 +1,9 @@
 // prefs-bench: measures the preferences service against the floor the machine allows, in one run,
 // and prints one "name: value" line per figure. See docs/performance.md.
+#include <sched.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -22,7 +24,7 @@ using Halo::OS::IpcBench;
 constexpr const char* kUsage =
         "usage: prefs-bench [--samples N] [--fillers N] [--throughput-seconds S]\n"
         "                   [--schema-packages N] [--daemon PATH] [--appinfo PATH]\n"
-        "                   [--only reads|ipc|schema]\n"
+        "                   [--only reads|ipc|schema] [--cpu N]\n"
         "  --samples N              timed calls per latency figure (default 20000)\n"
         "  --fillers N              packages of 20 keys declared besides the bench package\n"
         "                           (default 50)\n"
@@ -32,6 +34,8 @@ constexpr const char* kUsage =
         "  --appinfo PATH           prefs-appinfo (default: the one built with prefs-bench)\n"
         "  --only PART              measure one part only and print its figures (for\n"
         "                           profiling): in-process reads, IPC, or schema lists\n"
+        "  --cpu N                  run everything (this process, the daemon, prefs-appinfo\n"
+        "                           and the clients) on CPU N only\n"
         "The IPC figures run clients under an app uid and need root.\n";
 
 std::string selfPath() {
@@ -68,6 +72,7 @@ int main(int argc, char** argv) {
     ipc.throughputSeconds = 2;
     size_t schemaPackages = 500;
     std::string only;
+    long cpu = -1;
     for (int i = 1; i < argc; i += 2) {
         const std::string flag = argv[i];
         const char* value = i + 1 < argc ? argv[i + 1] : nullptr;
@@ -88,6 +93,10 @@ int main(int argc, char** argv) {
             ipc.daemonPath = value;
         } else if (ok && flag == "--appinfo") {
             ipc.appInfoPath = value;
+        } else if (ok && flag == "--cpu") {
+            char* end = nullptr;
+            cpu = strtol(value, &end, 10);
+            ok = *value != '\0' && *end == '\0' && cpu >= 0 && cpu < CPU_SETSIZE;
         } else if (ok && flag == "--only") {
             only = value;
             ok = only == "reads" || only == "ipc" || only == "schema";
@@ -102,6 +111,17 @@ int main(int argc, char** argv) {
     if (geteuid() != 0) {
         fprintf(stderr, "prefs-bench: must run as root (the clients run under an app uid)\n");
         return 2;
+    }
+
+    if (cpu >= 0) {
+        // Every process started from here on inherits the affinity.
+        cpu_set_t set;
+        CPU_ZERO(&set);
+        CPU_SET(static_cast<int>(cpu), &set);
+        if (sched_setaffinity(0, sizeof(set), &set) != 0) {
+            fprintf(stderr, "prefs-bench: cannot run on CPU %ld: %s\n", cpu, strerror(errno));
+            return 2;
+        }
     }
 
     const bool all = only.empty();
@@ -123,6 +143,9 @@ int main(int argc, char** argv) {
         print("ipc_get_p50_us", calls.getP50Micros);
         print("ipc_get_p99_us", calls.getP99Micros);
         print("ipc_get_ratio", calls.getP50Micros / calls.floorRttMicros);
+        print("ipc_get_privileged_p50_us", calls.privilegedGetP50Micros);
+        print("ipc_get_privileged_ratio",
+              calls.privilegedGetP50Micros / calls.privilegedFloorRttMicros);
     }
     if (all || only == "reads") {
         print("floor_sqlite_select_us", reads.floorSelectMicros);
