@@ -195,6 +195,12 @@ status_t BinderConnection::transact(uint64_t target, uint32_t code, const Parcel
     Parcel localReply;
     Waiter waiter;
     wire::TransactionBody body{};
+    // A caller that finds nobody reading the connection becomes its reader before it sends, and
+    // takes the connection out of the pool's epoll set first: otherwise a reply that comes back
+    // at once would wake a pool thread, which would read it and hand it over to this thread --
+    // two thread switches on every call.
+    bool reading = false;
+    bool disarm = false;
     {
         Mutex::Autolock lock(mLock);
         if (mDead) return android::DEAD_OBJECT;
@@ -202,8 +208,17 @@ status_t BinderConnection::transact(uint64_t target, uint32_t code, const Parcel
             waiter.txid = ++mNextTxid;
             waiter.reply = reply != nullptr ? reply : &localReply;
             mWaiters.emplace(waiter.txid, &waiter);
+            if (!mReading) {
+                mReading = true;
+                reading = true;
+                if (mArmed && BinderRuntime::instance().poolStarted()) {
+                    mArmed = false;
+                    disarm = true;
+                }
+            }
         }
     }
+    if (disarm) BinderRuntime::instance().disarm(this);
     body.txid = waiter.txid;
     body.target = target;
     body.context = oneway ? 0 : IPCThreadState::self()->nestingContext(this);
@@ -213,6 +228,7 @@ status_t BinderConnection::transact(uint64_t target, uint32_t code, const Parcel
                               &body.objectCount, &body.fdCount, data);
     if (oneway) return err;
     if (err != android::OK) {
+        if (reading) releaseReadingToken();
         bool idle;
         {
             Mutex::Autolock lock(mLock);
@@ -222,16 +238,20 @@ status_t BinderConnection::transact(uint64_t target, uint32_t code, const Parcel
         if (idle) markDead(nullptr);
         return err;
     }
-    return waitForReply(&waiter);
+    return waitForReply(&waiter, reading);
 }
 
-status_t BinderConnection::waitForReply(Waiter* waiter) {
+status_t BinderConnection::waitForReply(Waiter* waiter, bool reading) {
     BinderRuntime& runtime = BinderRuntime::instance();
     for (;;) {
         enum class Action { Done, Nested, Read } action;
         BinderTask nested;
         bool disarm = false;
-        {
+        if (reading) {
+            // The token was taken (and the connection disarmed) before the call was sent.
+            action = Action::Read;
+            reading = false;
+        } else {
             Mutex::Autolock lock(mLock);
             while (!waiter->done && waiter->nested.empty() && mReading) {
                 waiter->cv.wait(lock.unique());

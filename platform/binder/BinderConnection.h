@@ -140,7 +140,9 @@ private:
     void sendRelease(uint64_t id, uint64_t count);
     android::status_t writeFrame(const iovec* iov, int iovcnt, const int* fds, size_t fdCount);
 
-    android::status_t waitForReply(Waiter* waiter);
+    // Waits for the waiter's reply, reading the connection while nobody else does. `reading`:
+    // the caller already holds the reading token (and has disarmed the connection if needed).
+    android::status_t waitForReply(Waiter* waiter, bool reading);
 
     // The token holder reads once and routes every complete frame. Returns false when the
     // connection broke (it is then marked dead).
