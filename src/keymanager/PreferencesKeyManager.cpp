@@ -111,17 +111,27 @@ long long PreferencesKeyManager::microsSince(Clock::time_point start) {
     return std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start).count();
 }
 
-PreferencesKeyManager::Clock::time_point PreferencesKeyManager::lockTimed(
-        const char* operation, const std::string& detail) {
+template <typename DetailFn>
+PreferencesKeyManager::Clock::time_point PreferencesKeyManager::lockTimedWith(
+        const char* operation, const DetailFn& detail) {
     const Clock::time_point before = Clock::now();
     mMutex.lock();
-    const long long wait = microsSince(before);
-    if (mProfiling) mProfiler->recordLock(wait);
-    if (mTracing) {
-        mProfiler->recordLockTrace(std::chrono::time_point_cast<std::chrono::microseconds>(before),
-                                   operation, detail, wait);
+    // The switches only change under mMutex, so they hold still from here on.
+    if (mProfiling || mTracing) {
+        const long long wait = microsSince(before);
+        if (mProfiling) mProfiler->recordLock(wait);
+        if (mTracing) {
+            mProfiler->recordLockTrace(
+                    std::chrono::time_point_cast<std::chrono::microseconds>(before), operation,
+                    detail(), wait);
+        }
     }
     return before;
+}
+
+PreferencesKeyManager::Clock::time_point PreferencesKeyManager::lockTimed(
+        const char* operation, const std::string& detail) {
+    return lockTimedWith(operation, [&detail]() -> const std::string& { return detail; });
 }
 
 bool PreferencesKeyManager::isPrivilegedAppId(uid_t uid) const {
@@ -376,13 +386,15 @@ int PreferencesKeyManager::setUser(const std::string& key, const std::string& va
 
 int PreferencesKeyManager::setWithoutCallback(const std::string& key, const std::string& value,
                                               Type type, uid_t uid) {
-    const std::string package = PreferencesKeyInfo::get(uid);
+    // The package name only goes into log lines, so it is looked up only for one.
+    const auto package = [uid] { return PreferencesKeyInfo::get(uid); };
     IF_ALOG(LOG_VERBOSE, LOG_TAG) {
-        ALOG(LOG_VERBOSE, LOG_TAG, "%s, setting key (%s) to value (%s)", package.c_str(),
+        ALOG(LOG_VERBOSE, LOG_TAG, "%s, setting key (%s) to value (%s)", package().c_str(),
              key.c_str(), value.c_str());
     }
     lockTimed("write", key);
-    const Clock::time_point start = Clock::now();
+    const bool timed = mProfiling || mTracing;
+    const Clock::time_point start = timed ? Clock::now() : Clock::time_point();
 
     int result = 0;
     bool rowReadFailed = false;
@@ -391,28 +403,28 @@ int PreferencesKeyManager::setWithoutCallback(const std::string& key, const std:
     if (access.status != 0) {
         result = access.status;
         if (rowReadFailed) {
-            ALOGE("%s, %s: set denied, make sure app has key defined", package.c_str(),
+            ALOGE("%s, %s: set denied, make sure app has key defined", package().c_str(),
                   key.c_str());
             Telemetry::reportError("key_set_error", uid,
                                    "set denied, make sure app has key defined");
         } else {
             ALOGE("%s, %s: set denied due to lack of permission, check app key's permission "
                   "field",
-                  package.c_str(), key.c_str());
+                  package().c_str(), key.c_str());
             Telemetry::reportError("key_set_error", uid, "missing permission to write preference");
         }
     } else if (getTypeLockedPermitted(key, declared) != 0 || declared != type) {
         ALOGE("%s, %s: set denied due to wrong type, check app's method of call or key type "
               "definition",
-              package.c_str(), key.c_str());
+              package().c_str(), key.c_str());
         Telemetry::reportError("key_set_error", uid, "wrong type or undefined key");
         result = -8;
     } else if (mDb->setPreferenceValue(access.user, access.checkingUser, key, value) != 0) {
-        ALOGE("%s, %s: set denied, can not be write to database", package.c_str(), key.c_str());
+        ALOGE("%s, %s: set denied, can not be write to database", package().c_str(), key.c_str());
         Telemetry::reportError("key_set_error", uid, "can not be written to database");
         result = -8;
     } else {
-        const long long duration = microsSince(start);
+        const long long duration = timed ? microsSince(start) : 0;
         if (key == "mic_muted") Telemetry::report("mic_muted_set", uid, true);
         if (mProfiling) mProfiler->recordWrite(key, duration);
         if (mTracing) {
@@ -451,9 +463,11 @@ int PreferencesKeyManager::getUser(const std::string& key, std::string& out, Typ
 
 int PreferencesKeyManager::getWithoutPermissionCheck(const std::string& key, std::string& out,
                                                      Type type, uid_t uid) {
-    const std::string package = PreferencesKeyInfo::get(uid);
+    // The package name only goes into log lines, so it is looked up only for one.
+    const auto package = [uid] { return PreferencesKeyInfo::get(uid); };
     lockTimed("read", key);
-    const Clock::time_point start = Clock::now();
+    const bool timed = mProfiling || mTracing;
+    const Clock::time_point start = timed ? Clock::now() : Clock::time_point();
 
     int result = 0;
     bool rowReadFailed = false;
@@ -463,28 +477,36 @@ int PreferencesKeyManager::getWithoutPermissionCheck(const std::string& key, std
     if (access.status != 0) {
         result = access.status;
         if (rowReadFailed) {
-            ALOGE("%s, %s: get denied, make sure app key is defined", package.c_str(), key.c_str());
+            ALOGE("%s, %s: get denied, make sure app key is defined", package().c_str(),
+                  key.c_str());
         } else {
             ALOGE("%s, %s: get denied due to lack of permission, check app key's permission "
                   "field",
-                  package.c_str(), key.c_str());
+                  package().c_str(), key.c_str());
         }
     } else if (getTypeLockedPermitted(key, declared) != 0 || declared != type) {
         ALOGE("%s, %s: get denied due to wrong type, check app's method of call or key type "
               "definition",
-              package.c_str(), key.c_str());
+              package().c_str(), key.c_str());
         result = -9;
     } else if (mDb->getPreferenceValue(access.user, access.checkingUser, key, value) != 0) {
-        ALOGE("%s, %s: get denied, can not be read from database", package.c_str(), key.c_str());
+        ALOGE("%s, %s: get denied, can not be read from database", package().c_str(), key.c_str());
         result = -9;
     } else {
-        out = value.value_or("");
-        const long long duration = microsSince(start);
-        if (mProfiling) mProfiler->recordRead(key, duration);
-        if (mTracing) {
-            mProfiler->recordTrace(std::chrono::time_point_cast<std::chrono::microseconds>(start),
-                                   EventType::Read, key, out, callingPidForTrace(), threadId(),
-                                   static_cast<unsigned long>(duration));
+        if (value.has_value()) {
+            out = std::move(*value);
+        } else {
+            out.clear();
+        }
+        if (timed) {
+            const long long duration = microsSince(start);
+            if (mProfiling) mProfiler->recordRead(key, duration);
+            if (mTracing) {
+                mProfiler->recordTrace(
+                        std::chrono::time_point_cast<std::chrono::microseconds>(start),
+                        EventType::Read, key, out, callingPidForTrace(), threadId(),
+                        static_cast<unsigned long>(duration));
+            }
         }
     }
     mMutex.unlock();
@@ -591,7 +613,9 @@ void PreferencesKeyManager::callback() {
             changed.insert(std::move(name));
         }
 
-        lockTimed("callback", stringJoin({changed.begin(), changed.end()}, ","));
+        lockTimedWith("callback", [&changed] {
+            return stringJoin({changed.begin(), changed.end()}, ",");
+        });
         std::map<uint32_t, std::set<std::string>> keysByListener;
         for (const std::string& key : changed) {
             std::vector<std::pair<unsigned int, unsigned int>> rows;

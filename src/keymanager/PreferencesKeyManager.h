@@ -185,8 +185,13 @@ private:
         std::optional<unsigned int> checkingUser;  // passed to the store as the current user
     };
 
-    // Locks mMutex and records the wait when profiling or tracing; returns the lock time.
+    // Locks mMutex and records the wait when profiling or tracing; returns the time the wait
+    // began. The clock is read a second time only when the wait is recorded.
     Clock::time_point lockTimed(const char* operation, const std::string& detail) ACQUIRE(mMutex);
+    // The same, for a trace detail that costs something to build: `detail()` is only called when
+    // the wait goes into the trace.
+    template <typename DetailFn>
+    Clock::time_point lockTimedWith(const char* operation, const DetailFn& detail) ACQUIRE(mMutex);
     Access checkKeyAccessLocked(const std::string& key, uid_t uid, bool write, bool* rowReadFailed)
             REQUIRES(mMutex);
     bool isPrivilegedAppId(uid_t uid) const;
