@@ -32,8 +32,9 @@ MicroBenchStore::MicroBenchStore() : mDir("prefs-microbench") {
 }
 
 MicroBenchStore& MicroBenchStore::shared() {
-    static MicroBenchStore* store = new MicroBenchStore();
-    return *store;
+    // Destroyed at exit, which removes the directory; no store is open by then.
+    static MicroBenchStore store;
+    return store;
 }
 
 std::unique_ptr<PreferencesKeyManager> MicroBenchStore::keyManager(const std::string& directory,

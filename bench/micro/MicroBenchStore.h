@@ -16,7 +16,7 @@ class MicroBenchStore {
 public:
     MicroBenchStore();
 
-    // The one instance every benchmark uses, made on first use and never destroyed.
+    // The one instance every benchmark uses, made on first use and destroyed at exit.
     static MicroBenchStore& shared();
     const std::string& directory() const { return mDir.path(); }
 
