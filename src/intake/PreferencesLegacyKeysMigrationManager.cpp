@@ -3,7 +3,6 @@
 #include "intake/PreferencesLegacyKeysMigrationManager.h"
 
 #include <cutils/multiuser.h>
-#include <json/reader.h>
 #include <log/log.h>
 #include <unistd.h>
 
@@ -12,6 +11,7 @@
 #include <unordered_set>
 #include <utility>
 
+#include "model/JsonParsing.h"
 #include "model/PreferencesSchemaListBuilder.h"
 #include "telemetry/Telemetry.h"
 
@@ -183,11 +183,8 @@ bool PreferencesLegacyKeysMigrationManager::injectKeys(const std::string& schema
 
 std::unique_ptr<PreferencesSchemaList> PreferencesLegacyKeysMigrationManager::buildSchemaList(
         const std::string& schemaListJson) {
-    Json::CharReaderBuilder readerBuilder;
-    const std::unique_ptr<Json::CharReader> reader(readerBuilder.newCharReader());
     Json::Value document;
-    if (!reader->parse(schemaListJson.data(), schemaListJson.data() + schemaListJson.size(),
-                       &document, nullptr)) {
+    if (!parseJsonText(schemaListJson, document)) {
         return nullptr;
     }
     PreferencesSchemaListBuilder listBuilder;

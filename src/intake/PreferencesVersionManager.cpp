@@ -2,12 +2,12 @@
 
 #include "intake/PreferencesVersionManager.h"
 
-#include <json/reader.h>
 #include <log/log.h>
 
 #include <cstdlib>
 #include <utility>
 
+#include "model/JsonParsing.h"
 #include "model/PreferencesSchemaListBuilder.h"
 #include "telemetry/Telemetry.h"
 
@@ -144,11 +144,8 @@ bool PreferencesVersionManager::injectKeys(const std::string& schemaListJson) {
 
 std::unique_ptr<PreferencesSchemaList> PreferencesVersionManager::buildSchemaList(
         const std::string& schemaListJson) {
-    Json::CharReaderBuilder readerBuilder;
-    const std::unique_ptr<Json::CharReader> reader(readerBuilder.newCharReader());
     Json::Value document;
-    if (!reader->parse(schemaListJson.data(), schemaListJson.data() + schemaListJson.size(),
-                       &document, nullptr)) {
+    if (!parseJsonText(schemaListJson, document)) {
         ALOGE("failed to parse schema list");
         return nullptr;
     }
