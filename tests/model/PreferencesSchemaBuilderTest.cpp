@@ -18,13 +18,16 @@ std::unique_ptr<PreferencesSchemaList> buildList(const std::string& json) {
     return builder.build();
 }
 
-TEST(PreferencesSchemaListBuilderTest, EmptyObjectAndNonObjectsGiveAnEmptyList) {
-    for (const char* json : {"{}", "[]", "12", "null", R"({"schemas": 5, "other": true})"}) {
+TEST(PreferencesSchemaListBuilderTest, NonObjectsAndMembersOfTheWrongKindGiveAnEmptyList) {
+    // The last document: "add": "yes" is no flag (false), "restart": 1 reads as true.
+    for (const char* json : {"{}", "[]", "12", "null", R"({"schemas": 5, "other": true})",
+                             R"({"add": "yes", "restart": 1, "schemas": []})"}) {
         auto list = buildList(json);
         ASSERT_NE(nullptr, list) << json;
         EXPECT_EQ(0u, list->size()) << json;
         EXPECT_FALSE(list->isInstalled()) << json;
-        EXPECT_FALSE(list->isRestarted()) << json;
+        EXPECT_EQ(std::string(json).find("restart") != std::string::npos, list->isRestarted())
+                << json;
     }
 }
 
@@ -51,12 +54,6 @@ TEST(PreferencesSchemaListBuilderTest, FlagsAndDocumentOrderAreKept) {
     EXPECT_EQ("aa", first[1]->getKey());
     EXPECT_EQ("mm", first[2]->getKey());
     EXPECT_EQ(0u, (*list)[1]->size());
-}
-
-TEST(PreferencesSchemaListBuilderTest, FlagsOfTheWrongKindReadAsFalse) {
-    auto list = buildList(R"({"add": "yes", "restart": 1, "schemas": []})");
-    EXPECT_FALSE(list->isInstalled());
-    EXPECT_TRUE(list->isRestarted());
 }
 
 TEST(PreferencesSchemaListBuilderTest, RejectedSchemasAreDroppedAndSiblingsKept) {
@@ -112,46 +109,38 @@ TEST(PreferencesSchemaBuilderTest, RejectedEntriesAreDroppedAndTheSchemaKept) {
     EXPECT_EQ(0u, allRejected.build()->size());
 }
 
-TEST(PreferencesSchemaBuilderTest, FieldSettersAndPrefixing) {
-    PreferencesSchemaBuilder builder;
-    ASSERT_TRUE(builder.process(parseJson(R"({"uid": 1000, "packageName": "audio"})")));
-    builder.package("nimbus.preferences.native." + builder.getPackage());
-    EXPECT_EQ("nimbus.preferences.native.audio", builder.getPackage());
-
+// As the native-service intake builds its list: parsed schemas renamed, more keys appended.
+TEST(PreferencesSchemaListBuilderTest, ListFromBuiltSchemasKeepsSchemaAndKeyOrder) {
+    PreferencesSchemaBuilder audio;
+    ASSERT_TRUE(audio.process(parseJson(R"({"uid": 1000, "packageName": "audio", "contents": [
+        {"key": "b", "type": "string", "default": ""}]})")));
+    audio.package("nimbus.preferences.native." + audio.getPackage());
     std::vector<std::unique_ptr<PreferencesKeyInfo>> infos;
-    for (const char* key : {"b", "a"}) {
+    for (const char* key : {"a", "c"}) {
         PreferencesKeyInfoBuilder keyBuilder;
         keyBuilder.setKey(key);
         infos.push_back(keyBuilder.build());
     }
     PreferencesKeyInfoBuilder last;
-    last.setKey("c");
-    builder.keyInfos(std::move(infos)).keyInfo(last.build()).version("2").revTime("t").uid(-1);
-    std::unique_ptr<PreferencesSchema> schema = builder;
-    ASSERT_EQ(3u, schema->size());
-    EXPECT_EQ("b", (*schema)[0]->getKey());
-    EXPECT_EQ("a", (*schema)[1]->getKey());
-    EXPECT_EQ("c", (*schema)[2]->getKey());
-    EXPECT_EQ("2", schema->version());
-    EXPECT_EQ("t", schema->revTime());
-    EXPECT_EQ(4294967295u, schema->uid());
-}
-
-TEST(PreferencesSchemaListBuilderTest, ProcessFromBuiltSchemas) {
+    last.setKey("d");
+    audio.keyInfos(std::move(infos)).keyInfo(last.build());
     std::vector<std::unique_ptr<PreferencesSchema>> schemas;
-    for (const char* name : {"one", "two"}) {
-        PreferencesSchemaBuilder builder;
-        builder.package(name);
-        schemas.push_back(builder.build());
-    }
+    schemas.push_back(audio.build());
+    PreferencesSchemaBuilder second;
+    second.package("two");
+    schemas.push_back(second);
+
     PreferencesSchemaListBuilder builder;
     EXPECT_TRUE(builder.process(true, false, std::move(schemas)));
     std::unique_ptr<PreferencesSchemaList> list = builder;
     ASSERT_EQ(2u, list->size());
-    EXPECT_EQ("one", (*list)[0]->package());
-    EXPECT_EQ("two", (*list)[1]->package());
     EXPECT_TRUE(list->isInstalled());
     EXPECT_FALSE(list->isRestarted());
+    const PreferencesSchema& first = *(*list)[0];
+    EXPECT_EQ("nimbus.preferences.native.audio", first.package());
+    ASSERT_EQ(4u, first.size());
+    for (size_t i = 0; i < 4; ++i) EXPECT_EQ(std::string(1, "bacd"[i]), first[i]->getKey());
+    EXPECT_EQ("two", (*list)[1]->package());
 }
 
 }  // namespace
