@@ -1,5 +1,6 @@
 #pragma once
 
+#include <initializer_list>
 #include <sstream>
 #include <string>
 
@@ -15,6 +16,17 @@ inline bool hasLogLine(const std::string& log, char priority, const std::string&
         if (line.rfind(prefix, 0) == 0 && line.find(text) != std::string::npos) return true;
     }
     return false;
+}
+
+// The texts for which `log` has no line at `priority` (see hasLogLine), one per line; empty when
+// every one is there. Compare with "" so that a failure names the missing lines.
+inline std::string missingLogLines(const std::string& log, char priority,
+                                   std::initializer_list<std::string> texts) {
+    std::string missing;
+    for (const std::string& text : texts) {
+        if (!hasLogLine(log, priority, text)) missing += text + "\n";
+    }
+    return missing;
 }
 
 }  // namespace Halo::OS::testing

@@ -30,12 +30,6 @@ protected:
         return second;
     }
 
-    int32_t registerKey(unsigned int uid, const std::string& package, const std::string& key,
-                        Scope scope, Type type, const std::string& defaultValue) {
-        return mStore->registerPreference(uid, package, key, scope, type, uid, package,
-                                          defaultValue);
-    }
-
 private:
     std::string readFacts(const std::string& key, unsigned int uid) {
         auto code = [](int32_t result) { return "!" + std::to_string(result); };
@@ -67,10 +61,16 @@ TEST_F(StoreMetadataCacheTest, EveryChangeOfADeclarationIsReadAtOnce) {
     ASSERT_EQ(0, mStore->clearCurrentPreferenceValue(0u, "volume"));
     EXPECT_EQ("0 0 5 2 5", facts("volume"));
 
+    // Direct updates of the type and the scope.
+    ASSERT_EQ(0, mStore->updatePreferenceType("volume", Type::Double));
+    EXPECT_EQ("0 1 5 2 5", facts("volume"));
+    ASSERT_EQ(0, mStore->updatePreferenceScope("volume", Scope::Cross));
+    EXPECT_EQ("2 1 5 2 5", facts("volume"));
+
     // The owner declares it again with another scope, type and default.
     {
         LogCapture log;
-        ASSERT_EQ(0, registerKey(kAppUid, kApp, "volume", Scope::User, Type::Long, "6"));
+        ASSERT_EQ(0, registerKey(kAppUid, kApp, "volume", Scope::User, Type::Long, true, "6"));
     }
     EXPECT_EQ("1 3 6 2 6", facts("volume"));
     ASSERT_EQ(0, mStore->setPreferenceDefault("volume", "7"));
@@ -126,12 +126,12 @@ TEST_F(StoreMetadataCacheTest, TransactionsResetsAndReopeningAreReadAtOnce) {
     EXPECT_EQ("0 0 5 2 5", facts("volume"));
     // Inside a batch reads see its writes; a rollback takes them back.
     ASSERT_EQ(0, mStore->beginBatch());
-    ASSERT_EQ(0, registerKey(kAppUid, kApp, "volume", Scope::System, Type::Float, "0.5"));
+    ASSERT_EQ(0, registerKey(kAppUid, kApp, "volume", Scope::System, Type::Float, true, "0.5"));
     EXPECT_EQ("0 5 0.5 2 0.5", facts("volume"));
     exec("ROLLBACK");
     EXPECT_EQ("0 0 5 2 5", facts("volume"));
     ASSERT_EQ(0, mStore->beginBatch());
-    ASSERT_EQ(0, registerKey(kAppUid, kApp, "volume", Scope::System, Type::Float, "0.5"));
+    ASSERT_EQ(0, registerKey(kAppUid, kApp, "volume", Scope::System, Type::Float, true, "0.5"));
     ASSERT_EQ(0, mStore->commitBatch());
     EXPECT_EQ("0 5 0.5 2 0.5", facts("volume"));
 

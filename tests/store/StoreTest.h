@@ -89,6 +89,15 @@ protected:
         sqlite3_free(error);
     }
 
+    // Registers `key` as `uid`/`package` (its owner when `owner`) without touching packages or
+    // permissions.
+    int32_t registerKey(unsigned int uid, const std::string& package, const std::string& key,
+                        Scope scope, Type type, bool owner, const std::optional<std::string>& def) {
+        return mStore->registerPreference(
+                uid, package, key, scope, type,
+                owner ? std::optional<unsigned int>(uid) : std::nullopt,
+                owner ? std::optional<std::string>(package) : std::nullopt, def);
+    }
     // Registers the package (if new: registering a known package marks its keys), the key and
     // the package's permission on it, as the key manager does for one schema entry. Returns the
     // first non-zero store result.
@@ -100,20 +109,25 @@ protected:
         if (result == 0 && known.count({uid, package}) == 0) {
             result = mStore->registerPackage(uid, package);
         }
-        if (result != 0) return result;
-        result = mStore->registerPreference(
-                uid, package, key, scope, type,
-                owner ? std::optional<unsigned int>(uid) : std::nullopt,
-                owner ? std::optional<std::string>(package) : std::nullopt, defaultValue);
+        if (result == 0) result = registerKey(uid, package, key, scope, type, owner, defaultValue);
         if (result != 0) return result;
         return mStore->setPreferencePermission(key, uid, package, permission);
     }
 
-    std::optional<std::string> read(const std::optional<unsigned int>& userId,
-                                    const std::string& key, int32_t expected = 0) {
+    // The value the store reads for `key` in `userId` ("<none>" for none), expecting the read
+    // to return `expected`; the second form with `currentUserId` as the current user.
+    std::string read(const std::optional<unsigned int>& userId, const std::string& key,
+                     int32_t expected = 0) {
         std::optional<std::string> value;
         EXPECT_EQ(expected, mStore->getPreferenceValue(userId, key, value)) << key;
-        return value;
+        return value.value_or("<none>");
+    }
+    std::string read(const std::optional<unsigned int>& userId,
+                     const std::optional<unsigned int>& currentUserId, const std::string& key,
+                     int32_t expected = 0) {
+        std::optional<std::string> value;
+        EXPECT_EQ(expected, mStore->getPreferenceValue(userId, currentUserId, key, value)) << key;
+        return value.value_or("<none>");
     }
 
     bool fileExists(const std::string& name) const {
