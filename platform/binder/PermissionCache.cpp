@@ -5,6 +5,11 @@
 #include <binder/Status.h>
 #include <unistd.h>
 
+#include <set>
+#include <utility>
+
+#include "threads/Mutex.h"
+
 namespace android {
 
 namespace {
@@ -17,6 +22,75 @@ const String16& permissionServiceName() {
 const String16& permissionControllerDescriptor() {
     static const String16 kDescriptor("android.os.IPermissionController");
     return kDescriptor;
+}
+
+// Grants given by one permission service, in one process.
+class GrantCache {
+public:
+    // True when `permission` was granted to `uid` by a permission service that is still alive.
+    bool contains(const String16& permission, uid_t uid, pid_t self) EXCLUDES(mLock) {
+        Halo::OS::Mutex::Autolock lock(mLock);
+        if (mGrants.empty()) return false;
+        if (self != mOwner || mController == nullptr || !mController->isBinderAlive()) {
+            forgetLocked();
+            return false;
+        }
+        return mGrants.count(Grant(uid, permission)) != 0;
+    }
+
+    // Remembers a grant of `controller`; grants of any other permission service are dropped.
+    void add(const sp<IBinder>& controller, const String16& permission, uid_t uid, pid_t self)
+            EXCLUDES(mLock) {
+        Halo::OS::Mutex::Autolock lock(mLock);
+        if (self != mOwner || controller != mController) {
+            forgetLocked();
+            mOwner = self;
+            mController = controller;
+        }
+        mGrants.emplace(uid, permission);
+    }
+
+    void purge() EXCLUDES(mLock) {
+        Halo::OS::Mutex::Autolock lock(mLock);
+        forgetLocked();
+    }
+
+private:
+    using Grant = std::pair<uid_t, String16>;
+
+    void forgetLocked() REQUIRES(mLock) {
+        mGrants.clear();
+        mController.clear();
+    }
+
+    Halo::OS::Mutex mLock;
+    pid_t mOwner GUARDED_BY(mLock) = -1;  // the process that asked; a child of fork() asks anew
+    sp<IBinder> mController GUARDED_BY(mLock);
+    std::set<Grant> mGrants GUARDED_BY(mLock);
+};
+
+// Never destroyed: checks may come from threads that outlive static destruction.
+GrantCache& grantCache() {
+    static GrantCache* cache = new GrantCache();
+    return *cache;
+}
+
+// android.os.IPermissionController.checkPermission(String permission, int pid, int uid), its
+// first transaction. False when the call fails.
+bool askController(const sp<IBinder>& controller, const String16& permission, pid_t pid,
+                   uid_t uid) {
+    Parcel data;
+    Parcel reply;
+    if (data.writeInterfaceToken(permissionControllerDescriptor()) != OK ||
+        data.writeString16(permission) != OK || data.writeInt32(pid) != OK ||
+        data.writeInt32(static_cast<int32_t>(uid)) != OK) {
+        return false;
+    }
+    if (controller->transact(IBinder::FIRST_CALL_TRANSACTION, data, &reply) != OK) return false;
+    binder::Status status;
+    if (status.readFromParcel(reply) != OK || !status.isOk()) return false;
+    bool granted = false;
+    return reply.readBool(&granted) == OK && granted;
 }
 
 }  // namespace
@@ -36,26 +110,18 @@ bool PermissionCache::checkCallingPermission(const String16& permission, int32_t
 }
 
 bool PermissionCache::checkPermission(const String16& permission, pid_t pid, uid_t uid) {
-    if (uid == 0 || pid == getpid()) return true;
-
-    // android.os.IPermissionController.checkPermission(String permission, int pid, int uid),
-    // its first transaction.
+    const pid_t self = getpid();
+    if (uid == 0 || pid == self) return true;
+    GrantCache& cache = grantCache();
+    if (cache.contains(permission, uid, self)) return true;
     sp<IBinder> controller = defaultServiceManager()->checkService(permissionServiceName());
-    if (controller == nullptr) return false;
-    Parcel data;
-    Parcel reply;
-    if (data.writeInterfaceToken(permissionControllerDescriptor()) != OK ||
-        data.writeString16(permission) != OK || data.writeInt32(pid) != OK ||
-        data.writeInt32(static_cast<int32_t>(uid)) != OK) {
-        return false;
-    }
-    if (controller->transact(IBinder::FIRST_CALL_TRANSACTION, data, &reply) != OK) return false;
-    binder::Status status;
-    if (status.readFromParcel(reply) != OK || !status.isOk()) return false;
-    bool granted = false;
-    return reply.readBool(&granted) == OK && granted;
+    if (controller == nullptr || !askController(controller, permission, pid, uid)) return false;
+    cache.add(controller, permission, uid, self);
+    return true;
 }
 
-void PermissionCache::purgeCache() {}
+void PermissionCache::purgeCache() {
+    grantCache().purge();
+}
 
 }  // namespace android

@@ -3,6 +3,7 @@
 #include "intake/PreferencesPackageManager.h"
 
 #include <binder/IServiceManager.h>
+#include <binder/PermissionCache.h>
 #include <json/reader.h>
 #include <json/value.h>
 #include <log/log.h>
@@ -176,12 +177,16 @@ void PreferencesPackageManager::onConnected(const android::sp<AppInfoInquirer>& 
 
 void PreferencesPackageManager::onDisconnected() {
     Telemetry::report("connection_to_appinfo_service_lost");
+    // Whatever replaces the app-info service may hold other permissions.
+    android::PermissionCache::purgeCache();
     Mutex::Autolock lock(mStateMutex);
     ++mConnectionGeneration;
     mListening = false;
 }
 
 android::binder::Status PreferencesPackageManager::onSchema(const std::vector<uint8_t>& schema) {
+    // Installing, updating or removing a package is also how its OS permissions change.
+    android::PermissionCache::purgeCache();
     const std::string text(schema.begin(), schema.end());
     Json::Value document;
     if (!parseJson(text, document)) {

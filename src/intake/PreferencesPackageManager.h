@@ -27,7 +27,9 @@ namespace Halo::OS {
 // parsed on the Binder thread that delivers them and handed over a queue to a worker thread,
 // which applies them with PreferencesKeyManager::process(list, KeySourceDomain::Application), so
 // that a slow store never holds up the app-info service. User events go straight to the key
-// manager.
+// manager. Every schema list and every loss of the app-info service also drops the OS permission
+// grants that the process remembers (android::PermissionCache), since package changes are how
+// they change.
 //
 // Threads: start(), stop() and the destructor come from the service's thread (they are
 // serialised among themselves); the listener's calls arrive on Binder threads, the connection

@@ -419,23 +419,52 @@ TEST_F(BinderPermissionTest, RootAndSelfAreGrantedOthersAskThePermissionService)
     EXPECT_FALSE(android::PermissionCache::checkPermission(permission, 1, 12345));
     EXPECT_TRUE(android::PermissionCache::checkCallingPermission(permission));
 
-    startPeer({"serve-permission", "permission", "12345", "com.example.permission.READ"});
+    PeerProcess& controller =
+            startPeer({"serve-permission", "permission", "12345", "com.example.permission.READ"});
     ASSERT_NE(nullptr, android::defaultServiceManager()->getService(String16("permission")));
     EXPECT_TRUE(android::PermissionCache::checkPermission(permission, 1, 12345));
+    EXPECT_EQ("asked 12345", controller.readLine());
     EXPECT_FALSE(android::PermissionCache::checkPermission(other, 1, 12345));
+    EXPECT_EQ("asked 12345", controller.readLine());
     EXPECT_FALSE(android::PermissionCache::checkPermission(permission, 1, 12346));
+    EXPECT_EQ("asked 12346", controller.readLine());
+
+    // A grant is remembered for the uid, whatever the pid; a refusal is asked again, and a purge
+    // makes the next check ask.
+    EXPECT_TRUE(android::PermissionCache::checkPermission(permission, 2, 12345));
+    EXPECT_FALSE(android::PermissionCache::checkPermission(permission, 1, 12346));
+    EXPECT_EQ("asked 12346", controller.readLine());
+    android::PermissionCache::purgeCache();
+    EXPECT_TRUE(android::PermissionCache::checkPermission(permission, 1, 12345));
+    EXPECT_EQ("asked 12345", controller.readLine());
+
+    // The grants of a permission service die with it: its successor decides anew.
+    sp<IBinder> first = android::defaultServiceManager()->checkService(String16("permission"));
+    sp<DeathCounter> death = new DeathCounter();
+    ASSERT_EQ(OK, first->linkToDeath(death));
+    controller.kill(SIGKILL);
+    controller.wait();
+    ASSERT_EQ(1, death->wait(1));
+    EXPECT_FALSE(android::PermissionCache::checkPermission(permission, 1, 12345));
+    PeerProcess& successor =
+            startPeer({"serve-permission", "permission", "12346", "com.example.permission.READ"});
+    ASSERT_NE(nullptr, android::defaultServiceManager()->getService(String16("permission")));
+    EXPECT_FALSE(android::PermissionCache::checkPermission(permission, 1, 12345));
+    EXPECT_EQ("asked 12345", successor.readLine());
+    EXPECT_TRUE(android::PermissionCache::checkPermission(permission, 1, 12346));
+    EXPECT_EQ("asked 12346", successor.readLine());
 
     // The calling identity of a real client decides, as the service sees it.
     startPeer({"serve", "test"});
     ASSERT_NE(nullptr, android::defaultServiceManager()->getService(String16("test")));
     PeerProcess& app = startPeer({"check-permission", "test", "com.example.permission.READ",
                                   "com.example.permission.OTHER"},
-                                 12345);
+                                 12346);
     EXPECT_EQ("1", app.readLine());
     EXPECT_EQ("0", app.readLine());
     EXPECT_EQ(0, app.wait());
     PeerProcess& stranger =
-            startPeer({"check-permission", "test", "com.example.permission.READ"}, 12346);
+            startPeer({"check-permission", "test", "com.example.permission.READ"}, 12345);
     EXPECT_EQ("0", stranger.readLine());
     EXPECT_EQ(0, stranger.wait());
     PeerProcess& root = startPeer({"check-permission", "test", "com.example.permission.OTHER"});

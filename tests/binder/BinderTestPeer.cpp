@@ -5,7 +5,7 @@
 //   serve-prefs NAME               publish a FakePreferencesService
 //   serve-permission NAME UID PERMISSION
 //                                  publish an IPermissionController that grants PERMISSION to
-//                                  UID only
+//                                  UID only, and print "asked UID" for every question
 //   call-uid NAME                  print "<uid> <pid>" as the TestService NAME sees this process
 //   check-permission NAME PERM...  print 1 or 0 per permission: NAME's checkCallingPermission
 //   keep NAME                      hand a callback to NAME (keepCallback), print "ready", wait
@@ -43,6 +43,8 @@ public:
     Status checkPermission(const String16& permission, int32_t /*pid*/, int32_t uid,
                            bool* granted) override {
         *granted = uid == mUid && permission == mPermission;
+        printf("asked %d\n", uid);
+        fflush(stdout);
         return Status::ok();
     }
 

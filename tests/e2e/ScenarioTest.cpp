@@ -210,6 +210,28 @@ TEST_F(ScenarioTest, InstallingAndRemovingUsersOverTheFolder) {
     writePackageFile("gamma.json", TestPackages::gamma(true));
     ASSERT_TRUE(eventually([this] { return prefs({"type", "gamma_extra"}).status == 0; }));
 
+    // An OS permission taken away by an update of the package is refused from then on, although
+    // the service has seen it granted before; given back, it works again.
+    constexpr uid_t kGamma = 10125;
+    set({"gamma_level", "5"}, kGamma);
+    const std::string writable = TestPackages::gamma(true);
+    const std::string grant = ", \"com.nimbus.permission.WRITE_SETTINGS\"";
+    std::string readOnly = writable;
+    ASSERT_NE(std::string::npos, readOnly.find(grant));
+    readOnly.erase(readOnly.find(grant), grant.size());
+    writePackageFile("gamma.json", readOnly);
+    ASSERT_TRUE(eventually([this] {
+        return prefs({"set", "gamma_level", "5"}, kGamma).status != 0;
+    }));
+    expectRefused(prefs({"set", "gamma_level", "7"}, kGamma), "set gamma_level",
+                  "service-specific error -7");
+    EXPECT_EQ("5\n", get({"gamma_level"}, kGamma));
+    writePackageFile("gamma.json", writable);
+    ASSERT_TRUE(eventually([this] {
+        return prefs({"set", "gamma_level", "8"}, kGamma).status == 0;
+    }));
+    EXPECT_EQ("8\n", get({"gamma_level"}, kGamma));
+
     // A malformed file changes nothing and stops nothing.
     writePackageFile("broken.json", "{\"uid\": 10130, ");
     writePackageFile("gamma.json", "not json at all");

@@ -7,11 +7,19 @@
 
 namespace android {
 
-// Checks of operating-system permissions. Root (uid 0) and the process itself are always granted;
-// any other caller is asked of the service "permission"
-// (android.os.IPermissionController.checkPermission(permission, pid, uid)) on every check; when
-// that service is not published (looked up without waiting) or cannot be reached, the permission
-// is denied.
+// Checks of operating-system permissions. Root (uid 0) and the process itself are always granted.
+// Any other caller is asked of the service "permission"
+// (android.os.IPermissionController.checkPermission(permission, pid, uid)); when that service is
+// not published (looked up without waiting) or cannot be reached, the permission is denied.
+//
+// Grants are remembered per (permission, uid), as on the device, so that a caller that holds a
+// permission pays the round trip to the permission service once: a refusal is never remembered,
+// so a permission granted later is seen at the next check. Remembered grants are dropped by
+// purgeCache(), when the permission service that gave them is found dead, and in a child of
+// fork(); until then a permission revoked at the permission service stays granted here. Processes
+// that learn of changes of installed packages call purgeCache() when they do.
+//
+// Thread-safe; the cache's lock is never held during a Binder call.
 class PermissionCache {
 public:
     PermissionCache() = delete;
@@ -23,7 +31,7 @@ public:
                                        int32_t* outUid);
     static bool checkPermission(const String16& permission, pid_t pid, uid_t uid);
 
-    // Nothing is remembered between checks; kept for source compatibility.
+    // Forgets every remembered grant: the next check of each asks the permission service.
     static void purgeCache();
 };
 
