@@ -94,38 +94,26 @@ TEST_F(KeyManagerUsersTest, UserListAndDeleteUserDataRemoveUserFiles) {
 }
 
 TEST_F(KeyManagerUsersTest, DumpListsListenersAndTheirKeys) {
-    EXPECT_EQ(
+    const std::string properties =
             "  PreferencesKeyManager properties:\n"
             "      Database Exists:             True\n"
             "      Schema Queue Terminated:     False\n"
             "      Schema Thread Running:       True\n"
-            "      Listener Info:\n",
-            capture([&](int fd) { EXPECT_TRUE(mManager->dump(fd)); }));
+            "      Listener Info:\n";
+    EXPECT_EQ(properties, capture([&](int fd) { EXPECT_TRUE(mManager->dump(fd)); }));
 
     mManager->setCaller(kApp);
     ASSERT_EQ(0, mManager->registerListener(new NullListener, {"app.b", "app.a"}, false));
     ASSERT_EQ(0, mManager->registerListener(new NullListener, {}, false));
     const std::string pid = std::to_string(getpid());
-    EXPECT_EQ(
-            "  PreferencesKeyManager properties:\n"
-            "      Database Exists:             True\n"
-            "      Schema Queue Terminated:     False\n"
-            "      Schema Thread Running:       True\n"
-            "      Listener Info:\n"
-            "        uuid: 1\n"
-            "          pid: " +
-                    pid +
-                    ", uid: 10001, uuid: 1\n"
-                    "          keys: \n"
-                    "            app.a\n"
-                    "            app.b\n"
-                    "        uuid: 2\n"
-                    "          pid: " +
-                    pid +
-                    ", uid: 10001, uuid: 2\n"
-                    "          keys: \n"
-                    "            no keys\n",
-            capture([&](int fd) { EXPECT_TRUE(mManager->dump(fd)); }));
+    EXPECT_EQ(properties + "        uuid: 1\n          pid: " + pid +
+                      ", uid: 10001, uuid: 1\n"
+                      "          keys: \n            app.a\n            app.b\n"
+                      "        uuid: 2\n          pid: " +
+                      pid +
+                      ", uid: 10001, uuid: 2\n"
+                      "          keys: \n            no keys\n",
+              capture([&](int fd) { EXPECT_TRUE(mManager->dump(fd)); }));
 }
 
 TEST_F(KeyManagerUsersTest, ProfileAndTraceDumpsFollowTheirSwitches) {
