@@ -18,12 +18,12 @@ TEST(PackageNameRegistryTest, LookupByApplicationId) {
     // User 10's system uid is application id 1000 but not uid 1000.
     EXPECT_EQ("android", PreferencesKeyInfo::get(1001000));
 
-    EXPECT_EQ("10123", PreferencesKeyInfo::get(1010123));  // application id, not the uid
-    PreferencesKeyInfo::set(10123, "com.example.first");
-    EXPECT_EQ("com.example.first", PreferencesKeyInfo::get(1010123));
-    EXPECT_EQ("com.example.first", PreferencesKeyInfo::get(10123));
-    PreferencesKeyInfo::set(2010123, "com.example.renamed");  // replaces, whatever the user
-    EXPECT_EQ("com.example.renamed", PreferencesKeyInfo::get(10123));
+    EXPECT_EQ("10987", PreferencesKeyInfo::get(1010987));  // application id, not the uid
+    PreferencesKeyInfo::set(10987, "com.example.first");
+    EXPECT_EQ("com.example.first", PreferencesKeyInfo::get(1010987));
+    EXPECT_EQ("com.example.first", PreferencesKeyInfo::get(10987));
+    PreferencesKeyInfo::set(2010987, "com.example.renamed");  // replaces, whatever the user
+    EXPECT_EQ("com.example.renamed", PreferencesKeyInfo::get(10987));
 }
 
 TEST(PackageNameRegistryTest, AcceptedEntriesRecordTheirPackage) {
