@@ -112,19 +112,25 @@ int getLatency(size_t count, bool store) {
             return 1;
         }
     }
+    using Placement = SocketFloor::Placement;
     LatencySamples floorSamples;
+    LatencySamples oneCpuSamples;
     LatencySamples getSamples;
-    if (!timeGets(service, keys, kWarmup, nullptr) || !floor.measure(kWarmup, &floorSamples)) {
+    if (!timeGets(service, keys, kWarmup, nullptr) ||
+        !floor.measure(kWarmup, Placement::AsScheduled, &floorSamples)) {
         return 1;
     }
     floorSamples = LatencySamples();
     const size_t block = std::max<size_t>(1, count / kRounds);
     for (size_t round = 0; round < kRounds; ++round) {
-        if (!floor.measure(block, &floorSamples) || !timeGets(service, keys, block, &getSamples)) {
+        if (!floor.measure(block, Placement::AsScheduled, &floorSamples) ||
+            !timeGets(service, keys, block, &getSamples) ||
+            !floor.measure(block / 4, Placement::OneCpu, &oneCpuSamples)) {
             return 1;
         }
     }
     printf("floor_p50_us %.3f\n", floorSamples.medianMicros());
+    printf("floor_one_cpu_p50_us %.3f\n", oneCpuSamples.medianMicros());
     printf("get_p50_us %.3f\n", getSamples.medianMicros());
     printf("get_p99_us %.3f\n", getSamples.percentileMicros(99));
     return 0;

@@ -130,6 +130,7 @@ bool IpcBench::measure(const Options& options, Figures* out) {
     fprintf(stderr, "prefs-bench: notification\n");
     if (!notify(options, device, &writes)) return false;
     out->floorRttMicros = app["floor_p50_us"];
+    out->floorOneCpuRttMicros = app["floor_one_cpu_p50_us"];
     out->getP50Micros = app["get_p50_us"];
     out->getP99Micros = app["get_p99_us"];
     out->privilegedFloorRttMicros = privileged["floor_p50_us"];

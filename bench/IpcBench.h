@@ -19,7 +19,10 @@ public:
         double throughputSeconds = 0;
     };
     struct Figures {
-        double floorRttMicros = 0;  // raw socket round trip, measured by the get client
+        // Raw socket round trip, measured by the get client: placed as the scheduler likes, as
+        // the service's processes are, and with both ends on one CPU.
+        double floorRttMicros = 0;
+        double floorOneCpuRttMicros = 0;
         double getP50Micros = 0;
         double getP99Micros = 0;
         // The same gets from the privileged package's uid, which skips the OS permission check.

@@ -41,7 +41,6 @@ SocketFloor::SocketFloor(size_t requestBytes, size_t replyBytes)
       mReply(replyBytes, 'r') {
     int fds[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0) return;
-    mCpu = sched_getcpu();
     const pid_t pid = fork();
     if (pid < 0) {
         close(fds[0]);
@@ -51,12 +50,6 @@ SocketFloor::SocketFloor(size_t requestBytes, size_t replyBytes)
     if (pid == 0) {
         close(fds[0]);
         // Only async-signal-safe calls from here on: the parent may run threads.
-        if (mCpu >= 0) {
-            cpu_set_t one;
-            CPU_ZERO(&one);
-            CPU_SET(mCpu, &one);
-            sched_setaffinity(0, sizeof(one), &one);
-        }
         char* request = mRequest.data();
         const char* reply = mReply.data();
         while (readFully(fds[1], request, mRequestBytes) &&
@@ -78,14 +71,16 @@ SocketFloor::~SocketFloor() {
     }
 }
 
-bool SocketFloor::measure(size_t count, LatencySamples* samples) {
+bool SocketFloor::measure(size_t count, Placement placement, LatencySamples* samples) {
     if (!ok()) return false;
     cpu_set_t previous;
-    const bool pinned = mCpu >= 0 && sched_getaffinity(0, sizeof(previous), &previous) == 0;
+    const int cpu = placement == Placement::OneCpu ? sched_getcpu() : -1;
+    const bool pinned = cpu >= 0 && sched_getaffinity(0, sizeof(previous), &previous) == 0;
     if (pinned) {
         cpu_set_t one;
         CPU_ZERO(&one);
-        CPU_SET(mCpu, &one);
+        CPU_SET(cpu, &one);
+        sched_setaffinity(mPid, sizeof(one), &one);
         sched_setaffinity(0, sizeof(one), &one);
     }
     bool answered = true;
@@ -95,7 +90,10 @@ bool SocketFloor::measure(size_t count, LatencySamples* samples) {
                    readFully(mFd, mReply.data(), mReplyBytes);
         if (answered) samples->add(LatencySamples::Clock::now() - start);
     }
-    if (pinned) sched_setaffinity(0, sizeof(previous), &previous);
+    if (pinned) {
+        sched_setaffinity(0, sizeof(previous), &previous);
+        sched_setaffinity(mPid, sizeof(previous), &previous);
+    }
     return answered;
 }
 

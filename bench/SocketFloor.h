@@ -13,13 +13,10 @@ namespace Halo::OS {
 // stream socket between two processes, with one blocking write and one blocking read on each
 // side and no framing, parsing or dispatch.
 //
-// Both processes run on one CPU while round trips are timed: the figure is the cost of the round
-// trip itself, not of waking a CPU that went idle, which in a virtual machine can cost several
-// times as much and happens or not depending on where the scheduler last put each process.
-//
 // The constructor forks an echo process that answers each request of `requestBytes` with
 // `replyBytes`; the destructor closes the socket and reaps it. The echo process only reads and
-// writes, so it may be forked from a process that already runs threads.
+// writes, so it may be forked from a process that already runs threads. It runs on the CPUs the
+// caller may run on, as the service's processes do.
 class SocketFloor {
 public:
     SocketFloor(size_t requestBytes, size_t replyBytes);
@@ -29,10 +26,18 @@ public:
 
     // False when the socket or the echo process could not be made.
     bool ok() const { return mPid > 0; }
+    enum class Placement {
+        // Both processes go where the scheduler puts them, as the service's processes do: on a
+        // machine whose idle CPUs are slow to wake, that cost is part of the floor.
+        AsScheduled,
+        // Both run on the CPU the caller is on: the cost of the round trip itself.
+        OneCpu,
+    };
+
     // Times `count` round trips and appends them to `samples`; false when the echo process
-    // stopped answering. The calling thread runs on the echo process's CPU meanwhile and gets its
-    // own CPU set back afterwards.
-    bool measure(size_t count, LatencySamples* samples);
+    // stopped answering. With OneCpu, the calling thread and the echo process get the caller's
+    // CPU set back afterwards.
+    bool measure(size_t count, Placement placement, LatencySamples* samples);
 
 private:
     size_t mRequestBytes;
@@ -41,7 +46,6 @@ private:
     std::vector<char> mReply;
     int mFd = -1;
     pid_t mPid = -1;
-    int mCpu = -1;  // the echo process's CPU
 };
 
 }  // namespace Halo::OS

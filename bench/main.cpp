@@ -140,6 +140,7 @@ int main(int argc, char** argv) {
 
     if (all || only == "ipc") {
         print("floor_socket_rtt_us", calls.floorRttMicros);
+        print("floor_socket_rtt_one_cpu_us", calls.floorOneCpuRttMicros);
         print("ipc_get_p50_us", calls.getP50Micros);
         print("ipc_get_p99_us", calls.getP99Micros);
         print("ipc_get_ratio", calls.getP50Micros / calls.floorRttMicros);
