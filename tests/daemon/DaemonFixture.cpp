@@ -4,35 +4,35 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iostream>
 #include <sstream>
 #include <thread>
 
 namespace Halo::OS::testing {
 namespace {
 
-constexpr auto kClientTimeout = std::chrono::seconds(60);
-constexpr auto kStartTimeout = std::chrono::seconds(120);
-
-std::string entry(const std::string& key, const std::string& type, const std::string& def) {
-    return R"({"key": ")" + key + R"(", "type": ")" + type + R"(", "default": ")" + def +
-           R"(", "scope": "system", "hasWritePermission": true, "isOwner": true})";
-}
+constexpr auto kTimeout = std::chrono::minutes(2);
 
 std::string testSchema() {
-    std::string contents =
-            entry("test_integer", "integer", "1") + ",\n" + entry("test_long", "long", "2") +
-            ",\n" + entry("test_float", "float", "3.5") + ",\n" +
-            entry("test_double", "double", "4.25") + ",\n" +
-            entry("test_boolean", "boolean", "false") + ",\n" +
-            entry("test_string", "string", "five") + ",\n" +
-            entry("autosleep_time", "integer", "7") + ",\n" + entry("seeded_a", "integer", "1") +
-            ",\n" + entry("seeded_b", "integer", "1");
+    std::vector<std::array<std::string, 3>> keys = {
+            {"test_integer", "integer", "1"},     {"test_long", "long", "2"},
+            {"test_float", "float", "3.5"},       {"test_double", "double", "4.25"},
+            {"test_boolean", "boolean", "false"}, {"test_string", "string", "five"},
+            {"autosleep_time", "integer", "7"},   {"seeded_a", "integer", "1"},
+            {"seeded_b", "integer", "1"}};
     for (int i = 0; i < kStreamKeys; ++i) {
-        contents += ",\n" + entry("stream_" + std::to_string(i), "integer", "0");
+        keys.push_back({"stream_" + std::to_string(i), "integer", "0"});
+    }
+    std::string contents;
+    for (const auto& [key, type, def] : keys) {
+        contents += std::string(contents.empty() ? "" : ",\n") + R"({"key": ")" + key +
+                    R"(", "type": ")" + type + R"(", "default": ")" + def +
+                    R"(", "scope": "system", "hasWritePermission": true, "isOwner": true})";
     }
     return R"({"packageName": "daemon.test", "version": "1", "contents": [)" + contents + "]}";
 }
@@ -47,23 +47,33 @@ std::vector<std::string> asUid(uid_t uid, std::vector<std::string> argv) {
     return wrapped;
 }
 
-DaemonProcess::DaemonProcess(const std::vector<std::string>& args, const std::string& logPath,
-                             uid_t uid)
-    : mChild([&] {
-          std::vector<std::string> argv = {
-                  "/bin/sh", "-c", "log=$1; shift; exec \"$@\" >>\"$log\" 2>&1", "sh", logPath};
-          const std::vector<std::string> command = asUid(uid, args);
-          argv.insert(argv.end(), command.begin(), command.end());
-          return argv;
-      }()) {}
+std::unique_ptr<ChildProcess> startLogged(const std::string& logPath,
+                                          const std::vector<std::string>& argv, uid_t uid,
+                                          const std::string& prefix) {
+    std::vector<std::string> shell = {
+            "/bin/sh", "-c", prefix + " log=$1; shift; exec \"$@\" >>\"$log\" 2>&1", "sh", logPath};
+    const std::vector<std::string> command = asUid(uid, argv);
+    shell.insert(shell.end(), command.begin(), command.end());
+    return std::make_unique<ChildProcess>(shell);
+}
 
-bool DaemonProcess::waitForSocket(const std::string& socket) {
-    const auto deadline = std::chrono::steady_clock::now() + kStartTimeout;
+std::vector<std::string> runToEnd(const std::vector<std::string>& argv) {
+    ChildProcess process(argv);
+    std::vector<std::string> lines;
+    while (auto line = process.readLine(kTimeout)) lines.push_back(*line);
+    const int status = process.wait();
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << argv[0] << " status " << status;
+    return lines;
+}
+
+bool waitForSocket(const std::string& path, ChildProcess& process) {
+    const auto deadline = std::chrono::steady_clock::now() + kTimeout;
     while (std::chrono::steady_clock::now() < deadline) {
         struct stat st {};
-        if (stat(socket.c_str(), &st) == 0 && S_ISSOCK(st.st_mode)) return true;
+        if (stat(path.c_str(), &st) == 0 && S_ISSOCK(st.st_mode)) return true;
         siginfo_t info{};
-        if (waitid(P_PID, pid(), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid != 0) {
+        if (waitid(P_PID, process.pid(), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+            info.si_pid != 0) {
             return false;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -71,9 +81,13 @@ bool DaemonProcess::waitForSocket(const std::string& socket) {
     return false;
 }
 
-int DaemonProcess::stop(int signal) {
-    mChild.kill(signal);
-    return mChild.wait();
+bool eventually(const std::function<bool()>& condition) {
+    const auto deadline = std::chrono::steady_clock::now() + kTimeout;
+    while (std::chrono::steady_clock::now() < deadline) {
+        if (condition()) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return condition();
 }
 
 void DaemonTest::SetUp() {
@@ -96,6 +110,7 @@ void DaemonTest::SetUp() {
 
 void DaemonTest::TearDown() {
     if (mDaemon != nullptr) stop();
+    if (HasFailure()) std::cerr << "---- daemon log ----\n" << log();
 }
 
 std::vector<std::string> DaemonTest::daemonArgs(const std::vector<std::string>& extra) const {
@@ -106,36 +121,39 @@ std::vector<std::string> DaemonTest::daemonArgs(const std::vector<std::string>& 
     return args;
 }
 
-void DaemonTest::start(const std::vector<std::string>& extra) {
-    mDaemon = std::make_unique<DaemonProcess>(daemonArgs(extra), mLogPath);
-    ASSERT_TRUE(mDaemon->waitForSocket(socketPath())) << log();
+void DaemonTest::start(const std::vector<std::string>& extra, const std::string& shellPrefix) {
+    // A small quarantine: freed memory goes back to the allocator as it would without ASan.
+    mDaemon = startLogged(mLogPath, daemonArgs(extra), 0,
+                          "ASAN_OPTIONS=\"${ASAN_OPTIONS:+$ASAN_OPTIONS:}quarantine_size_mb=4\"; "
+                          "export ASAN_OPTIONS; " +
+                                  shellPrefix);
+    ASSERT_TRUE(waitForSocket(socketPath(), *mDaemon));
+}
+
+int DaemonTest::killDaemon(int signal) {
+    if (mDaemon == nullptr) return -1;
+    mDaemon->kill(signal);
+    const int status = mDaemon->wait();
+    mDaemon.reset();
+    if (signal == SIGKILL) unlink(socketPath().c_str());
+    return status;
 }
 
 void DaemonTest::stop() {
     ASSERT_NE(nullptr, mDaemon);
-    const int status = mDaemon->stop(SIGTERM);
-    mDaemon.reset();
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status << "\n"
-                                                               << log();
+    const int status = killDaemon(SIGTERM);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
     struct stat st {};
     // SQLite removes the write-ahead log when the last connection closes the database.
     EXPECT_NE(0, stat((mDataDir + "/system.db-wal").c_str(), &st)) << "the store was not closed";
     EXPECT_NE(0, stat(socketPath().c_str(), &st)) << "the socket outlived the daemon";
 }
 
-std::vector<std::string> DaemonTest::clientArgs(const std::vector<std::string>& ops) const {
+std::vector<std::string> DaemonTest::clientArgs(const std::vector<std::string>& ops,
+                                                uid_t uid) const {
     std::vector<std::string> args = {PREFS_TEST_CLIENT, kService};
     args.insert(args.end(), ops.begin(), ops.end());
-    return args;
-}
-
-std::vector<std::string> DaemonTest::client(const std::vector<std::string>& ops, uid_t uid) {
-    ChildProcess process(asUid(uid, clientArgs(ops)));
-    std::vector<std::string> lines;
-    while (auto line = process.readLine(kClientTimeout)) lines.push_back(*line);
-    const int status = process.wait();
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "client status " << status;
-    return lines;
+    return asUid(uid, args);
 }
 
 std::string DaemonTest::call(const std::vector<std::string>& op, uid_t uid) {
@@ -152,10 +170,9 @@ std::string DaemonTest::dump(const std::vector<std::string>& args, uid_t uid) {
     return text;
 }
 
-std::string DaemonTest::log() const {
-    std::ifstream file(mLogPath);
+std::string readFile(const std::string& path) {
     std::stringstream text;
-    text << file.rdbuf();
+    text << std::ifstream(path).rdbuf();
     return text.str();
 }
 

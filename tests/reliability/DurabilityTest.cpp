@@ -26,6 +26,9 @@ int rounds() {
     return value > 0 ? value : 4;
 }
 
+// The stream keys the writes go to.
+constexpr int kKeys = 64;
+
 class DurabilityTest : public ReliabilityTest {
 protected:
     // Every database in the data directory passes the integrity check (the daemon is down).
@@ -33,7 +36,8 @@ protected:
         int checked = 0;
         for (const auto& entry : std::filesystem::directory_iterator(mDataDir)) {
             if (entry.path().extension() != ".db") continue;
-            EXPECT_EQ("ok", integrity(entry.path())) << entry.path() << " round " << round;
+            EXPECT_EQ(std::vector<std::string>{"ok"}, query(entry.path(), "PRAGMA integrity_check"))
+                    << entry.path() << " round " << round;
             ++checked;
         }
         EXPECT_GE(checked, 1);
@@ -44,18 +48,18 @@ TEST_F(DurabilityTest, EveryAcknowledgedWriteSurvivesSigkill) {
     startAppInfo();
     std::mt19937 random(20240611);
     constexpr int kWritesPerRound = 300;
-    // Writes carry their sequence number s: stream_<s % kStreamKeys> = s, and every eighth
+    // Writes carry their sequence number s: stream_<s % kKeys> = s, and every eighth
     // write also goes to user 10's database as alpha_cross = s.
     int64_t sequence = 1;
     std::map<std::string, int64_t> acknowledged;
     for (int round = 0; round < rounds(); ++round) {
-        startDaemon();
+        start();
         ASSERT_TRUE(eventually([&] { return call({"getType", "alpha_cross"}) == "ok 0"; }));
 
         std::vector<std::string> ops;
         std::vector<std::pair<std::string, int64_t>> writes;
         for (int64_t s = sequence; s < sequence + kWritesPerRound; ++s) {
-            const std::string key = "stream_" + std::to_string(s % kStreamKeys);
+            const std::string key = "stream_" + std::to_string(s % kKeys);
             ops.insert(ops.end(), {"setInteger", key, std::to_string(s)});
             writes.emplace_back(key, s);
             if (s % 8 == 0) {
@@ -66,7 +70,7 @@ TEST_F(DurabilityTest, EveryAcknowledgedWriteSurvivesSigkill) {
         // Kill after a random number of answers: sometimes none, sometimes nearly all.
         const size_t killAfter =
                 std::uniform_int_distribution<size_t>(0, writes.size() - 1)(random);
-        ChildProcess writer(clientArgs(ops, 0));
+        ChildProcess writer(clientArgs(ops));
         size_t answered = 0;
         while (answered < killAfter) {
             const std::optional<std::string> line = writer.readLine(std::chrono::minutes(2));
@@ -75,16 +79,16 @@ TEST_F(DurabilityTest, EveryAcknowledgedWriteSurvivesSigkill) {
             acknowledged[writes[answered].first] = writes[answered].second;
             ++answered;
         }
-        const int status = stopDaemon(SIGKILL);
+        const int status = killDaemon(SIGKILL);
         ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
         writer.kill(SIGKILL);
         writer.wait();
         expectIntactDatabases(round);
 
-        startDaemon();
+        start();
         std::vector<std::string> reads;
         std::vector<std::string> readKeys;
-        for (int k = 0; k < kStreamKeys; ++k) {
+        for (int k = 0; k < kKeys; ++k) {
             reads.insert(reads.end(), {"getInteger", "stream_" + std::to_string(k)});
             readKeys.push_back("stream_" + std::to_string(k));
         }
@@ -102,11 +106,11 @@ TEST_F(DurabilityTest, EveryAcknowledgedWriteSurvivesSigkill) {
                 EXPECT_GE(value, ack->second) << readKeys[i] << " round " << round;
             }
             EXPECT_LT(value, sequence + kWritesPerRound) << readKeys[i];
-            if (i < static_cast<size_t>(kStreamKeys) && value != 0) {
-                EXPECT_EQ(static_cast<int64_t>(i), value % kStreamKeys) << readKeys[i];
+            if (i < static_cast<size_t>(kKeys) && value != 0) {
+                EXPECT_EQ(static_cast<int64_t>(i), value % kKeys) << readKeys[i];
             }
         }
-        ASSERT_EQ(0, WEXITSTATUS(stopDaemon(SIGTERM)));
+        stop();
         sequence += kWritesPerRound;
     }
     // The kills fell among answered writes, not only before the first.
@@ -119,7 +123,7 @@ TEST_F(DurabilityTest, SchemaListsAreAppliedWholeOrNotAtAll) {
     std::mt19937 random(7);
     std::vector<std::string> packages;
     startAppInfo();
-    startDaemon();
+    start();
     for (int round = 0; round < rounds(); ++round) {
         for (int p = 0; p < kPackagesPerRound; ++p) {
             const std::string name =
@@ -136,7 +140,7 @@ TEST_F(DurabilityTest, SchemaListsAreAppliedWholeOrNotAtAll) {
         // Somewhere while the lists are on their way or being applied.
         std::this_thread::sleep_for(
                 std::chrono::milliseconds(std::uniform_int_distribution<int>(0, 600)(random)));
-        stopDaemon(SIGKILL);
+        killDaemon(SIGKILL);
         if (round % 2 == 1) stopAppInfo(SIGKILL);
         expectIntactDatabases(round);
 
@@ -165,7 +169,7 @@ TEST_F(DurabilityTest, SchemaListsAreAppliedWholeOrNotAtAll) {
         RecordProperty("round" + std::to_string(round) + "_present", present);
 
         if (mAppInfo == nullptr) startAppInfo();
-        startDaemon();
+        start();
         // After the restart the app-info service sends every package again.
         const std::string last = packages.back().substr(std::string("com.example.").size()) + "_0";
         EXPECT_TRUE(eventually([&] { return call({"getType", last}) == "ok 0"; })) << last;

@@ -72,6 +72,15 @@ void say(const std::string& line) {
     for (;;) pause();
 }
 
+// SIGUSR1 is blocked in every thread (see main); this takes the next one.
+void waitForSigusr1() {
+    sigset_t go;
+    sigemptyset(&go);
+    sigaddset(&go, SIGUSR1);
+    int signal = 0;
+    sigwait(&go, &signal);
+}
+
 sp<IPreferencesService> service() {
     sp<IPreferencesService> service;
     if (android::getService(String16(kServiceName), &service) != android::OK ||
@@ -185,11 +194,7 @@ int stall(int count, const std::string& key) {
         }
     }
     say("sent");
-    sigset_t go;
-    sigemptyset(&go);
-    sigaddset(&go, SIGUSR1);
-    int signal = 0;
-    sigwait(&go, &signal);
+    waitForSigusr1();
     for (;;) {
         pollfd pfd{fd, POLLIN, 0};
         if (poll(&pfd, 1, 60000) <= 0) {
@@ -234,12 +239,8 @@ int watch(const std::string& key, const std::string& publish) {
     }
     say("registered " +
         describe(prefs->registerListener(listener, {String16(key.c_str())}, false)));
-    sigset_t go;
-    sigemptyset(&go);
-    sigaddset(&go, SIGUSR1);
     for (;;) {
-        int signal = 0;
-        sigwait(&go, &signal);
+        waitForSigusr1();
         say("unregister " + describe(prefs->unregisterListener(listener)));
     }
 }
@@ -258,7 +259,7 @@ int unregisterOther(const std::string& name) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    // Blocked before any thread starts, so that only the stall mode's sigwait takes it.
+    // Blocked before any thread starts, so that only waitForSigusr1 takes it.
     sigset_t blocked;
     sigemptyset(&blocked);
     sigaddset(&blocked, SIGUSR1);

@@ -17,24 +17,8 @@ constexpr auto kLineTimeout = std::chrono::minutes(2);
 
 class HostileClientTest : public ReliabilityTest {
 protected:
-    void startDevice(const std::string& shellPrefix = "") {
-        startAppInfo();
-        startDaemon(shellPrefix);
-        // The packages have arrived once alpha's key answers.
-        ASSERT_TRUE(eventually([&] { return call({"getType", "alpha_text"}) == "ok 2"; }));
-    }
-
     // Listener records of `uid` in the key manager's part of the dump.
-    int listenerRecords(uid_t uid) {
-        const std::string text = dump();
-        const std::string needle = "uid: " + std::to_string(uid) + ",";
-        int count = 0;
-        for (size_t at = text.find(needle); at != std::string::npos;
-             at = text.find(needle, at + 1)) {
-            ++count;
-        }
-        return count;
-    }
+    int listenerRecords(uid_t uid) { return countOf(dump(), "uid: " + std::to_string(uid) + ","); }
 };
 
 TEST_F(HostileClientTest, CallerThatNeverReadsIsCutOffWhileOthersAreServed) {
@@ -42,7 +26,7 @@ TEST_F(HostileClientTest, CallerThatNeverReadsIsCutOffWhileOthersAreServed) {
     // Every reply to the stalled caller is about 600 KB.
     const std::vector<std::string> big = hostileLines({"bigvalue", "alpha_text", "300000"});
     ASSERT_EQ((std::vector<std::string>{"setString ok", "getString ok", "same"}), big);
-    const long before = residentKb(daemonPid());
+    const long before = residentKb(mDaemon->pid());
 
     std::unique_ptr<ChildProcess> stalled = hostile({"stall", "300", "alpha_text"}, kAlphaUid);
     ASSERT_EQ("sent", stalled->readLine(kLineTimeout).value_or("none"));
@@ -50,7 +34,7 @@ TEST_F(HostileClientTest, CallerThatNeverReadsIsCutOffWhileOthersAreServed) {
         EXPECT_EQ("ok 2", call({"getInteger", "beta_sys"}, kBetaUid));
     }
     // 300 unread replies would be 180 MB; the daemon queues at most a few MiB for one peer.
-    EXPECT_LT(residentKb(daemonPid()) - before, 64 * 1024);
+    EXPECT_LT(residentKb(mDaemon->pid()) - before, 64 * 1024);
 
     stalled->kill(SIGUSR1);
     EXPECT_EQ("closed", stalled->readLine(kLineTimeout).value_or("none"));
@@ -61,26 +45,26 @@ TEST_F(HostileClientTest, HundredsOfConnectionsNeitherStarveOthersNorLeak) {
     // A descriptor limit the hostile client can exceed.
     startDevice("ulimit -n 256;");
     ASSERT_EQ("ok 1", call({"getInteger", "alpha_sys"}, kAlphaUid));
-    const int baseline = openDescriptors(daemonPid());
+    const int baseline = openDescriptors(mDaemon->pid());
 
     std::unique_ptr<ChildProcess> greedy = hostile({"connections", "600"}, kBetaUid);
     ASSERT_EQ("open 600", greedy->readLine(kLineTimeout).value_or("none"));
     for (int i = 0; i < 3; ++i) {
         EXPECT_EQ("ok 1", call({"getInteger", "alpha_sys"}, kAlphaUid));
     }
-    EXPECT_LE(openDescriptors(daemonPid()), 256);
+    EXPECT_LE(openDescriptors(mDaemon->pid()), 256);
 
     greedy->kill(SIGKILL);
     greedy->wait();
-    EXPECT_TRUE(eventually([&] { return openDescriptors(daemonPid()) <= baseline + 2; }))
-            << openDescriptors(daemonPid()) << " descriptors, " << baseline << " before";
+    EXPECT_TRUE(eventually([&] { return openDescriptors(mDaemon->pid()) <= baseline + 2; }))
+            << openDescriptors(mDaemon->pid()) << " descriptors, " << baseline << " before";
     EXPECT_EQ("ok 1", call({"getInteger", "alpha_sys"}, kAlphaUid));
 }
 
 TEST_F(HostileClientTest, ThousandsOfListenersOfADeadClientAreGone) {
     startDevice();
     ASSERT_EQ("ok", call({"setInteger", "alpha_sys", "0"}, kAlphaUid));
-    const int descriptors = openDescriptors(daemonPid());
+    const int descriptors = openDescriptors(mDaemon->pid());
     long firstRound = 0;
     for (int round = 0; round < 3; ++round) {
         std::unique_ptr<ChildProcess> many = hostile({"listeners", "2000", "alpha_sys"}, kAlphaUid);
@@ -94,17 +78,13 @@ TEST_F(HostileClientTest, ThousandsOfListenersOfADeadClientAreGone) {
         many->wait();
         EXPECT_TRUE(eventually([&] { return listenerRecords(kAlphaUid) == 0; }))
                 << listenerRecords(kAlphaUid) << " listener records left";
-        EXPECT_TRUE(eventually([&] { return openDescriptors(daemonPid()) <= descriptors + 2; }));
-        const std::string tables = [&] {
-            std::string text;
-            for (const std::string& line : client({"dump", "1", "db"})) text += line + "\n";
-            return text;
-        }();
+        EXPECT_TRUE(eventually([&] { return openDescriptors(mDaemon->pid()) <= descriptors + 2; }));
+        const std::string tables = dump({"db"});
         EXPECT_EQ(std::string::npos, tables.find("alpha_sys|10057")) << tables;
-        if (round == 0) firstRound = residentKb(daemonPid());
+        if (round == 0) firstRound = residentKb(mDaemon->pid());
     }
     // Three rounds of 2000 listeners leave no more behind than the first.
-    EXPECT_LT(residentKb(daemonPid()) - firstRound, 16 * 1024);
+    EXPECT_LT(residentKb(mDaemon->pid()) - firstRound, 16 * 1024);
     EXPECT_EQ("ok", call({"setInteger", "alpha_sys", "7"}, kAlphaUid));
     EXPECT_EQ("ok 7", call({"getInteger", "alpha_sys"}));
 }
