@@ -85,7 +85,7 @@ bool eventually(const std::function<bool()>& condition) {
     const auto deadline = std::chrono::steady_clock::now() + kTimeout;
     while (std::chrono::steady_clock::now() < deadline) {
         if (condition()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
     return condition();
 }

@@ -32,7 +32,7 @@ std::vector<std::string> runToEnd(const std::vector<std::string>& argv);
 bool waitForSocket(const std::string& path, ChildProcess& process);
 // The whole text of the file at `path` (empty when it cannot be read).
 std::string readFile(const std::string& path);
-// Polls `condition` every 20 ms until it holds; false after two minutes.
+// Polls `condition` every 50 ms until it holds; false after two minutes.
 bool eventually(const std::function<bool()>& condition);
 
 // A daemon on directories of its own: service directory, data directory (not created
