@@ -51,6 +51,11 @@ void PreferencesKeyMetadataCache::keepAcross(sqlite3* db, uint64_t before) {
     mVersion = mCommits;
 }
 
+std::optional<uint64_t> PreferencesKeyMetadataCache::commitsOf(sqlite3* db) const {
+    if (db == nullptr || db != mDb) return std::nullopt;
+    return mCommits;
+}
+
 void PreferencesKeyMetadataCache::clear() {
     mEntries.clear();
     mVersion = mCommits;

@@ -65,6 +65,10 @@ public:
     // Drops every entry; the connection stays followed.
     void clear();
 
+    // The commits `db` has made since the cache began to follow it; empty when `db` is not the
+    // followed connection.
+    std::optional<uint64_t> commitsOf(sqlite3* db) const;
+
     // Cached facts; empty when not known. Call only after use() returned true.
     std::optional<Scope> scope(const std::string& key) const;
     std::optional<Type> type(const std::string& key) const;

@@ -404,6 +404,29 @@ sqlite3* Sqlite3PreferencesDb::metadataDb() const {
     return mSystemDb->db;
 }
 
+PreferencesValueCache* Sqlite3PreferencesDb::valueCache(PreferenceScope scope,
+                                                        const std::optional<unsigned int>& userId) {
+    if (scope == PreferenceScope::System) {
+        sqlite3* db = metadataDb();
+        const std::optional<uint64_t> commits = mMetadata.commitsOf(db);
+        if (!commits.has_value() || !mSystemValues.use(db, *commits)) return nullptr;
+        return &mSystemValues;
+    }
+    if (!userId.has_value()) return nullptr;
+    auto found = mUserDbs.find(*userId);
+    if (found == mUserDbs.end() || found->second == nullptr) return nullptr;
+    UserDb& record = *found->second;
+    if (record.state != DbState::Ready || !record.values.use(record.db, record.commits)) {
+        return nullptr;
+    }
+    return &record.values;
+}
+
+int Sqlite3PreferencesDb::countCommit(void* record) {
+    ++static_cast<UserDb*>(record)->commits;
+    return 0;
+}
+
 // The values table has no trigger and no table refers to it, so a write of values alone leaves
 // key metadata as it was. The row counts check that: anything a trigger or cascade changed would
 // count in the connection's total but not in the statement's own changes.
@@ -444,6 +467,7 @@ int32_t Sqlite3PreferencesDb::initialize() {
 
 void Sqlite3PreferencesDb::closeHalfOpenSystemDb() {
     mMetadata.detach();
+    mSystemValues.clear();
     if (mSystemDb == nullptr || mSystemDb->db == nullptr) return;
     uninitializePreparedStatementsForSystemDb();
     sqlite3_close_v2(mSystemDb->db);
@@ -467,6 +491,7 @@ int32_t Sqlite3PreferencesDb::initializeSystemDb() {
         return -2;
     }
     mMetadata.attach(mSystemDb->db);
+    mSystemValues.clear();
     int32_t result = initializeInMemDb();
     if (result != 0) {
         ALOGE("Unable to initalize in memory DB.");
@@ -653,6 +678,7 @@ void Sqlite3PreferencesDb::uninitializePreparedStatementsForSystemDb() {
 
 int32_t Sqlite3PreferencesDb::uninitializeSystemDb() {
     mMetadata.detach();
+    mSystemValues.clear();
     if (mSystemDb == nullptr || mSystemDb->state == DbState::Closed) return 0;
     uninitializePreparedStatementsForSystemDb();
     if (sqlite3_close(mSystemDb->db) != SQLITE_OK) {
@@ -780,6 +806,7 @@ int32_t Sqlite3PreferencesDb::initializeUserDb(unsigned int userId) {
     }
     UserDb& record = userDbRecord(userId);
     record.state = DbState::Opening;
+    record.values.clear();
 
     const std::string path = getUserDbPath(userId);
     const int opened = sqlite3_open(path.c_str(), &record.db);
@@ -791,6 +818,7 @@ int32_t Sqlite3PreferencesDb::initializeUserDb(unsigned int userId) {
         record.db = nullptr;
         return -2;
     }
+    sqlite3_commit_hook(record.db, &Sqlite3PreferencesDb::countCommit, &record);
     if (configureUserCache(userId) != 0) {
         ALOGE("Unable to configure cache for %d", userId);
         Telemetry::report("userdbinit_error_cache");
@@ -856,6 +884,7 @@ int32_t Sqlite3PreferencesDb::uninitializeUserDb(unsigned int userId) {
         return -15;
     }
     UserDb& record = *found->second;
+    record.values.clear();
     if (record.state == DbState::Closed) return 0;
     uninitializePreparedStatementsForUserDb(userId);
     if (sqlite3_close(record.db) != SQLITE_OK) {

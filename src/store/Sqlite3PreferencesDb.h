@@ -14,6 +14,7 @@
 
 #include "store/IPreferencesDb.h"
 #include "store/PreferencesKeyMetadataCache.h"
+#include "store/PreferencesValueCache.h"
 
 namespace Halo::OS {
 
@@ -31,7 +32,9 @@ namespace Halo::OS {
 //
 // Scope, type, default value and permissions of keys are remembered between calls
 // (PreferencesKeyMetadataCache) as long as the system database is unchanged, so that reading or
-// writing a value runs the value statement alone; every answer is the one the database gives.
+// writing a value runs the value statement alone; current values are remembered likewise per
+// database (PreferencesValueCache) until that database commits a write. Every answer is the one
+// the database gives.
 //
 // Thread safety: none. The owner (the key manager) serialises all calls under its main mutex;
 // SQLite connections are used from whichever thread holds it. uninitialize() (and so the
@@ -316,6 +319,9 @@ private:
         sqlite3* db = nullptr;
         DbState state = DbState::Closed;
         std::array<sqlite3_stmt*, kValueStatementCount> statements{};
+        // Commits of `db`, counted by its commit hook (countCommit), and the values read from it.
+        uint64_t commits = 0;
+        PreferencesValueCache values;
     };
 
     // Lifecycle of the system database.
@@ -366,6 +372,13 @@ private:
     // The system connection when the key metadata cache may be used with it (open and ready),
     // else null.
     sqlite3* metadataDb() const;
+    // The cache of current values of the database that holds `scope`'s values for `userId`, when
+    // it may be used now (the database is ready and has no transaction open); else null. Never
+    // inserts a user database record.
+    PreferencesValueCache* valueCache(PreferenceScope scope,
+                                      const std::optional<unsigned int>& userId);
+    // The commit hook of user connections: counts the commit in the UserDb record `record`.
+    static int countCommit(void* record);
     // Steps a write statement with the expiry modifier bound as parameter 1.
     int32_t runExpiryMark(SystemStatement statement, std::chrono::seconds delay);
     int32_t runSystemWrite(SystemStatement statement);
@@ -431,6 +444,8 @@ private:
     bool mQueryLogging = false;
     // Key metadata of the system database; see PreferencesKeyMetadataCache.
     PreferencesKeyMetadataCache mMetadata;
+    // Current values of the system database; its commits are those mMetadata counts.
+    PreferencesValueCache mSystemValues;
 };
 
 }  // namespace Halo::OS

@@ -78,6 +78,13 @@ int32_t Sqlite3PreferencesDb::getCurrentValue(const std::string& key, Preference
         return -14;
     }
     sqlite3_stmt* statement = valueStatement(kValueGetCurrent, scope, userId);
+    PreferencesValueCache* cache = statement != nullptr ? valueCache(scope, userId) : nullptr;
+    if (cache != nullptr) {
+        if (const std::optional<std::string>* known = cache->find(key)) {
+            value = *known;
+            return 0;
+        }
+    }
     if (!prepareToRun(statement, scope, userId)) return -1;
     ScopedStatementReset reset(statement);
     if (!bindText(statement, 1, key)) {
@@ -87,12 +94,16 @@ int32_t Sqlite3PreferencesDb::getCurrentValue(const std::string& key, Preference
     switch (step(statement)) {
         case SQLITE_ROW:
             value = columnText(statement, 0);
-            if (value.has_value()) return 0;
+            if (value.has_value()) {
+                if (cache != nullptr) cache->remember(key, value);
+                return 0;
+            }
             ALOGE("The current value is null. This should NOT happen %s", key.c_str());
             Telemetry::report("getpreferencevalue_error_default_value_null");
             return -1;
         case SQLITE_DONE:
             value.reset();
+            if (cache != nullptr) cache->remember(key, value);
             return 0;
         default:
             logFailureToExecutePreparedStatement(statement, scope, userId);

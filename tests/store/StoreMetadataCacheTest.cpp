@@ -1,11 +1,12 @@
-// The store remembers key metadata between calls; every way the metadata can change must be seen
-// by the very next read.
+// The store remembers key metadata and values between calls; every way they can change must be
+// seen by the very next read.
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
 #include <chrono>
 #include <string>
 
+#include "store/PreferencesValueCache.h"
 #include "store/StoreTest.h"
 #include "support/LogCapture.h"
 
@@ -147,6 +148,60 @@ TEST_F(StoreMetadataCacheTest, TransactionsResetsAndReopeningAreReadAtOnce) {
 
     ASSERT_EQ(0, mStore->reset());
     EXPECT_EQ("!-8 !-8 !-8 0 !-8", facts("volume"));
+}
+
+TEST_F(StoreMetadataCacheTest, ValuesOfEveryDatabaseAreReadAtOnce) {
+    ASSERT_EQ(0, declare(kAppUid, kApp, "brightness", Scope::User, Type::Integer, true, "1"));
+    // The value of `key` for `user` (the user in the foreground), read twice as in facts().
+    auto value = [this](const std::string& key, unsigned int user) {
+        auto read = [&] {
+            std::optional<std::string> out;
+            const int32_t result = mStore->getPreferenceValue(user, user, key, out);
+            return result == 0 ? out.value_or("<none>") : "!" + std::to_string(result);
+        };
+        LogCapture quiet;
+        const std::string first = read();
+        const std::string second = read();
+        EXPECT_EQ(first, second) << key << " of user " << user;
+        return second;
+    };
+    EXPECT_EQ("1", value("brightness", 0));
+    EXPECT_EQ("1", value("brightness", 10));
+
+    // Each user's database has its own values.
+    ASSERT_EQ(0, mStore->setPreferenceValue(0u, "brightness", "2"));
+    ASSERT_EQ(0, mStore->setPreferenceValue(10u, "brightness", "3"));
+    EXPECT_EQ("2", value("brightness", 0));
+    EXPECT_EQ("3", value("brightness", 10));
+
+    // SQL that others run on a user connection; inside a transaction, and rolled back.
+    exec("UPDATE preference_values SET current_value = '4'", userDb(0));
+    EXPECT_EQ("4", value("brightness", 0));
+    exec("BEGIN; UPDATE preference_values SET current_value = '5'", userDb(0));
+    EXPECT_EQ("5", value("brightness", 0));
+    exec("ROLLBACK", userDb(0));
+    EXPECT_EQ("4", value("brightness", 0));
+
+    // A value too large to remember is still read right, and so is everything after it.
+    const std::string large(PreferencesValueCache::kMaxBytes + 1, 'x');
+    ASSERT_EQ(0, mStore->setPreferenceValue(0u, "volume", large));
+    EXPECT_EQ(large, value("volume", 0));
+    ASSERT_EQ(0, mStore->setPreferenceValue(0u, "volume", "6"));
+    EXPECT_EQ("6", value("volume", 0));
+
+    // Clearing, deleting a user, and a file changed while its connection was closed.
+    ASSERT_EQ(0, mStore->clearCurrentPreferenceValue(10u, "brightness"));
+    EXPECT_EQ("1", value("brightness", 10));
+    ASSERT_EQ(0, mStore->setPreferenceValue(10u, "brightness", "7"));
+    EXPECT_EQ("7", value("brightness", 10));
+    ASSERT_EQ(0, mStore->deleteUserData(10));
+    EXPECT_EQ("1", value("brightness", 10));
+    ASSERT_EQ(0, mStore->uninitializeUserDb(0));
+    sqlite3* db = nullptr;
+    ASSERT_EQ(SQLITE_OK, sqlite3_open(mDir.file("user0.db").c_str(), &db));
+    exec("UPDATE preference_values SET current_value = '8'", db);
+    sqlite3_close(db);
+    EXPECT_EQ("8", value("brightness", 0));
 }
 
 }  // namespace
