@@ -6,6 +6,8 @@
 #include <sys/stat.h>
 
 #include <cstdlib>
+#include <filesystem>
+#include <system_error>
 
 #include "model/PreferencesSchemaListBuilder.h"
 #include "store/DirectoryPreferencesDb.h"
@@ -51,14 +53,28 @@ std::string autosleepSchemaList() {
            "]}";
 }
 
-const std::string& binderDir() {
-    static const auto* dir = [] {
+namespace {
+
+// One service directory for the whole test process: Binder threads outlive single tests. It is
+// never destroyed (threads may still look at it), only removed from disk at exit.
+TempDir* processBinderDir() {
+    static TempDir* dir = [] {
         auto* made = new TempDir();
         chmod(made->path().c_str(), 0755);
         setenv("BINDER_DIR", made->path().c_str(), 1);
+        std::atexit([] {
+            std::error_code ignored;
+            std::filesystem::remove_all(processBinderDir()->path(), ignored);
+        });
         return made;
     }();
-    return dir->path();
+    return dir;
+}
+
+}  // namespace
+
+const std::string& binderDir() {
+    return processBinderDir()->path();
 }
 
 void ServiceTest::SetUp() {
