@@ -101,8 +101,11 @@ bool timeGets(const sp<IPreferencesService>& service, const std::vector<String16
 
 int getLatency(size_t count, bool store) {
     const std::vector<String16> keys = readKeys16();
-    // Forked before the first Binder call, while the process has a single thread.
-    SocketFloor floor(getRequestBytes(keys[0]), kGetReplyBytes);
+    // Forked before the first Binder call, while the process has a single thread. Placed where
+    // prefs-bench asks: on the services' CPU when clients and services are split.
+    const char* echoCpu = getenv(BenchClient::kEchoCpuVariable);
+    SocketFloor floor(getRequestBytes(keys[0]), kGetReplyBytes,
+                      echoCpu != nullptr ? atoi(echoCpu) : -1);
     sp<IPreferencesService> service = connect();
     if (!floor.ok() || service == nullptr || !waitUntilDeclared(service)) return 1;
     for (size_t i = 0; store && i < keys.size(); ++i) {

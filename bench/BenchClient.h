@@ -14,7 +14,9 @@ namespace Halo::OS {
 //   get-latency COUNT [store]
 //                        times COUNT getInteger calls of the read keys and as many raw socket
 //                        round trips of the same sizes, in alternating blocks: floor_p50_us,
-//                        get_p50_us, get_p99_us; with "store", first stores their values
+//                        floor_one_cpu_p50_us, get_p50_us, get_p99_us; with "store", first
+//                        stores their values. The echo process of the round trips runs on the
+//                        CPU named by the variable kEchoCpuVariable, when it is set
 //   set-latency COUNT    times COUNT setInteger calls: set_p50_us
 //   throughput SECONDS   prints "ready", waits until descriptor 3 reaches its end, then calls
 //                        getInteger back to back for SECONDS: ops N
@@ -25,6 +27,8 @@ namespace Halo::OS {
 //                        the time its onChanged arrived: notify_p50_us
 class BenchClient {
 public:
+    static constexpr const char* kEchoCpuVariable = "PREFS_BENCH_ECHO_CPU";
+
     // Runs a role; returns the process exit status (0 when it measured, 1 when it failed, 2 for
     // an unknown role or bad arguments).
     static int run(const std::vector<std::string>& args);

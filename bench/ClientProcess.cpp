@@ -1,5 +1,7 @@
 #include "ClientProcess.h"
 
+#include <sched.h>
+
 #include <fcntl.h>
 #include <grp.h>
 #include <poll.h>
@@ -44,6 +46,12 @@ ClientProcess::ClientProcess(const Options& options) {
         dup2(logFd >= 0 ? logFd : output[1], STDOUT_FILENO);
         if (logFd >= 0) dup2(logFd, STDERR_FILENO);
         if (options.passFd >= 0) dup2(options.passFd, 3);
+        if (options.cpu >= 0) {
+            cpu_set_t one;
+            CPU_ZERO(&one);
+            CPU_SET(options.cpu, &one);
+            if (sched_setaffinity(0, sizeof(one), &one) != 0) _exit(125);
+        }
         if (options.uid.has_value()) {
             const uid_t uid = *options.uid;
             if (setgroups(0, nullptr) != 0 || setresgid(uid, uid, uid) != 0 ||

@@ -19,6 +19,7 @@ public:
         std::vector<std::string> argv;
         std::vector<std::string> env;  // "NAME=value" entries added to the environment
         std::optional<uid_t> uid;      // run as this uid and gid, without groups
+        int cpu = -1;                  // run on this CPU only, when not negative
         int passFd = -1;               // becomes descriptor 3 of the child
         // Standard output and error appended to this file instead of standard output read by
         // readLine() and standard error shared with the parent.

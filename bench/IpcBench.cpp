@@ -11,6 +11,7 @@
 #include <memory>
 #include <vector>
 
+#include "BenchClient.h"
 #include "BenchDaemon.h"
 #include "BenchSchemas.h"
 #include "ClientProcess.h"
@@ -32,6 +33,11 @@ ClientProcess::Options clientOptions(const IpcBench::Options& options, const Ben
     client.env = {"BINDER_DIR=" + device.binderDir()};
     client.uid = uid;
     client.passFd = passFd;
+    client.cpu = options.clientCpu;
+    if (options.serviceCpu >= 0) {
+        client.env.push_back(std::string(BenchClient::kEchoCpuVariable) + "=" +
+                             std::to_string(options.serviceCpu));
+    }
     return client;
 }
 

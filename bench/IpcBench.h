@@ -17,6 +17,10 @@ public:
         size_t fillers = 0;       // filler packages declared besides the bench package
         size_t samples = 0;       // timed calls per latency figure
         double throughputSeconds = 0;
+        // When not negative, clients run on clientCpu and the floor's echo process on
+        // serviceCpu (the CPU the daemon and prefs-appinfo inherit from prefs-bench).
+        int clientCpu = -1;
+        int serviceCpu = -1;
     };
     struct Figures {
         // Raw socket round trip, measured by the get client: placed as the scheduler likes, as

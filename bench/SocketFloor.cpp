@@ -34,13 +34,21 @@ bool writeFully(int fd, const char* buffer, size_t size) {
 
 }  // namespace
 
-SocketFloor::SocketFloor(size_t requestBytes, size_t replyBytes)
+SocketFloor::SocketFloor(size_t requestBytes, size_t replyBytes, int echoCpu)
     : mRequestBytes(requestBytes),
       mReplyBytes(replyBytes),
       mRequest(requestBytes, 'q'),
       mReply(replyBytes, 'r') {
     int fds[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0) return;
+    CPU_ZERO(&mEchoCpus);
+    if (echoCpu >= 0) {
+        CPU_SET(echoCpu, &mEchoCpus);
+    } else if (sched_getaffinity(0, sizeof(mEchoCpus), &mEchoCpus) != 0) {
+        close(fds[0]);
+        close(fds[1]);
+        return;
+    }
     const pid_t pid = fork();
     if (pid < 0) {
         close(fds[0]);
@@ -50,6 +58,7 @@ SocketFloor::SocketFloor(size_t requestBytes, size_t replyBytes)
     if (pid == 0) {
         close(fds[0]);
         // Only async-signal-safe calls from here on: the parent may run threads.
+        if (sched_setaffinity(0, sizeof(mEchoCpus), &mEchoCpus) != 0) _exit(1);
         char* request = mRequest.data();
         const char* reply = mReply.data();
         while (readFully(fds[1], request, mRequestBytes) &&
@@ -92,7 +101,7 @@ bool SocketFloor::measure(size_t count, Placement placement, LatencySamples* sam
     }
     if (pinned) {
         sched_setaffinity(0, sizeof(previous), &previous);
-        sched_setaffinity(mPid, sizeof(previous), &previous);
+        sched_setaffinity(mPid, sizeof(mEchoCpus), &mEchoCpus);
     }
     return answered;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <sched.h>
 #include <sys/types.h>
 
 #include <cstddef>
@@ -15,11 +16,12 @@ namespace Halo::OS {
 //
 // The constructor forks an echo process that answers each request of `requestBytes` with
 // `replyBytes`; the destructor closes the socket and reaps it. The echo process only reads and
-// writes, so it may be forked from a process that already runs threads. It runs on the CPUs the
-// caller may run on, as the service's processes do.
+// writes, so it may be forked from a process that already runs threads. It runs on `echoCpu`
+// when that is not negative, else on the CPUs the caller may run on, as the service's processes
+// do.
 class SocketFloor {
 public:
-    SocketFloor(size_t requestBytes, size_t replyBytes);
+    SocketFloor(size_t requestBytes, size_t replyBytes, int echoCpu = -1);
     ~SocketFloor();
     SocketFloor(const SocketFloor&) = delete;
     SocketFloor& operator=(const SocketFloor&) = delete;
@@ -35,8 +37,8 @@ public:
     };
 
     // Times `count` round trips and appends them to `samples`; false when the echo process
-    // stopped answering. With OneCpu, the calling thread and the echo process get the caller's
-    // CPU set back afterwards.
+    // stopped answering. With OneCpu, the calling thread and the echo process get their own CPU
+    // sets back afterwards.
     bool measure(size_t count, Placement placement, LatencySamples* samples);
 
 private:
@@ -46,6 +48,7 @@ private:
     std::vector<char> mReply;
     int mFd = -1;
     pid_t mPid = -1;
+    cpu_set_t mEchoCpus;  // where the echo process runs between OneCpu measurements
 };
 
 }  // namespace Halo::OS

@@ -24,7 +24,7 @@ using Halo::OS::IpcBench;
 constexpr const char* kUsage =
         "usage: prefs-bench [--samples N] [--fillers N] [--throughput-seconds S]\n"
         "                   [--schema-packages N] [--daemon PATH] [--appinfo PATH]\n"
-        "                   [--only reads|ipc|schema] [--cpu N]\n"
+        "                   [--only reads|ipc|schema] [--cpu N | --split C,S]\n"
         "  --samples N              timed calls per latency figure (default 20000)\n"
         "  --fillers N              packages of 20 keys declared besides the bench package\n"
         "                           (default 50)\n"
@@ -36,6 +36,9 @@ constexpr const char* kUsage =
         "                           profiling): in-process reads, IPC, or schema lists\n"
         "  --cpu N                  run everything (this process, the daemon, prefs-appinfo\n"
         "                           and the clients) on CPU N only\n"
+        "  --split C,S              run the clients on CPU C and everything else (this\n"
+        "                           process, the daemon, prefs-appinfo, the floor's echo\n"
+        "                           process) on CPU S\n"
         "The IPC figures run clients under an app uid and need root.\n";
 
 std::string selfPath() {
@@ -97,6 +100,14 @@ int main(int argc, char** argv) {
             char* end = nullptr;
             cpu = strtol(value, &end, 10);
             ok = *value != '\0' && *end == '\0' && cpu >= 0 && cpu < CPU_SETSIZE;
+        } else if (ok && flag == "--split") {
+            char* end = nullptr;
+            const long client = strtol(value, &end, 10);
+            const long service = *end == ',' ? strtol(end + 1, &end, 10) : -1;
+            ok = *end == '\0' && client >= 0 && client < CPU_SETSIZE && service >= 0 &&
+                 service < CPU_SETSIZE && client != service;
+            ipc.clientCpu = static_cast<int>(client);
+            ipc.serviceCpu = static_cast<int>(service);
         } else if (ok && flag == "--only") {
             only = value;
             ok = only == "reads" || only == "ipc" || only == "schema";
@@ -113,8 +124,14 @@ int main(int argc, char** argv) {
         return 2;
     }
 
+    if (cpu >= 0 && ipc.serviceCpu >= 0) {
+        fprintf(stderr, "prefs-bench: --cpu and --split exclude each other\n%s", kUsage);
+        return 2;
+    }
+    if (ipc.serviceCpu >= 0) cpu = ipc.serviceCpu;
     if (cpu >= 0) {
-        // Every process started from here on inherits the affinity.
+        // Every process started from here on inherits the affinity (clients of --split then
+        // move to their own CPU).
         cpu_set_t set;
         CPU_ZERO(&set);
         CPU_SET(static_cast<int>(cpu), &set);
