@@ -8,6 +8,8 @@
 #include <cutils/multiuser.h>
 #include <fmt/format.h>
 #include <log/log.h>
+#include <pthread.h>
+#include <sched.h>
 #include <sys/types.h>
 #include <unistd.h>
 #include <utils/String16.h>
@@ -602,6 +604,12 @@ std::string PreferencesKeyManager::stringJoin(const std::vector<std::string>& it
 }
 
 void PreferencesKeyManager::callback() {
+    // The thread keeps its fair share of the CPU but does not preempt the thread that woke it:
+    // a set wakes it before its reply is sent, and on a busy or single CPU it would otherwise run
+    // first and hold up the caller for a delivery that is one-way anyway. Best effort: on failure
+    // the thread keeps the default policy.
+    sched_param batch{};
+    pthread_setschedparam(pthread_self(), SCHED_BATCH, &batch);
     while (mRunning && !mQueue.isTerminated()) {
         std::string name;
         if (!mQueue.dequeue(name)) continue;
