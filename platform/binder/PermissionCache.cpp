@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdint>
 #include <set>
 #include <utility>
 
@@ -57,10 +58,18 @@ public:
         return mGrants.count(Grant(uid, permission)) != 0;
     }
 
-    // Remembers a grant of `controller`; grants of any other permission service are dropped.
-    void add(const sp<IBinder>& controller, const String16& permission, uid_t uid, pid_t self)
-            EXCLUDES(mLock) {
+    // Counts the purges; a grant asked for before a purge is not remembered after it.
+    uint64_t generation() EXCLUDES(mLock) {
         Halo::OS::Mutex::Autolock lock(mLock);
+        return mGeneration;
+    }
+
+    // Remembers a grant of `controller`, asked for at `generation`, unless a purge came since;
+    // grants of any other permission service are dropped.
+    void add(const sp<IBinder>& controller, const String16& permission, uid_t uid, pid_t self,
+             uint64_t generation) EXCLUDES(mLock) {
+        Halo::OS::Mutex::Autolock lock(mLock);
+        if (generation != mGeneration) return;
         if (self != mOwner || controller != mController) {
             forgetLocked();
             mOwner = self;
@@ -71,6 +80,7 @@ public:
 
     void purge() EXCLUDES(mLock) {
         Halo::OS::Mutex::Autolock lock(mLock);
+        ++mGeneration;
         forgetLocked();
     }
 
@@ -86,6 +96,7 @@ private:
     pid_t mOwner GUARDED_BY(mLock) = -1;  // the process that asked; a child of fork() asks anew
     sp<IBinder> mController GUARDED_BY(mLock);
     std::set<Grant> mGrants GUARDED_BY(mLock);
+    uint64_t mGeneration GUARDED_BY(mLock) = 0;
 };
 
 // Never destroyed: checks may come from threads that outlive static destruction.
@@ -133,9 +144,10 @@ bool PermissionCache::checkPermission(const String16& permission, pid_t pid, uid
     if (uid == 0 || pid == self) return true;
     GrantCache& cache = grantCache();
     if (cache.contains(permission, uid, self)) return true;
+    const uint64_t generation = cache.generation();
     sp<IBinder> controller = defaultServiceManager()->checkService(permissionServiceName());
     if (controller == nullptr || !askController(controller, permission, pid, uid)) return false;
-    cache.add(controller, permission, uid, self);
+    cache.add(controller, permission, uid, self, generation);
     return true;
 }
 

@@ -16,8 +16,9 @@ namespace android {
 // permission pays the round trip to the permission service once: a refusal is never remembered,
 // so a permission granted later is seen at the next check. Remembered grants are dropped by
 // purgeCache(), when the permission service that gave them is found dead, and in a child of
-// fork(); until then a permission revoked at the permission service stays granted here. Processes
-// that learn of changes of installed packages call purgeCache() when they do.
+// fork(); until then a permission revoked at the permission service stays granted here. A check
+// that was asking the permission service while a purge happened does not remember its answer.
+// Processes that learn of changes of installed packages call purgeCache() when they do.
 //
 // Thread-safe; the cache's lock is never held during a Binder call.
 class PermissionCache {
