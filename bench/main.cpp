@@ -128,7 +128,15 @@ int main(int argc, char** argv) {
         fprintf(stderr, "prefs-bench: --cpu and --split exclude each other\n%s", kUsage);
         return 2;
     }
-    if (ipc.serviceCpu >= 0) cpu = ipc.serviceCpu;
+    if (ipc.clientCpu >= 0) {
+        cpu_set_t allowed;
+        if (sched_getaffinity(0, sizeof(allowed), &allowed) != 0 ||
+            !CPU_ISSET(ipc.clientCpu, &allowed)) {
+            fprintf(stderr, "prefs-bench: cannot run clients on CPU %d\n", ipc.clientCpu);
+            return 2;
+        }
+        cpu = ipc.serviceCpu;
+    }
     if (cpu >= 0) {
         // Every process started from here on inherits the affinity (clients of --split then
         // move to their own CPU).
