@@ -89,6 +89,16 @@ PreferencesKeyManager::PreferencesKeyManager(std::unique_ptr<IPreferencesDb> db)
 }
 
 PreferencesKeyManager::~PreferencesKeyManager() {
+    // Binder threads may be forwarding the death of a listener's client right now: wait for them
+    // and cut later ones off before anything goes. Not under mMutex, which they wait for.
+    std::vector<android::sp<PreferencesListener>> records;
+    {
+        Mutex::Autolock lock(mMutex);
+        for (const auto& [uuid, record] : mListeners) records.push_back(record);
+    }
+    for (const android::sp<PreferencesListener>& record : records) record->detach();
+    records.clear();
+
     mQueue.clear();
     mRunning = false;
     mQueue.enqueue(kSentinelKey);
@@ -610,6 +620,7 @@ void PreferencesKeyManager::callback() {
     // the thread keeps the default policy.
     sched_param batch{};
     pthread_setschedparam(pthread_self(), SCHED_BATCH, &batch);
+    pthread_setname_np(pthread_self(), "prefs:callback");
     while (mRunning && !mQueue.isTerminated()) {
         std::string name;
         if (!mQueue.dequeue(name)) continue;

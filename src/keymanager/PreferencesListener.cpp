@@ -24,7 +24,7 @@ void PreferencesListener::DeathNotifier::binderDied(const android::wp<android::I
         ALOGW("Failed to promote client on binder death");
         return;
     }
-    listener->mManager->unregisterListener(listener->getUid(), listener->getListener());
+    listener->onClientDied();
 }
 
 PreferencesListener::PreferencesListener(
@@ -36,6 +36,16 @@ PreferencesListener::PreferencesListener(
     mDeathNotifier = new DeathNotifier(this, uuid, PreferencesKeyInfo::get(uid));
     android::sp<android::IBinder> binder = android::IInterface::asBinder(mListener);
     if (binder != nullptr) binder->linkToDeath(mDeathNotifier);
+}
+
+void PreferencesListener::detach() {
+    Mutex::Autolock lock(mManagerLock);
+    mManager = nullptr;
+}
+
+void PreferencesListener::onClientDied() {
+    Mutex::Autolock lock(mManagerLock);
+    if (mManager != nullptr) mManager->unregisterListener(mUid, mListener);
 }
 
 PreferencesListener::~PreferencesListener() {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <android-base/thread_annotations.h>
 #include <binder/IBinder.h>
 #include <lumen/preferences/IPreferencesListener.h>
 #include <utils/RefBase.h>
@@ -7,6 +8,8 @@
 
 #include <string>
 #include <vector>
+
+#include "threads/Mutex.h"
 
 namespace Halo::OS {
 
@@ -33,7 +36,8 @@ public:
     };
 
     // Copies and sorts `keys` and links a DeathNotifier to the listener's binder. `manager` must
-    // outlive the record (the key manager owns every record it creates).
+    // stay valid until detach() has returned (the key manager detaches every record it holds
+    // before it goes away).
     PreferencesListener(PreferencesKeyManager* manager,
                         const android::sp<lumen::preferences::IPreferencesListener>& listener,
                         const std::vector<std::string>& keys, unsigned int pid, unsigned int uid,
@@ -46,8 +50,17 @@ public:
     unsigned int getUuid() const { return mUuid; }
     const std::vector<std::string>& getKeys() const { return mKeys; }
 
+    // Cuts the link to the key manager: a death notice that comes later does nothing, and one
+    // being forwarded to the manager has finished when this returns. Must not be called with the
+    // key manager's mutex held (a notice being forwarded waits for it).
+    void detach() EXCLUDES(mManagerLock);
+
 private:
-    PreferencesKeyManager* const mManager;
+    // Unregisters this listener from its key manager, unless detached.
+    void onClientDied() EXCLUDES(mManagerLock);
+
+    Mutex mManagerLock;
+    PreferencesKeyManager* mManager GUARDED_BY(mManagerLock);
     const android::sp<lumen::preferences::IPreferencesListener> mListener;
     const unsigned int mPid;
     const unsigned int mUid;

@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "keymanager/KeyManagerFixture.h"
+#include "keymanager/PreferencesListener.h"
 #include "support/ChildProcess.h"
 #include "telemetry/Telemetry.h"
 
@@ -110,6 +111,29 @@ TEST_F(KeyManagerNotificationTest, DeadListenerIsUnregisteredOnceAndItsRowsGo) {
     EXPECT_EQ(-6, mManager->unregisterListener(0, listener));
     std::this_thread::sleep_for(200ms);
     EXPECT_EQ(1u, Telemetry::count("connection_to_preferences_manager_lost"));
+}
+
+TEST_F(KeyManagerNotificationTest, DeathAfterTheManagerIsGoneReachesNothing) {
+    // A record whose client dies after the key manager went away: the notice must not reach the
+    // manager (under ASan a call would be a use after free).
+    std::unique_ptr<ChildProcess> child;
+    android::sp<IPreferencesListener> listener = startListener(child, "listener.orphan");
+    ASSERT_NE(nullptr, listener);
+    android::sp<PreferencesListener> record =
+            new PreferencesListener(mManager.get(), listener, {"a"}, 1, 0, 77);
+    record->detach();
+    mManager.reset();
+    Telemetry::resetCounts();
+
+    child->kill();
+    child->wait();
+    const auto deadline = std::chrono::steady_clock::now() + 5s;
+    while (Telemetry::count("connection_to_preferences_manager_lost") == 0 &&
+           std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(10ms);
+    }
+    EXPECT_EQ(1u, Telemetry::count("connection_to_preferences_manager_lost"));
+    EXPECT_EQ(0u, Telemetry::count("unregister_listener_success"));
 }
 
 TEST_F(KeyManagerNotificationTest, StoppedListenerCannotBlockOthersOrTheService) {
