@@ -47,6 +47,15 @@ protected:
         return android::interface_cast<IPreferencesListener>(binder);
     }
 
+    // Waits up to five seconds for the first telemetry event `name` (death notices arrive on a
+    // binder thread).
+    static void waitForEvent(const char* name) {
+        const auto deadline = std::chrono::steady_clock::now() + 5s;
+        while (Telemetry::count(name) == 0 && std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::sleep_for(10ms);
+        }
+    }
+
     void set(const std::string& key, const std::string& value) {
         mManager->setCaller(0);
         ASSERT_EQ(0, mManager->set(key, value, Type::Integer)) << key;
@@ -98,11 +107,7 @@ TEST_F(KeyManagerNotificationTest, DeadListenerIsUnregisteredOnceAndItsRowsGo) {
     child->kill();
     child->wait();
     // The death notice arrives on a binder thread; wait for it to take effect.
-    const auto deadline = std::chrono::steady_clock::now() + 5s;
-    while (Telemetry::count("unregister_listener_success") == 0 &&
-           std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(10ms);
-    }
+    waitForEvent("unregister_listener_success");
     EXPECT_EQ(1u, Telemetry::count("connection_to_preferences_manager_lost"));
     EXPECT_EQ(1u, Telemetry::count("unregister_listener_success"));
     EXPECT_EQ(0u, Telemetry::count("listener_promotion_failure"));
@@ -127,11 +132,7 @@ TEST_F(KeyManagerNotificationTest, DeathAfterTheManagerIsGoneReachesNothing) {
 
     child->kill();
     child->wait();
-    const auto deadline = std::chrono::steady_clock::now() + 5s;
-    while (Telemetry::count("connection_to_preferences_manager_lost") == 0 &&
-           std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(10ms);
-    }
+    waitForEvent("connection_to_preferences_manager_lost");
     EXPECT_EQ(1u, Telemetry::count("connection_to_preferences_manager_lost"));
     EXPECT_EQ(0u, Telemetry::count("unregister_listener_success"));
 }
