@@ -678,6 +678,83 @@ status_t BinderConnection::sendReply(uint64_t txid, status_t status, const Parce
 
 status_t BinderConnection::writeFrame(const iovec* iov, int iovcnt, const int* fds,
                                       size_t fdCount) {
+    PendingOutput copy;
+    bool copied = false;
+    for (;;) {
+        {
+            Mutex::Autolock lock(mHandoffLock);
+            if (mHandoffClosed) return android::DEAD_OBJECT;
+            if (!mWriterActive) {
+                mWriterActive = true;
+                break;
+            }
+            if (copied) {
+                mHandoff.push_back(std::move(copy));
+                return android::OK;
+            }
+        }
+        // Another thread is writing, typically one preempted inside sendmsg by the peer it has
+        // just woken. Waiting for it would put this thread to sleep on the lock and cost two
+        // thread switches; the frame is left to that thread instead, which sends it in order
+        // before it stops writing. The frame is copied outside the lock: the writer may be gone
+        // by then, and this thread writes after all.
+        if (!copyFrame(iov, iovcnt, 0, fds, fdCount, &copy)) return android::FAILED_TRANSACTION;
+        copied = true;
+    }
+    const status_t status = sendFrame(iov, iovcnt, fds, fdCount);
+    sendHandedOver();
+    return status;
+}
+
+void BinderConnection::sendHandedOver() {
+    std::deque<PendingOutput> frames;
+    for (;;) {
+        {
+            Mutex::Autolock lock(mHandoffLock);
+            if (mHandoff.empty()) {
+                mWriterActive = false;
+                return;
+            }
+            frames.swap(mHandoff);
+        }
+        for (PendingOutput& frame : frames) {
+            int fds[wire::kMaxFdsPerFrame];
+            for (size_t i = 0; i < frame.fds.size(); ++i) fds[i] = frame.fds[i].get();
+            const iovec iov{frame.bytes.data(), frame.bytes.size()};
+            // A broken connection is marked dead inside; the rest are then refused there too.
+            sendFrame(&iov, 1, fds, frame.fds.size());
+        }
+        frames.clear();
+    }
+}
+
+bool BinderConnection::copyFrame(const iovec* iov, int iovcnt, size_t skip, const int* fds,
+                                 size_t fdCount, PendingOutput* out) {
+    size_t total = 0;
+    for (int i = 0; i < iovcnt; ++i) total += iov[i].iov_len;
+    out->bytes.clear();
+    out->bytes.reserve(total - skip);
+    out->offset = 0;
+    for (int i = 0; i < iovcnt; ++i) {
+        const auto* base = static_cast<const uint8_t*>(iov[i].iov_base);
+        const size_t len = iov[i].iov_len;
+        if (skip >= len) {
+            skip -= len;
+            continue;
+        }
+        out->bytes.insert(out->bytes.end(), base + skip, base + len);
+        skip = 0;
+    }
+    out->fds.clear();
+    for (size_t i = 0; i < fdCount; ++i) {
+        unique_fd fd(fcntl(fds[i], F_DUPFD_CLOEXEC, 0));
+        if (fd.get() < 0) return false;
+        out->fds.push_back(std::move(fd));
+    }
+    return true;
+}
+
+status_t BinderConnection::sendFrame(const iovec* iov, int iovcnt, const int* fds, size_t fdCount) {
     size_t total = 0;
     for (int i = 0; i < iovcnt; ++i) total += iov[i].iov_len;
     bool broken = false;
@@ -716,25 +793,10 @@ status_t BinderConnection::writeFrame(const iovec* iov, int iovcnt, const int* f
             broken = true;
         }
         if (!broken) {
+            // Descriptors travel with the first byte of a frame: once part of it is out, they are.
             PendingOutput out;
-            out.bytes.reserve(total - sent);
-            size_t skip = sent;
-            for (int i = 0; i < iovcnt; ++i) {
-                const auto* base = static_cast<const uint8_t*>(iov[i].iov_base);
-                size_t len = iov[i].iov_len;
-                if (skip >= len) {
-                    skip -= len;
-                    continue;
-                }
-                out.bytes.insert(out.bytes.end(), base + skip, base + len);
-                skip = 0;
-            }
-            if (sent == 0) {
-                for (size_t i = 0; i < fdCount; ++i) {
-                    unique_fd copy(fcntl(fds[i], F_DUPFD_CLOEXEC, 0));
-                    if (copy.get() < 0) return android::FAILED_TRANSACTION;
-                    out.fds.push_back(std::move(copy));
-                }
+            if (!copyFrame(iov, iovcnt, sent, fds, sent == 0 ? fdCount : 0, &out)) {
+                return android::FAILED_TRANSACTION;
             }
             if (mPending.empty()) {
                 mLastProgress = std::chrono::steady_clock::now();
@@ -880,6 +942,11 @@ void BinderConnection::markDead(const char* reason) {
         mWriteClosed = true;
         mPending.clear();
         mPendingBytes = 0;
+    }
+    {
+        Mutex::Autolock lock(mHandoffLock);
+        mHandoffClosed = true;
+        mHandoff.clear();
     }
     BinderRuntime::instance().unregisterConnection(this);
     for (sp<BpBinder>& proxy : proxies) proxy->queueObituary();

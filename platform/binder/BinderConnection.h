@@ -33,7 +33,8 @@ namespace Halo::OS {
 //
 // Writing never blocks: a frame the socket cannot take at once is queued in user space and sent
 // by the runtime's flusher; a peer that stops reading for too long, or lets too much pile up, is
-// disconnected.
+// disconnected. Nor does a thread wait for another one that is writing: it leaves its frame to
+// that thread, which sends it next.
 //
 // Object numbers: an object this side owns and has sent is exported under a number with a count
 // of the times it was sent; the peer returns counts with release frames, and the object is
@@ -141,7 +142,19 @@ private:
     android::status_t sendReply(uint64_t txid, android::status_t status,
                                 const android::Parcel& reply);
     void sendRelease(uint64_t id, uint64_t count);
+    // Sends a frame, or queues it when the socket cannot take it now; when another thread is
+    // writing, hands the frame (copied, descriptors duplicated) to that thread instead of waiting.
+    // Returns OK, DEAD_OBJECT once the connection is broken, or FAILED_TRANSACTION when a
+    // descriptor cannot be duplicated.
     android::status_t writeFrame(const iovec* iov, int iovcnt, const int* fds, size_t fdCount);
+    // The writing itself, under the write lock; the caller is the active writer.
+    android::status_t sendFrame(const iovec* iov, int iovcnt, const int* fds, size_t fdCount);
+    // The active writer sends what was handed over to it, then stops being the writer.
+    void sendHandedOver();
+    // Copies a frame from byte `skip` on, with duplicates of `fds`. False when a descriptor
+    // cannot be duplicated.
+    static bool copyFrame(const iovec* iov, int iovcnt, size_t skip, const int* fds, size_t fdCount,
+                          PendingOutput* out);
 
     // Waits for the waiter's reply, reading the connection while nobody else does. `reading`:
     // the caller already holds the reading token (and has disarmed the connection if needed).
@@ -192,6 +205,13 @@ private:
     std::unordered_map<uint64_t, ProxyEntry> mProxies GUARDED_BY(mLock);
     // One-way calls per object: present while one runs; later ones wait here in order.
     std::unordered_map<uint64_t, std::deque<BinderTask>> mAsync GUARDED_BY(mLock);
+
+    // Frames left by threads that found another thread writing; that thread (mWriterActive)
+    // sends them before it stops. Only ever held briefly, never together with another lock.
+    Mutex mHandoffLock;
+    bool mWriterActive GUARDED_BY(mHandoffLock) = false;
+    bool mHandoffClosed GUARDED_BY(mHandoffLock) = false;
+    std::deque<PendingOutput> mHandoff GUARDED_BY(mHandoffLock);
 
     Mutex mWriteLock;
     bool mWriteClosed GUARDED_BY(mWriteLock) = false;

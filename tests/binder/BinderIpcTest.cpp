@@ -236,6 +236,51 @@ TEST_F(BinderIpcTest, CallbacksNestedInACallRunOnTheWaitingThread) {
     }
 }
 
+TEST_F(BinderIpcTest, ConcurrentCallsOnOneConnectionKeepTheirBytesAndDescriptors) {
+    // Eight threads share the one connection to the service, and the service answers them from
+    // several pool threads: requests and replies are written by one thread while others have
+    // frames of their own to write. Some payloads are larger than the socket takes at once.
+    sp<ITestService> service = startService<ITestService>("serve", "test");
+    ASSERT_NE(nullptr, service);
+    constexpr int kThreads = 8;
+    constexpr int kRounds = 120;
+    std::vector<std::string> failures(kThreads);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            int fds[2];
+            if (pipe2(fds, O_CLOEXEC) != 0) {
+                failures[t] = "pipe2";
+                return;
+            }
+            android::base::unique_fd readEnd(fds[0]);
+            android::base::unique_fd writeEnd(fds[1]);
+            for (int round = 0; round < kRounds && failures[t].empty(); ++round) {
+                const size_t size = round % 4 == 0 ? 300 * 1024 : 1024 + 97 * round;
+                std::vector<uint8_t> bytes(size);
+                for (size_t i = 0; i < size; ++i)
+                    bytes[i] = static_cast<uint8_t>(t * 31 + i + round);
+                std::vector<uint8_t> out;
+                if (!service->echoBytes(bytes, &out).isOk() || out != bytes) {
+                    failures[t] = "bytes of round " + std::to_string(round);
+                    break;
+                }
+                android::base::unique_fd echoedFd;
+                const char mark = static_cast<char>('a' + t);
+                char got = 0;
+                if (!service->echoFd(writeEnd, &echoedFd).isOk() || echoedFd.get() < 0 ||
+                    write(echoedFd.get(), &mark, 1) != 1 || read(readEnd.get(), &got, 1) != 1 ||
+                    got != mark) {
+                    failures[t] = "descriptor of round " + std::to_string(round);
+                }
+            }
+        });
+    }
+    for (auto& thread : threads) thread.join();
+    for (int t = 0; t < kThreads; ++t) EXPECT_EQ("", failures[t]) << "thread " << t;
+    EXPECT_EQ(9, echoed(service, &ITestService::echoInt, 9));
+}
+
 TEST_F(BinderIpcTest, OnewayCallsArriveInOrder) {
     sp<ITestService> service = startService<ITestService>("serve", "test");
     ASSERT_NE(nullptr, service);
