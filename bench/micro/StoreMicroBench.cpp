@@ -108,5 +108,31 @@ BENCHMARK_F(StoreFixture, RawValueSelect)(benchmark::State& state) {
     sqlite3_close(db);
 }
 
+// The floor of SetPreferenceValue: the value update alone, its own transaction, on a second
+// connection with the store's durability setting.
+BENCHMARK_F(StoreFixture, RawValueUpdate)(benchmark::State& state) {
+    sqlite3* db = nullptr;
+    sqlite3_open((data().directory() + "/system.db").c_str(), &db);
+    sqlite3_exec(db, "PRAGMA cache_size = 256", nullptr, nullptr, nullptr);
+    sqlite3_exec(db, "PRAGMA synchronous = NORMAL", nullptr, nullptr, nullptr);
+    sqlite3_exec(db, "PRAGMA foreign_keys = ON", nullptr, nullptr, nullptr);
+    sqlite3_stmt* update = nullptr;
+    sqlite3_prepare_v2(db, "UPDATE preference_values SET current_value = ? WHERE key = ?", -1,
+                       &update, nullptr);
+    const std::string name = BenchSchemas::kSetKey;
+    int64_t i = 0;
+    for (auto _ : state) {
+        const std::string value = std::to_string(i++);
+        sqlite3_bind_text(update, 1, value.data(), static_cast<int>(value.size()), SQLITE_STATIC);
+        sqlite3_bind_text(update, 2, name.data(), static_cast<int>(name.size()), SQLITE_STATIC);
+        if (sqlite3_step(update) != SQLITE_DONE || sqlite3_changes(db) != 1) {
+            state.SkipWithError("the value update changed no row");
+        }
+        sqlite3_reset(update);
+    }
+    sqlite3_finalize(update);
+    sqlite3_close(db);
+}
+
 }  // namespace
 }  // namespace Halo::OS
