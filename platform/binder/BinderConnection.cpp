@@ -116,6 +116,34 @@ bool validateFrame(uint32_t type, const uint8_t* body, uint32_t size, uint32_t* 
     return true;
 }
 
+// Sends without blocking, with `fdCount` descriptors attached as SCM_RIGHTS; retries on EINTR.
+// Returns what sendmsg returns.
+ssize_t sendWithRights(int socket, const iovec* iov, int iovcnt, const int* fds, size_t fdCount) {
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * wire::kMaxFdsPerFrame)];
+    msghdr msg{};
+    msg.msg_iov = const_cast<iovec*>(iov);
+    msg.msg_iovlen = static_cast<size_t>(iovcnt);
+    if (fdCount > 0) {
+        msg.msg_control = control;
+        msg.msg_controllen = CMSG_SPACE(sizeof(int) * fdCount);
+        cmsghdr* cmsg = CMSG_FIRSTHDR(&msg);
+        cmsg->cmsg_level = SOL_SOCKET;
+        cmsg->cmsg_type = SCM_RIGHTS;
+        cmsg->cmsg_len = CMSG_LEN(sizeof(int) * fdCount);
+        memcpy(CMSG_DATA(cmsg), fds, sizeof(int) * fdCount);
+    }
+    ssize_t n;
+    do {
+        n = sendmsg(socket, &msg, MSG_DONTWAIT | MSG_NOSIGNAL);
+    } while (n < 0 && errno == EINTR);
+    return n;
+}
+
+// The descriptor numbers of `fds`, which hold at most one frame's worth, into `out`.
+void rawFds(const std::vector<unique_fd>& fds, int (&out)[wire::kMaxFdsPerFrame]) {
+    for (size_t i = 0; i < fds.size(); ++i) out[i] = fds[i].get();
+}
+
 }  // namespace
 
 BinderConnection::BinderConnection(unique_fd fd, const sp<IBinder>& root)
@@ -719,7 +747,7 @@ void BinderConnection::sendHandedOver() {
         }
         for (PendingOutput& frame : frames) {
             int fds[wire::kMaxFdsPerFrame];
-            for (size_t i = 0; i < frame.fds.size(); ++i) fds[i] = frame.fds[i].get();
+            rawFds(frame.fds, fds);
             const iovec iov{frame.bytes.data(), frame.bytes.size()};
             // A broken connection is marked dead inside; the rest are then refused there too.
             sendFrame(&iov, 1, fds, frame.fds.size());
@@ -764,23 +792,7 @@ status_t BinderConnection::sendFrame(const iovec* iov, int iovcnt, const int* fd
         if (mWriteClosed) return android::DEAD_OBJECT;
         size_t sent = 0;
         if (mPending.empty()) {
-            alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * wire::kMaxFdsPerFrame)];
-            msghdr msg{};
-            msg.msg_iov = const_cast<iovec*>(iov);
-            msg.msg_iovlen = static_cast<size_t>(iovcnt);
-            if (fdCount > 0) {
-                msg.msg_control = control;
-                msg.msg_controllen = CMSG_SPACE(sizeof(int) * fdCount);
-                cmsghdr* cmsg = CMSG_FIRSTHDR(&msg);
-                cmsg->cmsg_level = SOL_SOCKET;
-                cmsg->cmsg_type = SCM_RIGHTS;
-                cmsg->cmsg_len = CMSG_LEN(sizeof(int) * fdCount);
-                memcpy(CMSG_DATA(cmsg), fds, sizeof(int) * fdCount);
-            }
-            ssize_t n;
-            do {
-                n = sendmsg(mFd.get(), &msg, MSG_DONTWAIT | MSG_NOSIGNAL);
-            } while (n < 0 && errno == EINTR);
+            const ssize_t n = sendWithRights(mFd.get(), iov, iovcnt, fds, fdCount);
             if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK) {
                 broken = true;
             } else {
@@ -822,28 +834,10 @@ bool BinderConnection::flushPending() {
         if (mWriteClosed) return true;
         while (!mPending.empty()) {
             PendingOutput& out = mPending.front();
-            iovec iov{out.bytes.data() + out.offset, out.bytes.size() - out.offset};
-            alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * wire::kMaxFdsPerFrame)];
-            msghdr msg{};
-            msg.msg_iov = &iov;
-            msg.msg_iovlen = 1;
-            if (!out.fds.empty()) {
-                msg.msg_control = control;
-                msg.msg_controllen = CMSG_SPACE(sizeof(int) * out.fds.size());
-                cmsghdr* cmsg = CMSG_FIRSTHDR(&msg);
-                cmsg->cmsg_level = SOL_SOCKET;
-                cmsg->cmsg_type = SCM_RIGHTS;
-                cmsg->cmsg_len = CMSG_LEN(sizeof(int) * out.fds.size());
-                auto* dest = reinterpret_cast<unsigned char*>(CMSG_DATA(cmsg));
-                for (size_t i = 0; i < out.fds.size(); ++i) {
-                    const int fd = out.fds[i].get();
-                    memcpy(dest + i * sizeof(int), &fd, sizeof(int));
-                }
-            }
-            ssize_t n;
-            do {
-                n = sendmsg(mFd.get(), &msg, MSG_DONTWAIT | MSG_NOSIGNAL);
-            } while (n < 0 && errno == EINTR);
+            const iovec iov{out.bytes.data() + out.offset, out.bytes.size() - out.offset};
+            int fds[wire::kMaxFdsPerFrame];
+            rawFds(out.fds, fds);
+            const ssize_t n = sendWithRights(mFd.get(), &iov, 1, fds, out.fds.size());
             if (n < 0) {
                 if (errno != EAGAIN && errno != EWOULDBLOCK) broken = true;
                 break;
