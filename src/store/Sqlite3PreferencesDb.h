@@ -148,7 +148,8 @@ public:
                                              const std::optional<std::string>& ownerPackage,
                                              const std::string& key,
                                              const std::optional<std::string>& defaultValue);
-    // Type, owner and default (absent when NULL) of an existing key.
+    // Type, owner and default (absent when NULL) of an existing key; -8 for an unknown key, -1 on
+    // failure, both logged as a failure to read the type.
     int32_t getPreferenceConfiguration(const std::string& key, Type& type,
                                        std::optional<unsigned int>& ownerUid,
                                        std::optional<std::string>& ownerPackage,
@@ -165,6 +166,9 @@ public:
     // nothing for "nimbus.preferences.service" packages.
     int32_t markPreferencesReferencedOnlyByPackageForExpiration(unsigned int uid,
                                                                 const std::string& packageName);
+    // 1 when some key on which the package holds a permission has no expiry or one still to
+    // come, 0 when there is none, -1 on failure (logged).
+    int32_t hasUnexpiredKey(unsigned int uid, const std::string& packageName);
     int32_t clearExpiration(const std::string& key);
     // Appends (key, scope) of every key whose expiry time has passed.
     int32_t getExpiredPreferences(std::vector<std::pair<std::string, PreferenceScope>>& expired);
@@ -294,6 +298,8 @@ private:
         kDowngradeCrossScope,
         kUserVersion,
         kHasMigrationColumn,
+        kGetConfiguration,
+        kFindUnexpiredKeyOfPackage,
         kSystemStatementCount,
     };
 
@@ -330,6 +336,9 @@ private:
     int32_t configureSystemCache();
     int32_t configureForeignKeys();
     int32_t createSystemTables();
+    // Indexes that only speed statements up: a failure is logged at warning priority and the
+    // database is used without them.
+    void createSystemIndexes();
     int32_t createReapOrphanedPreferencesTrigger();
     int32_t dropReapOrphanedPreferencesTrigger();
     int32_t initializePreparedStatementsForSystemDb();

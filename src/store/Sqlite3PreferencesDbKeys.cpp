@@ -255,28 +255,15 @@ int32_t Sqlite3PreferencesDb::insertPreferenceInPreferencesMap(
     return -1;
 }
 
+// One statement reads the three facts. The key was found a moment earlier under the same lock, so
+// a missing row or a failed step is reported as the type read that comes first would be.
 int32_t Sqlite3PreferencesDb::getPreferenceConfiguration(const std::string& key, Type& type,
                                                          std::optional<unsigned int>& ownerUid,
                                                          std::optional<std::string>& ownerPackage,
                                                          std::optional<std::string>& defaultValue) {
     static constexpr const char* kOperation = "getPreferenceConfiguration";
-    int32_t result = getPreferenceType(key, type);
-    if (result != 0) {
-        ALOGE("%s, Unable to update existing %s; failed to get current type.", kOperation,
-              key.c_str());
-        Telemetry::report("getPreferenceConfiguration_error_retrieve_type");
-        return result;
-    }
-    result = getPreferenceOwner(key, ownerUid, ownerPackage);
-    if (result != 0) {
-        ALOGE("%s, Unable to update existing %s; failed to get current owner %s.", kOperation,
-              key.c_str(), std::to_string(result).c_str());
-        Telemetry::report("getPreferenceConfiguration_error_retrieve_owner");
-        return result;
-    }
-    // The default is read here rather than with getDefaultValue(): a key may have no default,
-    // which is a valid configuration and not an error.
-    sqlite3_stmt* statement = systemStatement(kGetDefault);
+    sqlite3_stmt* statement = systemStatement(kGetConfiguration);
+    int32_t result = 0;
     if (!prepareToRun(statement, PreferenceScope::System)) {
         result = -1;
     } else {
@@ -285,22 +272,32 @@ int32_t Sqlite3PreferencesDb::getPreferenceConfiguration(const std::string& key,
             logFailureToBuildQuery(PreferenceScope::System);
             result = -1;
         } else {
-            const int stepped = step(statement);
-            if (stepped == SQLITE_ROW) {
-                defaultValue = columnText(statement, 0);
-            } else if (stepped == SQLITE_DONE) {
-                result = -8;
-            } else {
-                logFailureToExecutePreparedStatement(statement, PreferenceScope::System);
-                result = -1;
+            switch (step(statement)) {
+                case SQLITE_ROW:
+                    type = static_cast<Type>(sqlite3_column_int(statement, 0));
+                    if (sqlite3_column_type(statement, 1) == SQLITE_NULL) {
+                        ownerUid.reset();
+                        ownerPackage.reset();
+                    } else {
+                        ownerUid = columnUnsigned(statement, 1);
+                        ownerPackage = columnText(statement, 2);
+                    }
+                    defaultValue = columnText(statement, 3);
+                    return 0;
+                case SQLITE_DONE:
+                    ALOGE("Unable to get scope: %s does not exist in table.", key.c_str());
+                    Telemetry::report("getpreferencetype_error_unregistered_key");
+                    result = -8;
+                    break;
+                default:
+                    logFailureToExecutePreparedStatement(statement, PreferenceScope::System);
+                    result = -1;
+                    break;
             }
         }
     }
-    if (result != 0) {
-        ALOGE("%s, Unable to update existing %s; failed to get current default value.", kOperation,
-              key.c_str());
-        Telemetry::report("getPreferenceConfiguration_error_retrieve_default_value");
-    }
+    ALOGE("%s, Unable to update existing %s; failed to get current type.", kOperation, key.c_str());
+    Telemetry::report("getPreferenceConfiguration_error_retrieve_type");
     return result;
 }
 
@@ -795,6 +792,12 @@ int32_t Sqlite3PreferencesDb::markOrphanedPreferencesForExpiration(std::chrono::
 int32_t Sqlite3PreferencesDb::markPreferencesReferencedOnlyByPackageForExpiration(
         unsigned int uid, const std::string& packageName) {
     if (startsWith(packageName, kLegacyPrefix)) return 0;
+    // The stamp reaches only keys on which the package holds a permission. When all of them have
+    // expired already -- as every key of a restart list has, marked a moment before -- it would
+    // only move the time of expiries that have passed: the sweep takes those keys either way and
+    // registering one again clears its stamp either way. It is then skipped, as it costs a
+    // materialisation of every other package's keys where the lookup reads this package's rows.
+    if (hasUnexpiredKey(uid, packageName) == 0) return 0;
     sqlite3_stmt* statement = systemStatement(kExpireReferencedOnlyByPackage);
     if (!prepareToRun(statement, PreferenceScope::System)) return -1;
     ScopedStatementReset reset(statement);
@@ -804,6 +807,25 @@ int32_t Sqlite3PreferencesDb::markPreferencesReferencedOnlyByPackageForExpiratio
         return -1;
     }
     return runWrite(statement, PreferenceScope::System);
+}
+
+int32_t Sqlite3PreferencesDb::hasUnexpiredKey(unsigned int uid, const std::string& packageName) {
+    sqlite3_stmt* statement = systemStatement(kFindUnexpiredKeyOfPackage);
+    if (!prepareToRun(statement, PreferenceScope::System)) return -1;
+    ScopedStatementReset reset(statement);
+    if (!bindUnsigned(statement, 1, uid) || !bindText(statement, 2, packageName)) {
+        logFailureToBuildQuery(PreferenceScope::System);
+        return -1;
+    }
+    switch (step(statement)) {
+        case SQLITE_ROW:
+            return 1;
+        case SQLITE_DONE:
+            return 0;
+        default:
+            logFailureToExecutePreparedStatement(statement, PreferenceScope::System);
+            return -1;
+    }
 }
 
 int32_t Sqlite3PreferencesDb::clearExpiration(const std::string& key) {

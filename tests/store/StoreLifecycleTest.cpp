@@ -89,7 +89,30 @@ const std::vector<std::string> kExpectedSystemStatements = {
         "'nimbus.preferences.service%' OR owner_package_name IS NULL)",
         "SELECT * FROM pragma_user_version LIMIT 1",
         "SELECT name FROM pragma_table_info('preferences') WHERE name = 'migration'",
+        // The store's own lookups.
+        "SELECT type, owner_package_uid, owner_package_name, default_value FROM preferences WHERE "
+        "key = ?",
+        "SELECT 1 FROM permissions JOIN preferences ON preferences.key = permissions.key WHERE "
+        "permissions.package_uid = ? AND permissions.package_name = ? AND NOT "
+        "coalesce(strftime('%s', 'now') - strftime('%s', preferences.expires_at) >= 0, 0) LIMIT 1",
 };
+
+// The plan of statements that select permission rows by package must use the package index, or
+// each of them scans the table.
+std::string planOfPackageDelete(sqlite3* db) {
+    std::string plan;
+    sqlite3_stmt* statement = nullptr;
+    sqlite3_prepare_v2(db,
+                       "EXPLAIN QUERY PLAN DELETE FROM permissions WHERE package_uid = ? AND "
+                       "package_name = ? AND package_name NOT LIKE 'nimbus.preferences.service%'",
+                       -1, &statement, nullptr);
+    while (sqlite3_step(statement) == SQLITE_ROW) {
+        plan += reinterpret_cast<const char*>(sqlite3_column_text(statement, 3));
+        plan += "\n";
+    }
+    sqlite3_finalize(statement);
+    return plan;
+}
 
 const std::vector<std::string> kExpectedUserStatements = {
         "INSERT INTO preference_values (key) VALUES (?)",
@@ -245,6 +268,9 @@ TEST_F(StoreLifecycleTest, ExistingDbKeepsItsVersionAndGetsOnlyMissingTables) {
                      "type IN ('table', 'trigger') ORDER BY name)"));
     EXPECT_EQ("volume|0|0|1010123|com.example.app|5|NULL",
               scalar("SELECT * FROM preferences WHERE key = 'volume'"));
+    // A database from before the package index gets it.
+    EXPECT_NE(std::string::npos, planOfPackageDelete(systemDb()).find("permissions_by_package"))
+            << planOfPackageDelete(systemDb());
 }
 
 TEST_F(StoreLifecycleTest, UpgradesAVersion0DatabaseToVersion2KeepingItsRows) {
@@ -407,6 +433,10 @@ TEST_F(StoreLifecycleTest, ResetLeavesEmptyFreshTablesAndClosedUserDatabases) {
         EXPECT_EQ("0", scalar(std::string("SELECT count(*) FROM ") + table)) << table;
     }
     EXPECT_EQ("1", scalar("SELECT count(*) FROM sqlite_master WHERE type = 'trigger'"));
+    // Dropping the permissions table took its index along; the fresh table has it again.
+    EXPECT_EQ("permissions_by_package|permissions",
+              scalar("SELECT name, tbl_name FROM sqlite_master WHERE type = 'index' AND sql IS "
+                     "NOT NULL"));
     EXPECT_EQ(sorted(kExpectedSystemStatements), preparedStatements(systemDb()));
     EXPECT_EQ(nullptr, mStore->getDbForScope(Scope::User, 0u));
     EXPECT_EQ(nullptr, mStore->getDbForScope(Scope::User, 10u));

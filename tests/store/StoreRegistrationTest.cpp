@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <string>
 #include <vector>
@@ -232,6 +233,63 @@ TEST_F(StoreRegistrationTest, ReRegistrationMarksAndTheSweepRemovesUndeclaredKey
     // The trigger is back: a key losing its last permission is reaped at once again.
     EXPECT_EQ(0, mStore->unregisterPackage(kOtherUid, kOther));
     EXPECT_EQ((std::vector<std::string>{"kept"}), keys());
+}
+
+// Re-registering a package expires now each key on which no package of another uid and another
+// name holds a permission. What a key carried before -- no expiry, one still to come, one passed
+// or one that cannot be read -- must not change which keys the sweep then finds expired.
+TEST_F(StoreRegistrationTest, ReRegistrationExpiresTheSameKeysWhateverTheyCarried) {
+    constexpr const char* kSibling = "com.example.app.sibling";  // kApp's uid, another name
+    ASSERT_EQ(0, declare(kAppUid, kApp, "alone", Scope::System, Type::Integer, true, "1"));
+    ASSERT_EQ(0, declare(kAppUid, kApp, "withSibling", Scope::System, Type::Integer, true, "1"));
+    ASSERT_EQ(0,
+              declare(kAppUid, kSibling, "withSibling", Scope::System, Type::Integer, false, "1"));
+    ASSERT_EQ(0, declare(kAppUid, kApp, "withOther", Scope::System, Type::Integer, true, "1"));
+    ASSERT_EQ(0, declare(kOtherUid, kOther, "withOther", Scope::System, Type::Integer, false, "1"));
+    const auto expiredKeys = [&] {
+        std::vector<std::pair<std::string, Scope>> expired;
+        EXPECT_EQ(0, mStore->getExpiredPreferences(expired));
+        std::vector<std::string> names;
+        for (const auto& entry : expired) names.push_back(entry.first);
+        std::sort(names.begin(), names.end());
+        return names;
+    };
+    const std::vector<std::string> stamped = {"alone", "withSibling"};
+    const std::vector<std::string> all = {"alone", "withOther", "withSibling"};
+
+    // No expiry: a sibling of the same uid does not keep a key alive, another package does.
+    EXPECT_EQ(0, mStore->registerPackage(kAppUid, kApp));
+    EXPECT_EQ(stamped, expiredKeys());
+
+    // An expiry an hour away is brought forward.
+    exec("UPDATE preferences SET expires_at = datetime('now', '+3600 seconds')");
+    ASSERT_TRUE(expiredKeys().empty());
+    EXPECT_EQ(0, mStore->registerPackage(kAppUid, kApp));
+    EXPECT_EQ(stamped, expiredKeys());
+
+    // Some keys expired long ago, one shared key never: the shared one stays unexpired.
+    exec("UPDATE preferences SET expires_at = '2001-02-03 04:05:06'");
+    exec("UPDATE preferences SET expires_at = NULL WHERE key = 'withOther'");
+    EXPECT_EQ(0, mStore->registerPackage(kAppUid, kApp));
+    EXPECT_EQ(stamped, expiredKeys());
+
+    // Every key expired already, as a restart list leaves them before re-registering: they stay
+    // expired, and keep their stamps -- restamping each would cost a scan of all permissions.
+    exec("UPDATE preferences SET expires_at = '2001-02-03 04:05:06'");
+    EXPECT_EQ(0, mStore->registerPackage(kAppUid, kApp));
+    EXPECT_EQ(all, expiredKeys());
+    EXPECT_EQ("3", scalar("SELECT count(*) FROM preferences WHERE expires_at = '2001-02-03 "
+                          "04:05:06'"));
+
+    // An expiry that cannot be read is no expiry: the key is stamped.
+    exec("UPDATE preferences SET expires_at = 'soon' WHERE key = 'alone'");
+    ASSERT_EQ((std::vector<std::string>{"withOther", "withSibling"}), expiredKeys());
+    EXPECT_EQ(0, mStore->registerPackage(kAppUid, kApp));
+    EXPECT_EQ(all, expiredKeys());
+
+    // What the sweep then removes follows.
+    EXPECT_EQ(0, mStore->unregisterExpiredPreferences());
+    EXPECT_TRUE(keys().empty());
 }
 
 // The trigger reaps a key without touching user databases; a new key of the same name, here of
