@@ -163,7 +163,8 @@ public:
                                        const std::string& packageName,
                                        PreferencePermission permission);
     // Marks, as expiring now, the keys on which only this package holds a permission. Does
-    // nothing for "nimbus.preferences.service" packages.
+    // nothing for "nimbus.preferences.service" packages, nor when every key the package holds a
+    // permission on has expired already (those keep their earlier, passed, expiry time).
     int32_t markPreferencesReferencedOnlyByPackageForExpiration(unsigned int uid,
                                                                 const std::string& packageName);
     // 1 when some key on which the package holds a permission has no expiry or one still to
