@@ -48,6 +48,19 @@ bool isOwnedBy(const std::optional<unsigned int>& ownerUid, unsigned int uid) {
     return ownerUid.has_value() && *ownerUid == uid;
 }
 
+// The owner columns (uid, then name) of a row, starting at `column`: a NULL uid means no owner,
+// and leaves both outputs empty.
+void readOwner(sqlite3_stmt* statement, int column, std::optional<unsigned int>& uid,
+               std::optional<std::string>& packageName) {
+    if (sqlite3_column_type(statement, column) == SQLITE_NULL) {
+        uid.reset();
+        packageName.reset();
+        return;
+    }
+    uid = columnUnsigned(statement, column);
+    packageName = columnText(statement, column + 1);
+}
+
 }  // namespace
 
 // ---- Packages ----
@@ -275,13 +288,7 @@ int32_t Sqlite3PreferencesDb::getPreferenceConfiguration(const std::string& key,
             switch (step(statement)) {
                 case SQLITE_ROW:
                     type = static_cast<Type>(sqlite3_column_int(statement, 0));
-                    if (sqlite3_column_type(statement, 1) == SQLITE_NULL) {
-                        ownerUid.reset();
-                        ownerPackage.reset();
-                    } else {
-                        ownerUid = columnUnsigned(statement, 1);
-                        ownerPackage = columnText(statement, 2);
-                    }
+                    readOwner(statement, 1, ownerUid, ownerPackage);
                     defaultValue = columnText(statement, 3);
                     return 0;
                 case SQLITE_DONE:
@@ -575,13 +582,7 @@ int32_t Sqlite3PreferencesDb::getPreferenceOwner(const std::string& key,
     }
     switch (step(statement)) {
         case SQLITE_ROW:
-            if (sqlite3_column_type(statement, 0) == SQLITE_NULL) {
-                uid.reset();
-                packageName.reset();
-            } else {
-                uid = columnUnsigned(statement, 0);
-                packageName = columnText(statement, 1);
-            }
+            readOwner(statement, 0, uid, packageName);
             return 0;
         case SQLITE_DONE:
             ALOGE("Unable to get owner: %s does not exist.", key.c_str());
