@@ -57,8 +57,8 @@ constexpr const char* kQueryCreateReapOrphanedPreferencesTrigger =
         "NOT EXISTS (SELECT 1 FROM permissions WHERE key = OLD.key) BEGIN DELETE FROM preferences "
         "WHERE key = OLD.key; END";
 // Permission rows by package: deleting a package cascades to its rows, clearing a package's
-// permissions deletes them, and re-registering a package looks for the keys only it holds. Without
-// it each of these scans the whole table.
+// permissions deletes them, and re-registering a package looks for its unexpired keys. Without it
+// each of these scans the whole table.
 constexpr const char* kQueryCreatePermissionsByPackageIndex =
         "CREATE INDEX IF NOT EXISTS permissions_by_package ON permissions(package_name, "
         "package_uid)";
@@ -223,8 +223,8 @@ constexpr const char* kSystemStatements[] = {
         // test for the `migration` column
         "SELECT name FROM pragma_table_info('preferences') WHERE name = 'migration'",
 
-        // The store's own lookups, which let it skip work whose outcome they prove.
-        // configuration of a key: type, owner, default
+        // The store's own statements, not of the fixed set above.
+        // configuration of a key: type, owner, default (one read where three would do)
         "SELECT type, owner_package_uid, owner_package_name, default_value FROM preferences WHERE "
         "key = ?",
         // one key on which the package holds a permission and that has not expired (the test of
