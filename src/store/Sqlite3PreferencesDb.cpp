@@ -6,6 +6,7 @@
 #include <dirent.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -277,6 +278,17 @@ std::string Sqlite3PreferencesDb::getSystemDbPath() const {
 
 bool Sqlite3PreferencesDb::getUserIdsForExistingDbs(std::vector<unsigned int>& userIds) {
     return getUserIdsInDirectory(kDatabaseDirectory, userIds);
+}
+
+bool Sqlite3PreferencesDb::getUserIdsOfDbsForKey(std::vector<unsigned int>& userIds) {
+    if (!mInBatch) return getUserIdsForExistingDbs(userIds);
+    if (!mBatchUserIds.has_value()) {
+        std::vector<unsigned int> listed;
+        if (!getUserIdsForExistingDbs(listed)) return false;
+        mBatchUserIds = std::move(listed);
+    }
+    userIds.insert(userIds.end(), mBatchUserIds->begin(), mBatchUserIds->end());
+    return true;
 }
 
 bool Sqlite3PreferencesDb::getUserIdsInDirectory(const std::string& directory,
@@ -809,6 +821,8 @@ int32_t Sqlite3PreferencesDb::beginBatch() {
             executeRawQuery(kQueryBegin, getDbForScope(PreferenceScope::System, std::nullopt),
                             PreferenceScope::System);
     if (result != 0) ALOGE("Failed to begin batch mode transaction for system DB");
+    mInBatch = result == 0;
+    mBatchUserIds.reset();
     return result;
 }
 
@@ -817,6 +831,8 @@ int32_t Sqlite3PreferencesDb::commitBatch() {
             executeRawQuery(kQueryCommit, getDbForScope(PreferenceScope::System, std::nullopt),
                             PreferenceScope::System);
     if (result != 0) ALOGE("Failed to commit batch operations for system DB");
+    mInBatch = false;
+    mBatchUserIds.reset();
     return result;
 }
 
@@ -841,6 +857,11 @@ int32_t Sqlite3PreferencesDb::initializeUserDb(unsigned int userId) {
         sqlite3_close(record.db);
         record.db = nullptr;
         return -2;
+    }
+    // Opening creates the file when it was missing.
+    if (mBatchUserIds.has_value() &&
+        std::find(mBatchUserIds->begin(), mBatchUserIds->end(), userId) == mBatchUserIds->end()) {
+        mBatchUserIds->push_back(userId);
     }
     sqlite3_commit_hook(record.db, &Sqlite3PreferencesDb::countCommit, &record);
     if (configureUserCache(userId) != 0) {
@@ -940,6 +961,8 @@ int32_t Sqlite3PreferencesDb::deleteUserData(unsigned int userId) {
             return result;
         }
     }
+    // Whatever is left of the files, the directory is read again when next needed.
+    mBatchUserIds.reset();
     const std::string path = getUserDbPath(userId);
     if (!removeFile(path, true)) return -15;
     // A journal or WAL file left behind would be applied to a later database of the same name.

@@ -428,6 +428,11 @@ private:
             const std::optional<std::string>& ownerPackage);
     // Deletes value rows of a key that has just been created from every user database.
     void purgeUserValuesOfNewKey(const std::string& key);
+    // The user ids of the databases in the directory, for operations that visit every user
+    // database for one key. Outside a batch the directory is read on every call; within one it
+    // is read once and then kept in step with the databases this store opens and deletes, since
+    // a schema list would otherwise read it for every key. False when it cannot be read.
+    bool getUserIdsOfDbsForKey(std::vector<unsigned int>& userIds);
     // Writes NULL as the default of an existing key.
     int32_t clearPreferenceDefault(const std::string& key);
 
@@ -451,6 +456,11 @@ private:
 
     std::unique_ptr<SystemDb> mSystemDb;
     std::map<unsigned int, std::unique_ptr<UserDb>> mUserDbs;
+    // Between a successful beginBatch() and the next commitBatch().
+    bool mInBatch = false;
+    // Within a batch, the user databases in the directory once it has been read; see
+    // getUserIdsOfDbsForKey.
+    std::optional<std::vector<unsigned int>> mBatchUserIds;
     bool mQueryLogging = false;
     // Key metadata of the system database; see PreferencesKeyMetadataCache.
     PreferencesKeyMetadataCache mMetadata;

@@ -220,7 +220,7 @@ int32_t Sqlite3PreferencesDb::registerPreference(unsigned int requesterUid,
 // Failures are logged only: the key itself is registered.
 void Sqlite3PreferencesDb::purgeUserValuesOfNewKey(const std::string& key) {
     std::vector<unsigned int> userIds;
-    if (!getUserIdsForExistingDbs(userIds)) return;
+    if (!getUserIdsOfDbsForKey(userIds)) return;
     for (unsigned int userId : userIds) {
         if (initializeUserDb(userId) != 0) {
             ALOGW("Unable to remove stale values of new key %s for user %d", key.c_str(), userId);

@@ -325,7 +325,7 @@ int32_t Sqlite3PreferencesDb::clearCurrentPreferenceValue(const std::optional<un
 
 int32_t Sqlite3PreferencesDb::clearCurrentPreferenceValueFromUserDbs(const std::string& key) {
     std::vector<unsigned int> userIds;
-    if (!getUserIdsForExistingDbs(userIds)) return -1;
+    if (!getUserIdsOfDbsForKey(userIds)) return -1;
     int32_t result = 0;
     for (unsigned int userId : userIds) {
         const int32_t cleared = clearCurrentPreferenceValue(userId, key, PreferenceScope::User);
@@ -379,7 +379,7 @@ int32_t Sqlite3PreferencesDb::deletePreferenceValueRow(const std::optional<unsig
 
 int32_t Sqlite3PreferencesDb::deletePreferenceValueRowFromUserDbs(const std::string& key) {
     std::vector<unsigned int> userIds;
-    if (!getUserIdsForExistingDbs(userIds)) return -1;
+    if (!getUserIdsOfDbsForKey(userIds)) return -1;
     int32_t failure = 0;
     bool deleted = false;
     for (unsigned int userId : userIds) {

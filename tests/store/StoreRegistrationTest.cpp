@@ -305,6 +305,20 @@ TEST_F(StoreRegistrationTest, ANewKeyDoesNotInheritValuesOfAReapedKeyOfTheSameNa
     EXPECT_EQ("fresh", read(0u, "token"));
     EXPECT_EQ("fresh", read(10u, "token"));
     EXPECT_EQ("0", scalar("SELECT count(*) FROM preference_values", userDb(10)));
+
+    // Within a batch the directory is read once: a database deleted afterwards must not be
+    // brought back, and one created afterwards must still be reached.
+    ASSERT_EQ(0, mStore->beginBatch());
+    ASSERT_EQ(0, declare(kAppUid, kApp, "pin", Scope::Cross, Type::String, true, "none"));
+    ASSERT_EQ(0, mStore->deleteUserData(10));
+    ASSERT_EQ(0, declare(kAppUid, kApp, "hint", Scope::User, Type::String, true, "none"));
+    EXPECT_FALSE(fileExists("user10.db"));
+    ASSERT_EQ(0, mStore->setPreferenceValue(20u, "pin", "1234"));
+    ASSERT_EQ(0, mStore->unregisterPackage(kAppUid, kApp));
+    ASSERT_EQ(0, declare(kOtherUid, kOther, "pin", Scope::Cross, Type::String, true, "0000"));
+    ASSERT_EQ(0, mStore->commitBatch());
+    EXPECT_EQ("0000", read(20u, "pin"));
+    EXPECT_FALSE(fileExists("user10.db"));
 }
 
 TEST_F(StoreRegistrationTest, ServicePackagesKeepTheirPermissionsAndMarks) {
