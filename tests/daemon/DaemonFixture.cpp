@@ -4,48 +4,33 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
-#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <sstream>
-#include <thread>
+
+#include "support/JsonText.h"
 
 namespace Halo::OS::testing {
 namespace {
 
-constexpr auto kTimeout = std::chrono::minutes(2);
-
 std::string testSchema() {
-    std::vector<std::array<std::string, 3>> keys = {
+    std::vector<KeyJson> keys = {
             {"test_integer", "integer", "1"},     {"test_long", "long", "2"},
             {"test_float", "float", "3.5"},       {"test_double", "double", "4.25"},
             {"test_boolean", "boolean", "false"}, {"test_string", "string", "five"},
             {"autosleep_time", "integer", "7"},   {"seeded_a", "integer", "1"},
             {"seeded_b", "integer", "1"}};
-    for (int i = 0; i < kStreamKeys; ++i) {
-        keys.push_back({"stream_" + std::to_string(i), "integer", "0"});
+    for (int i = 0; i < kStreamKeys; ++i) keys.push_back({"stream_" + std::to_string(i)});
+    for (KeyJson& key : keys) {
+        key.scope = "system";
+        key.owner = true;
     }
-    std::string contents;
-    for (const auto& [key, type, def] : keys) {
-        contents += std::string(contents.empty() ? "" : ",\n") + R"({"key": ")" + key +
-                    R"(", "type": ")" + type + R"(", "default": ")" + def +
-                    R"(", "scope": "system", "hasWritePermission": true, "isOwner": true})";
-    }
-    return R"({"packageName": "daemon.test", "version": "1", "contents": [)" + contents + "]}";
+    return schemaJson(-1, "daemon.test", keys, R"("version": "1", )");
 }
 
 }  // namespace
-
-std::vector<std::string> asUid(uid_t uid, std::vector<std::string> argv) {
-    if (uid == 0) return argv;
-    std::vector<std::string> wrapped = {"/usr/bin/setpriv", "--reuid=" + std::to_string(uid),
-                                        "--regid=" + std::to_string(uid), "--clear-groups"};
-    wrapped.insert(wrapped.end(), argv.begin(), argv.end());
-    return wrapped;
-}
 
 std::unique_ptr<ChildProcess> startLogged(const std::string& logPath,
                                           const std::vector<std::string>& argv, uid_t uid,
@@ -57,37 +42,16 @@ std::unique_ptr<ChildProcess> startLogged(const std::string& logPath,
     return std::make_unique<ChildProcess>(shell);
 }
 
-std::vector<std::string> runToEnd(const std::vector<std::string>& argv) {
-    ChildProcess process(argv);
-    std::vector<std::string> lines;
-    while (auto line = process.readLine(kTimeout)) lines.push_back(*line);
-    const int status = process.wait();
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << argv[0] << " status " << status;
-    return lines;
-}
-
 bool waitForSocket(const std::string& path, ChildProcess& process) {
-    const auto deadline = std::chrono::steady_clock::now() + kTimeout;
-    while (std::chrono::steady_clock::now() < deadline) {
-        struct stat st {};
-        if (stat(path.c_str(), &st) == 0 && S_ISSOCK(st.st_mode)) return true;
+    struct stat st {};
+    const auto isSocket = [&] { return stat(path.c_str(), &st) == 0 && S_ISSOCK(st.st_mode); };
+    eventually([&] {
         siginfo_t info{};
-        if (waitid(P_PID, process.pid(), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
-            info.si_pid != 0) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return false;
-}
-
-bool eventually(const std::function<bool()>& condition) {
-    const auto deadline = std::chrono::steady_clock::now() + kTimeout;
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (condition()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    return condition();
+        return isSocket() ||
+               (waitid(P_PID, process.pid(), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+                info.si_pid != 0);
+    });
+    return isSocket();
 }
 
 void DaemonTest::SetUp() {

@@ -4,7 +4,6 @@
 #include <signal.h>
 #include <sys/types.h>
 
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -19,21 +18,15 @@ constexpr uid_t kAppUid = 10123;
 // Integer keys stream_0 ... stream_<kStreamKeys - 1> of the test schema, default 0.
 constexpr int kStreamKeys = 400;
 
-// The arguments that run `argv` as `uid` through setpriv; `argv` itself for uid 0.
-std::vector<std::string> asUid(uid_t uid, std::vector<std::string> argv);
 // Starts `argv` as `uid` after the shell commands `prefix`, its standard output and error
 // appended to `logPath`.
 std::unique_ptr<ChildProcess> startLogged(const std::string& logPath,
                                           const std::vector<std::string>& argv, uid_t uid = 0,
                                           const std::string& prefix = "");
-// Runs `argv` to its end; its output lines. Expects exit status 0.
-std::vector<std::string> runToEnd(const std::vector<std::string>& argv);
 // True once `path` is a socket; false when `process` ended before, or after two minutes.
 bool waitForSocket(const std::string& path, ChildProcess& process);
 // The whole text of the file at `path` (empty when it cannot be read).
 std::string readFile(const std::string& path);
-// Polls `condition` every 50 ms until it holds; false after two minutes.
-bool eventually(const std::function<bool()>& condition);
 
 // A daemon on directories of its own: service directory, data directory (not created
 // beforehand), legacy directory, and a device configuration made of the example device's files

@@ -4,9 +4,9 @@
 #include <thread>
 #include <vector>
 
-#include "model/JsonText.h"
 #include "model/PreferencesKeyInfo.h"
 #include "model/PreferencesKeyInfoBuilder.h"
+#include "support/JsonText.h"
 
 namespace Halo::OS {
 namespace {

@@ -3,7 +3,7 @@
 #include <android-base/properties.h>
 #include <gtest/gtest.h>
 
-#include "model/JsonText.h"
+#include "support/JsonText.h"
 #include "support/LogCapture.h"
 
 namespace Halo::OS {

@@ -3,9 +3,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include "model/JsonText.h"
-#include "model/PreferencesKeyInfoBuilder.h"
 #include "model/PreferencesSchemaListBuilder.h"
+#include "support/JsonText.h"
 
 namespace Halo::OS {
 namespace {
@@ -56,7 +55,7 @@ TEST(PreferencesSchemaListBuilderTest, FlagsAndDocumentOrderAreKept) {
     EXPECT_EQ(0u, (*list)[1]->size());
 }
 
-TEST(PreferencesSchemaListBuilderTest, RejectedSchemasAreDroppedAndSiblingsKept) {
+TEST(PreferencesSchemaListBuilderTest, RejectedSchemasAndEntriesAreDroppedAndSiblingsKept) {
     auto list = buildList(R"({"add": false, "schemas": [
         {"uid": 10001, "version": "1"},
         {"uid": 10002, "packageName": ""},
@@ -65,9 +64,15 @@ TEST(PreferencesSchemaListBuilderTest, RejectedSchemasAreDroppedAndSiblingsKept)
         {"uid": 10003, "packageName": ["array"]},
         "not an object",
         {"uid": 10004, "packageName": "kept", "version": 1, "date": "18/11/2021"},
-        {"uid": 10005, "packageName": "also.kept", "contents": "not an array"}
+        {"uid": 10005, "packageName": "also.kept", "contents": "not an array"},
+        {"uid": 10077, "packageName": "entries", "contents": [
+            {"key": "no_type", "default": "1"},
+            {"key": "good", "type": "long", "default": "5"},
+            {"default": "1", "type": "integer"},
+            7]},
+        {"uid": 1, "packageName": "none.left", "contents": [{"key": "no_type", "default": "1"}]}
     ]})");
-    ASSERT_EQ(2u, list->size());
+    ASSERT_EQ(4u, list->size());
     const PreferencesSchema& kept = *(*list)[0];
     EXPECT_EQ("kept", kept.package());
     EXPECT_EQ(10004u, kept.uid());
@@ -76,6 +81,12 @@ TEST(PreferencesSchemaListBuilderTest, RejectedSchemasAreDroppedAndSiblingsKept)
     EXPECT_EQ(0u, kept.size());  // no "contents": a removal-style schema
     EXPECT_EQ("also.kept", (*list)[1]->package());
     EXPECT_EQ(0u, (*list)[1]->size());
+    // Rejected entries are dropped and the schema kept, also when none is left.
+    const PreferencesSchema& entries = *(*list)[2];
+    ASSERT_EQ(1u, entries.size());
+    EXPECT_EQ("good", entries[0]->getKey());
+    EXPECT_EQ("none.left", (*list)[3]->package());
+    EXPECT_EQ(0u, (*list)[3]->size());
     EXPECT_FALSE(list->isInstalled());
 }
 
@@ -89,58 +100,6 @@ TEST(PreferencesSchemaBuilderTest, MissingUidIsTheCallingUid) {
     ASSERT_EQ(1u, schema->size());
     EXPECT_EQ(getuid(), (*schema)[0]->getPackageUid());
     EXPECT_EQ("no.uid", (*schema)[0]->getPackageName());
-}
-
-TEST(PreferencesSchemaBuilderTest, RejectedEntriesAreDroppedAndTheSchemaKept) {
-    PreferencesSchemaBuilder builder;
-    ASSERT_TRUE(builder.process(parseJson(R"({"uid": 10077, "packageName": "p", "contents": [
-        {"key": "no_type", "default": "1"},
-        {"key": "good", "type": "long", "default": "5"},
-        {"default": "1", "type": "integer"},
-        7
-    ]})")));
-    auto schema = builder.build();
-    ASSERT_EQ(1u, schema->size());
-    EXPECT_EQ("good", (*schema)[0]->getKey());
-
-    PreferencesSchemaBuilder allRejected;
-    ASSERT_TRUE(allRejected.process(parseJson(R"({"uid": 1, "packageName": "q", "contents": [
-        {"key": "no_type", "default": "1"}]})")));
-    EXPECT_EQ(0u, allRejected.build()->size());
-}
-
-// As the native-service intake builds its list: parsed schemas renamed, more keys appended.
-TEST(PreferencesSchemaListBuilderTest, ListFromBuiltSchemasKeepsSchemaAndKeyOrder) {
-    PreferencesSchemaBuilder audio;
-    ASSERT_TRUE(audio.process(parseJson(R"({"uid": 1000, "packageName": "audio", "contents": [
-        {"key": "b", "type": "string", "default": ""}]})")));
-    audio.package("nimbus.preferences.native." + audio.getPackage());
-    std::vector<std::unique_ptr<PreferencesKeyInfo>> infos;
-    for (const char* key : {"a", "c"}) {
-        PreferencesKeyInfoBuilder keyBuilder;
-        keyBuilder.setKey(key);
-        infos.push_back(keyBuilder.build());
-    }
-    PreferencesKeyInfoBuilder last;
-    last.setKey("d");
-    audio.keyInfos(std::move(infos)).keyInfo(last.build());
-    std::vector<std::unique_ptr<PreferencesSchema>> schemas;
-    schemas.push_back(audio.build());
-    PreferencesSchemaBuilder second;
-    second.package("two");
-    schemas.push_back(second);
-
-    PreferencesSchemaListBuilder builder;
-    EXPECT_TRUE(builder.process(true, false, std::move(schemas)));
-    std::unique_ptr<PreferencesSchemaList> list = builder;
-    ASSERT_EQ(2u, list->size());
-    EXPECT_TRUE(list->isInstalled());
-    EXPECT_FALSE(list->isRestarted());
-    const PreferencesSchema& first = *(*list)[0];
-    EXPECT_EQ("nimbus.preferences.native.audio", first.package());
-    ASSERT_EQ(4u, first.size());
-    for (size_t i = 0; i < 4; ++i) EXPECT_EQ(std::string(1, "bacd"[i]), first[i]->getKey());
-    EXPECT_EQ("two", (*list)[1]->package());
 }
 
 }  // namespace

@@ -7,6 +7,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <thread>
+
 namespace Halo::OS::testing {
 
 ChildProcess::ChildProcess(const std::vector<std::string>& argv) {
@@ -68,6 +70,32 @@ int ChildProcess::wait() {
         mReaped = true;
     }
     return status;
+}
+
+std::vector<std::string> asUid(uid_t uid, std::vector<std::string> argv) {
+    if (uid == 0) return argv;
+    std::vector<std::string> wrapped = {"/usr/bin/setpriv", "--reuid=" + std::to_string(uid),
+                                        "--regid=" + std::to_string(uid), "--clear-groups"};
+    wrapped.insert(wrapped.end(), argv.begin(), argv.end());
+    return wrapped;
+}
+
+std::vector<std::string> runToEnd(const std::vector<std::string>& argv) {
+    ChildProcess process(argv);
+    std::vector<std::string> lines;
+    while (auto line = process.readLine(std::chrono::minutes(2))) lines.push_back(*line);
+    const int status = process.wait();
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << argv[0] << " status " << status;
+    return lines;
+}
+
+bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (std::chrono::steady_clock::now() < deadline) {
+        if (condition()) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return condition();
 }
 
 }  // namespace Halo::OS::testing

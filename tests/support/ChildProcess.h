@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -33,5 +34,14 @@ private:
     std::string mBuffer;
     bool mReaped = false;
 };
+
+// The arguments that run `argv` as `uid` and its group, without supplementary groups, through
+// setpriv (the test must run as root); `argv` itself for uid 0.
+std::vector<std::string> asUid(uid_t uid, std::vector<std::string> argv);
+// Runs `argv` to its end; its output lines. Expects exit status 0.
+std::vector<std::string> runToEnd(const std::vector<std::string>& argv);
+// Polls `condition` every 10 ms until it holds; false when it still does not after `timeout`.
+bool eventually(const std::function<bool()>& condition,
+                std::chrono::milliseconds timeout = std::chrono::minutes(2));
 
 }  // namespace Halo::OS::testing
