@@ -10,11 +10,19 @@
 #include <string>
 #include <vector>
 
-#include "PeerProcess.h"
+#include "support/ChildProcess.h"
 #include "support/TempDir.h"
 #include "threads/Mutex.h"
 
 namespace Halo::OS::testing {
+
+// A Binder test peer (BinderTestPeer.cpp) of a test.
+class PeerProcess : public ChildProcess {
+public:
+    using ChildProcess::ChildProcess;
+    // The next line of output; empty at its end or when none arrives within 20 s.
+    std::string readLine() { return ChildProcess::readLine(std::chrono::seconds(20)).value_or(""); }
+};
 
 // Gives every test its own service directory (BINDER_DIR, searchable by other uids) and a
 // running thread pool, and owns the peer processes it starts (killed before the directory goes).
@@ -27,8 +35,11 @@ protected:
         android::ProcessState::self()->startThreadPool();
     }
 
-    PeerProcess& startPeer(const std::vector<std::string>& args, int uid = -1) {
-        mPeers.push_back(std::make_unique<PeerProcess>(args, uid));
+    // Starts the peer with `args` as `uid` (see asUid).
+    PeerProcess& startPeer(const std::vector<std::string>& args, uid_t uid = 0) {
+        std::vector<std::string> argv = {BINDER_TEST_PEER};
+        argv.insert(argv.end(), args.begin(), args.end());
+        mPeers.push_back(std::make_unique<PeerProcess>(asUid(uid, argv)));
         return *mPeers.back();
     }
 

@@ -2,7 +2,6 @@
 //
 //   serve NAME [DELAY_MS]          publish a TestService (after DELAY_MS) and serve it
 //   serve-plain NAME               publish a BBinder that knows no transaction
-//   serve-prefs NAME               publish a FakePreferencesService
 //   serve-permission NAME UID PERMISSION
 //                                  publish an IPermissionController that grants PERMISSION to
 //                                  UID only, and print "asked UID" for every question
@@ -26,7 +25,6 @@
 #include <string>
 #include <thread>
 
-#include "FakePreferencesService.h"
 #include "TestService.h"
 
 using android::sp;
@@ -91,9 +89,6 @@ int main(int argc, char** argv) {
         return serve(name, new Halo::OS::testing::TestService());
     }
     if (mode == "serve-plain") return serve(name, new android::BBinder());
-    if (mode == "serve-prefs") {
-        return serve(name, new Halo::OS::testing::FakePreferencesService());
-    }
     if (mode == "serve-permission" && argc == 5) {
         return serve(name, new PermissionController(atoi(argv[3]), String16(argv[4])));
     }

@@ -171,6 +171,22 @@ TEST(BinderParcelLayoutTest, ScalarsAndVectorsAreByteExact) {
     EXPECT_EQ(OK, parcel.readUtf8VectorFromUtf16Vector(&utf8s));
     EXPECT_EQ((std::vector<std::string>{"hi"}), utf8s);
     EXPECT_EQ(0u, parcel.dataAvail());
+
+    // Vectors that no interface here sends read back as written.
+    Parcel more;
+    more.writeFloatVector(std::vector<float>{1.5f, -0.0f});
+    more.writeDoubleVector(std::vector<double>{1e300, -2.0});
+    more.writeCharVector(std::vector<char16_t>{u'a', 0xd800});
+    more.setDataPosition(0);
+    std::vector<float> floats;
+    std::vector<double> doubles;
+    std::vector<char16_t> chars;
+    EXPECT_EQ(OK, more.readFloatVector(&floats));
+    EXPECT_EQ(OK, more.readDoubleVector(&doubles));
+    EXPECT_EQ(OK, more.readCharVector(&chars));
+    EXPECT_EQ((std::vector<float>{1.5f, -0.0f}), floats);
+    EXPECT_EQ((std::vector<double>{1e300, -2.0}), doubles);
+    EXPECT_EQ((std::vector<char16_t>{u'a', 0xd800}), chars);
 }
 
 TEST(BinderParcelLayoutTest, StatusIsWrittenAndReadAsLibbinderDoes) {

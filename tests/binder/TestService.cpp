@@ -46,67 +46,11 @@ android::status_t TestService::dump(int fd, const android::Vector<String16>& arg
 Status TestService::echoInt(int32_t value, int32_t* out) {
     return echo(value, out);
 }
-Status TestService::echoLong(int64_t value, int64_t* out) {
-    return echo(value, out);
-}
-Status TestService::echoFloat(float value, float* out) {
-    return echo(value, out);
-}
-Status TestService::echoDouble(double value, double* out) {
-    return echo(value, out);
-}
-Status TestService::echoBool(bool value, bool* out) {
-    return echo(value, out);
-}
-Status TestService::echoByte(int8_t value, int8_t* out) {
-    return echo(value, out);
-}
-Status TestService::echoChar(char16_t value, char16_t* out) {
-    return echo(value, out);
-}
 Status TestService::echoString(const String16& value, String16* out) {
-    return echo(value, out);
-}
-Status TestService::echoNullableString(const std::unique_ptr<String16>& value,
-                                       std::unique_ptr<String16>* out) {
-    out->reset(value ? new String16(*value) : nullptr);
-    return Status::ok();
-}
-Status TestService::echoUtf8(const std::string& value, std::string* out) {
     return echo(value, out);
 }
 Status TestService::echoBytes(const std::vector<uint8_t>& value, std::vector<uint8_t>* out) {
     return echo(value, out);
-}
-Status TestService::echoInts(const std::vector<int32_t>& value, std::vector<int32_t>* out) {
-    return echo(value, out);
-}
-Status TestService::echoLongs(const std::vector<int64_t>& value, std::vector<int64_t>* out) {
-    return echo(value, out);
-}
-Status TestService::echoFloats(const std::vector<float>& value, std::vector<float>* out) {
-    return echo(value, out);
-}
-Status TestService::echoDoubles(const std::vector<double>& value, std::vector<double>* out) {
-    return echo(value, out);
-}
-Status TestService::echoBools(const std::vector<bool>& value, std::vector<bool>* out) {
-    return echo(value, out);
-}
-Status TestService::echoChars(const std::vector<char16_t>& value, std::vector<char16_t>* out) {
-    return echo(value, out);
-}
-Status TestService::echoStrings(const std::vector<String16>& value, std::vector<String16>* out) {
-    return echo(value, out);
-}
-Status TestService::echoUtf8s(const std::vector<std::string>& value,
-                              std::vector<std::string>* out) {
-    return echo(value, out);
-}
-Status TestService::echoNullableInts(const std::unique_ptr<std::vector<int32_t>>& value,
-                                     std::unique_ptr<std::vector<int32_t>>* out) {
-    out->reset(value ? new std::vector<int32_t>(*value) : nullptr);
-    return Status::ok();
 }
 Status TestService::echoBinder(const sp<IBinder>& value, sp<IBinder>* out) {
     return echo(value, out);
@@ -128,17 +72,6 @@ Status TestService::echoPfd(const android::os::ParcelFileDescriptor& fd,
                             android::os::ParcelFileDescriptor* out) {
     out->reset(android::base::unique_fd(fcntl(fd.get(), F_DUPFD_CLOEXEC, 0)));
     if (out->get() < 0) return Status::fromExceptionCode(Status::EX_ILLEGAL_STATE);
-    return Status::ok();
-}
-
-Status TestService::fillInts(int32_t count, std::vector<int32_t>* values) {
-    values->clear();
-    for (int32_t i = 0; i < count; ++i) values->push_back(i * i);
-    return Status::ok();
-}
-
-Status TestService::reverseInts(std::vector<int32_t>* values) {
-    std::reverse(values->begin(), values->end());
     return Status::ok();
 }
 

@@ -20,37 +20,10 @@ public:
     android::status_t dump(int fd, const android::Vector<android::String16>& args) override;
 
     android::binder::Status echoInt(int32_t value, int32_t* out) override;
-    android::binder::Status echoLong(int64_t value, int64_t* out) override;
-    android::binder::Status echoFloat(float value, float* out) override;
-    android::binder::Status echoDouble(double value, double* out) override;
-    android::binder::Status echoBool(bool value, bool* out) override;
-    android::binder::Status echoByte(int8_t value, int8_t* out) override;
-    android::binder::Status echoChar(char16_t value, char16_t* out) override;
     android::binder::Status echoString(const android::String16& value,
                                        android::String16* out) override;
-    android::binder::Status echoNullableString(const std::unique_ptr<android::String16>& value,
-                                               std::unique_ptr<android::String16>* out) override;
-    android::binder::Status echoUtf8(const std::string& value, std::string* out) override;
     android::binder::Status echoBytes(const std::vector<uint8_t>& value,
                                       std::vector<uint8_t>* out) override;
-    android::binder::Status echoInts(const std::vector<int32_t>& value,
-                                     std::vector<int32_t>* out) override;
-    android::binder::Status echoLongs(const std::vector<int64_t>& value,
-                                      std::vector<int64_t>* out) override;
-    android::binder::Status echoFloats(const std::vector<float>& value,
-                                       std::vector<float>* out) override;
-    android::binder::Status echoDoubles(const std::vector<double>& value,
-                                        std::vector<double>* out) override;
-    android::binder::Status echoBools(const std::vector<bool>& value,
-                                      std::vector<bool>* out) override;
-    android::binder::Status echoChars(const std::vector<char16_t>& value,
-                                      std::vector<char16_t>* out) override;
-    android::binder::Status echoStrings(const std::vector<android::String16>& value,
-                                        std::vector<android::String16>* out) override;
-    android::binder::Status echoUtf8s(const std::vector<std::string>& value,
-                                      std::vector<std::string>* out) override;
-    android::binder::Status echoNullableInts(const std::unique_ptr<std::vector<int32_t>>& value,
-                                             std::unique_ptr<std::vector<int32_t>>* out) override;
     android::binder::Status echoBinder(const android::sp<android::IBinder>& value,
                                        android::sp<android::IBinder>* out) override;
     android::binder::Status echoNullableBinder(const android::sp<android::IBinder>& value,
@@ -61,8 +34,6 @@ public:
                                    android::base::unique_fd* out) override;
     android::binder::Status echoPfd(const android::os::ParcelFileDescriptor& fd,
                                     android::os::ParcelFileDescriptor* out) override;
-    android::binder::Status fillInts(int32_t count, std::vector<int32_t>* values) override;
-    android::binder::Status reverseInts(std::vector<int32_t>* values) override;
     android::binder::Status callingUid(int32_t* out) override;
     android::binder::Status callingPid(int32_t* out) override;
     android::binder::Status checkCallingPermission(const android::String16& permission,

@@ -2,35 +2,16 @@ package binder.test;
 
 import binder.test.ITestCallback;
 
-// A service that exercises every argument type and the runtime's call patterns.
+// A service that exercises values, objects, descriptors and the runtime's call patterns.
 interface ITestService {
     int echoInt(int value);
-    long echoLong(long value);
-    float echoFloat(float value);
-    double echoDouble(double value);
-    boolean echoBool(boolean value);
-    byte echoByte(byte value);
-    char echoChar(char value);
     String echoString(String value);
-    @nullable String echoNullableString(@nullable String value);
-    @utf8InCpp String echoUtf8(@utf8InCpp String value);
     byte[] echoBytes(in byte[] value);
-    int[] echoInts(in int[] value);
-    long[] echoLongs(in long[] value);
-    float[] echoFloats(in float[] value);
-    double[] echoDoubles(in double[] value);
-    boolean[] echoBools(in boolean[] value);
-    char[] echoChars(in char[] value);
-    String[] echoStrings(in String[] value);
-    @utf8InCpp String[] echoUtf8s(in @utf8InCpp String[] value);
-    @nullable int[] echoNullableInts(in @nullable int[] value);
     IBinder echoBinder(IBinder value);
     @nullable IBinder echoNullableBinder(@nullable IBinder value);
     ITestCallback echoCallback(ITestCallback value);
     FileDescriptor echoFd(in FileDescriptor fd);
     ParcelFileDescriptor echoPfd(in ParcelFileDescriptor fd);
-    void fillInts(int count, out int[] values);
-    void reverseInts(inout int[] values);
 
     // The caller's identity as the service sees it.
     int callingUid();
