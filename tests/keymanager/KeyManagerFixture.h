@@ -2,16 +2,21 @@
 
 #include <binder/IPCThreadState.h>
 #include <gtest/gtest.h>
-#include <json/reader.h>
+#include <lumen/preferences/BnPreferencesListener.h>
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstdlib>
 #include <memory>
+#include <mutex>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "keymanager/PreferencesKeyManager.h"
-#include "model/PreferencesSchemaListBuilder.h"
 #include "store/DirectoryPreferencesDb.h"
+#include "support/SchemaList.h"
 #include "support/TempDir.h"
 
 namespace Halo::OS {
@@ -29,27 +34,41 @@ public:
 
 namespace testing {
 
-// A key manager whose caller identity the test chooses. The OS permission checks still ask the
-// real Binder calling identity (root in these tests, so they pass) unless a test changes it.
+// A key manager whose caller identity the test chooses (root unless changed); with no caller
+// given, the Binder caller. Counts how often it is asked for its caller, which every public
+// operation does first. The OS permission checks still ask the real Binder calling identity
+// (root in these tests, so they pass) unless a test changes it.
 class TestKeyManager : public PreferencesKeyManager {
 public:
-    explicit TestKeyManager(std::unique_ptr<IPreferencesDb> db)
-        : PreferencesKeyManager(std::move(db)) {}
+    explicit TestKeyManager(std::unique_ptr<IPreferencesDb> db,
+                            std::optional<uid_t> caller = uid_t(0))
+        : PreferencesKeyManager(std::move(db)),
+          mFixed(caller.has_value()),
+          mCaller(caller.value_or(0)) {}
 
-    uid_t getCallingUid() const override { return mCaller.load(); }
-    void setCaller(uid_t uid) { mCaller = uid; }
+    uid_t getCallingUid() const override {
+        ++mCalls;
+        return mFixed ? mCaller.load() : PreferencesKeyManager::getCallingUid();
+    }
+    void setCaller(uid_t uid) {
+        mCaller = uid;
+        mFixed = true;
+    }
+    int calls() const { return mCalls.load(); }
 
 private:
-    std::atomic<uid_t> mCaller{0};
+    mutable std::atomic<int> mCalls{0};
+    std::atomic<bool> mFixed;
+    std::atomic<uid_t> mCaller;
 };
 
-// Makes `uid` the Binder calling identity of this thread for the scope's lifetime.
+// Makes `uid` (from `pid`) the Binder calling identity of this thread for the scope's lifetime.
+// The default pid is any but our own: the process itself is granted every permission.
 class ScopedCallingIdentity {
 public:
-    explicit ScopedCallingIdentity(uid_t uid)
+    explicit ScopedCallingIdentity(uid_t uid, pid_t pid = getppid())
         : mToken(android::IPCThreadState::self()->clearCallingIdentity()) {
-        // Any pid but our own: the process itself is always granted every permission.
-        android::IPCThreadState::self()->setCallingIdentity(getppid(), uid);
+        android::IPCThreadState::self()->setCallingIdentity(pid, uid);
     }
     ~ScopedCallingIdentity() { android::IPCThreadState::self()->restoreCallingIdentity(mToken); }
 
@@ -57,16 +76,27 @@ private:
     int64_t mToken;
 };
 
-inline std::unique_ptr<PreferencesSchemaList> schemaList(const std::string& json) {
-    Json::CharReaderBuilder builder;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    Json::Value value;
-    std::string errors;
-    EXPECT_TRUE(reader->parse(json.data(), json.data() + json.size(), &value, &errors)) << errors;
-    PreferencesSchemaListBuilder listBuilder;
-    listBuilder.process(value);
-    return listBuilder.build();
-}
+// A listener in this process that records the keys of every onChanged call.
+class RecordingListener : public lumen::preferences::BnPreferencesListener {
+public:
+    android::binder::Status onChanged(const std::vector<android::String16>& keys) override {
+        std::lock_guard<std::mutex> lock(mMutex);
+        mCalls.push_back(keys);
+        mChanged.notify_all();
+        return android::binder::Status::ok();
+    }
+    // The keys of the first onChanged call, waiting for it for up to ten seconds.
+    std::vector<android::String16> firstCall() {
+        std::unique_lock<std::mutex> lock(mMutex);
+        mChanged.wait_for(lock, std::chrono::seconds(10), [&] { return !mCalls.empty(); });
+        return mCalls.empty() ? std::vector<android::String16>{} : mCalls.front();
+    }
+
+private:
+    std::mutex mMutex;
+    std::condition_variable mChanged;
+    std::vector<std::vector<android::String16>> mCalls;
+};
 
 // A key manager on a store in a fresh temporary directory, with its Binder service directory in
 // the same place (so that no permission service is found unless a test publishes one).

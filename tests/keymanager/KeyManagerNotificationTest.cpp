@@ -1,6 +1,5 @@
 #include <binder/IServiceManager.h>
 #include <gtest/gtest.h>
-#include <lumen/preferences/BnPreferencesListener.h>
 #include <utils/String8.h>
 
 #include <thread>
@@ -25,15 +24,9 @@ class KeyManagerNotificationTest : public KeyManagerTest {
 protected:
     void SetUp() override {
         KeyManagerTest::SetUp();
-        std::string contents;
-        for (const char* key : {"a", "b", "c", "gate", "unwatched"}) {
-            if (!contents.empty()) contents += ",";
-            contents += std::string(R"({"key": ")") + key +
-                        R"(", "type": "integer", "default": "0", "hasWritePermission": true})";
-        }
-        ASSERT_TRUE(apply(R"({"add": true, "schemas": [{"uid": 10001, "packageName": "p",
-                              "contents": [)" +
-                          contents + "]}]}"));
+        ASSERT_TRUE(apply(testing::schemaListJson(
+                true, {testing::schemaJson(10001, "p",
+                                           {{"a"}, {"b"}, {"c"}, {"gate"}, {"unwatched"}})})));
     }
 
     // Starts a listener process published as `name` and returns a proxy to its listener.
@@ -47,13 +40,9 @@ protected:
         return android::interface_cast<IPreferencesListener>(binder);
     }
 
-    // Waits up to five seconds for the first telemetry event `name` (death notices arrive on a
-    // binder thread).
+    // Waits for the first telemetry event `name` (death notices arrive on a binder thread).
     static void waitForEvent(const char* name) {
-        const auto deadline = std::chrono::steady_clock::now() + 5s;
-        while (Telemetry::count(name) == 0 && std::chrono::steady_clock::now() < deadline) {
-            std::this_thread::sleep_for(10ms);
-        }
+        testing::eventually([name] { return Telemetry::count(name) != 0; }, 5s);
     }
 
     void set(const std::string& key, const std::string& value) {
@@ -165,15 +154,6 @@ TEST_F(KeyManagerNotificationTest, StoppedListenerCannotBlockOthersOrTheService)
     stopped->kill(SIGKILL);
 }
 
-class CountingListener : public lumen::preferences::BnPreferencesListener {
-public:
-    android::binder::Status onChanged(const std::vector<android::String16>& keys) override {
-        calls += keys.size();
-        return android::binder::Status::ok();
-    }
-    std::atomic<size_t> calls{0};
-};
-
 TEST_F(KeyManagerNotificationTest, StressSetsSchemasAndListenersTogether) {
     constexpr int kWriters = 3;
     constexpr int kRounds = 200;
@@ -202,7 +182,7 @@ TEST_F(KeyManagerNotificationTest, StressSetsSchemasAndListenersTogether) {
     });
     threads.emplace_back([this] {
         for (int i = 0; i < kRounds / 4; ++i) {
-            android::sp<CountingListener> listener = new CountingListener;
+            android::sp<testing::RecordingListener> listener = new testing::RecordingListener;
             EXPECT_EQ(0, mManager->registerListener(listener, {"a", "b", "c"}, false));
             std::this_thread::yield();
             EXPECT_EQ(0, mManager->unregisterListener(0, listener));
@@ -218,7 +198,7 @@ TEST_F(KeyManagerNotificationTest, StressSetsSchemasAndListenersTogether) {
         EXPECT_EQ(-9, rootGet("churn" + std::to_string(i) + ".k", value, Type::Long));
     }
     // Every listener is gone.
-    EXPECT_EQ(-6, mManager->unregisterListener(0, new CountingListener));
+    EXPECT_EQ(-6, mManager->unregisterListener(0, new testing::RecordingListener));
 }
 
 }  // namespace

@@ -1,43 +1,18 @@
 #include <cutils/multiuser.h>
 #include <gtest/gtest.h>
-#include <lumen/preferences/BnPreferencesListener.h>
 #include <unistd.h>
 
-#include <fstream>
-#include <sstream>
-
 #include "keymanager/KeyManagerFixture.h"
-#include "support/LogCapture.h"
+#include "support/FdCapture.h"
 
 namespace Halo::OS {
 namespace {
 
+using testing::capturedText;
 using testing::KeyManagerTest;
 using Type = PreferencesKeyInfo::Type;
 
 constexpr uid_t kApp = 10001;
-
-// Runs `dumper` on a pipe and returns what it wrote.
-template <typename F>
-std::string capture(F dumper) {
-    int fds[2];
-    EXPECT_EQ(0, pipe(fds));
-    dumper(fds[1]);
-    close(fds[1]);
-    std::string text;
-    char buffer[4096];
-    ssize_t n;
-    while ((n = read(fds[0], buffer, sizeof(buffer))) > 0) text.append(buffer, n);
-    close(fds[0]);
-    return text;
-}
-
-class NullListener : public lumen::preferences::BnPreferencesListener {
-public:
-    android::binder::Status onChanged(const std::vector<android::String16>&) override {
-        return android::binder::Status::ok();
-    }
-};
 
 class KeyManagerUsersTest : public KeyManagerTest {
 protected:
@@ -75,24 +50,6 @@ TEST_F(KeyManagerUsersTest, CurrentUserIsRecordedEvenWhenItsWriteIsRefused) {
     EXPECT_EQ(0u, mManager->getCurrentUser());
 }
 
-TEST_F(KeyManagerUsersTest, UserListAndDeleteUserDataRemoveUserFiles) {
-    for (unsigned int user : {10u, 11u, 12u}) {
-        ASSERT_EQ(0, mManager->setWithoutCallback("app.user", "v", Type::String,
-                                                  multiuser_get_uid(user, kApp)));
-    }
-    ASSERT_EQ(0, access(mDir.file("user11.db").c_str(), F_OK));
-    EXPECT_EQ(0, mManager->userList({0, 10, 12}));
-    EXPECT_NE(0, access(mDir.file("user11.db").c_str(), F_OK));
-    EXPECT_EQ(0, access(mDir.file("user10.db").c_str(), F_OK));
-    EXPECT_EQ(0, mManager->deleteUserData(12));
-    EXPECT_NE(0, access(mDir.file("user12.db").c_str(), F_OK));
-    // A user whose file cannot be removed is a store failure.
-    EXPECT_EQ(-15, mManager->deleteUserData(77));
-    // User 10 still reads its value; a deleted user starts again from the default.
-    EXPECT_EQ("v", rootValue("app.user", Type::String, multiuser_get_uid(10, kApp)));
-    EXPECT_EQ("", rootValue("app.user", Type::String, multiuser_get_uid(12, kApp)));
-}
-
 TEST_F(KeyManagerUsersTest, DumpListsListenersAndTheirKeys) {
     const std::string properties =
             "  PreferencesKeyManager properties:\n"
@@ -100,11 +57,12 @@ TEST_F(KeyManagerUsersTest, DumpListsListenersAndTheirKeys) {
             "      Schema Queue Terminated:     False\n"
             "      Schema Thread Running:       True\n"
             "      Listener Info:\n";
-    EXPECT_EQ(properties, capture([&](int fd) { EXPECT_TRUE(mManager->dump(fd)); }));
+    EXPECT_EQ(properties, capturedText([&](int fd) { EXPECT_TRUE(mManager->dump(fd)); }));
 
     mManager->setCaller(kApp);
-    ASSERT_EQ(0, mManager->registerListener(new NullListener, {"app.b", "app.a"}, false));
-    ASSERT_EQ(0, mManager->registerListener(new NullListener, {}, false));
+    ASSERT_EQ(0, mManager->registerListener(new testing::RecordingListener, {"app.b", "app.a"},
+                                            false));
+    ASSERT_EQ(0, mManager->registerListener(new testing::RecordingListener, {}, false));
     const std::string pid = std::to_string(getpid());
     EXPECT_EQ(properties + "        uuid: 1\n          pid: " + pid +
                       ", uid: 10001, uuid: 1\n"
@@ -113,12 +71,12 @@ TEST_F(KeyManagerUsersTest, DumpListsListenersAndTheirKeys) {
                       pid +
                       ", uid: 10001, uuid: 2\n"
                       "          keys: \n            no keys\n",
-              capture([&](int fd) { EXPECT_TRUE(mManager->dump(fd)); }));
+              capturedText([&](int fd) { EXPECT_TRUE(mManager->dump(fd)); }));
 }
 
 TEST_F(KeyManagerUsersTest, ProfileAndTraceDumpsFollowTheirSwitches) {
-    EXPECT_EQ("", capture([&](int fd) { EXPECT_FALSE(mManager->dumpProfile(fd)); }));
-    EXPECT_EQ("", capture([&](int fd) { EXPECT_FALSE(mManager->dumpTrace(fd)); }));
+    EXPECT_EQ("", capturedText([&](int fd) { EXPECT_FALSE(mManager->dumpProfile(fd)); }));
+    EXPECT_EQ("", capturedText([&](int fd) { EXPECT_FALSE(mManager->dumpTrace(fd)); }));
 
     mManager->setProfiling(true);
     mManager->setTracing(true);
@@ -128,27 +86,28 @@ TEST_F(KeyManagerUsersTest, ProfileAndTraceDumpsFollowTheirSwitches) {
     ASSERT_EQ(0, mManager->set("app.a", "1", Type::Integer));
     ASSERT_EQ(0, mManager->get("app.a", value, Type::Integer));
     ASSERT_EQ(0, mManager->get("app.a", value, Type::Integer));
-    const std::string profile = capture([&](int fd) { EXPECT_TRUE(mManager->dumpProfile(fd)); });
+    const std::string profile =
+            capturedText([&](int fd) { EXPECT_TRUE(mManager->dumpProfile(fd)); });
     EXPECT_NE(std::string::npos, profile.find("key counts app.a 2 1\n")) << profile;
     EXPECT_NE(std::string::npos, profile.find("total reads:  2\n")) << profile;
     EXPECT_NE(std::string::npos, profile.find("total writes: 1\n")) << profile;
-    const std::string trace = capture([&](int fd) { EXPECT_TRUE(mManager->dumpTrace(fd)); });
+    const std::string trace = capturedText([&](int fd) { EXPECT_TRUE(mManager->dumpTrace(fd)); });
     EXPECT_NE(std::string::npos, trace.find(" | write | app.a | 1 | ")) << trace;
     EXPECT_NE(std::string::npos, trace.find(" | read | app.a | 1 | ")) << trace;
     EXPECT_NE(std::string::npos, trace.find(" | lock | write | app.a | ")) << trace;
 
     // Switching off hides the dumps but keeps the data; a reset clears it.
     mManager->setProfiling(false);
-    EXPECT_EQ("", capture([&](int fd) { EXPECT_FALSE(mManager->dumpProfile(fd)); }));
+    EXPECT_EQ("", capturedText([&](int fd) { EXPECT_FALSE(mManager->dumpProfile(fd)); }));
     mManager->setProfiling(true);
     EXPECT_NE(std::string::npos,
-              capture([&](int fd) { mManager->dumpProfile(fd); }).find("total reads:  2\n"));
+              capturedText([&](int fd) { mManager->dumpProfile(fd); }).find("total reads:  2\n"));
     mManager->resetProfile();
     mManager->resetTrace();
     EXPECT_NE(std::string::npos,
-              capture([&](int fd) { mManager->dumpProfile(fd); }).find("total reads:  0\n"));
+              capturedText([&](int fd) { mManager->dumpProfile(fd); }).find("total reads:  0\n"));
     mManager->setCaller(0);
-    EXPECT_EQ("", capture([&](int fd) { mManager->dumpTrace(fd); }));
+    EXPECT_EQ("", capturedText([&](int fd) { mManager->dumpTrace(fd); }));
 }
 
 }  // namespace
