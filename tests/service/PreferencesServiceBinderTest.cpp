@@ -6,9 +6,7 @@
 #include <binder/ProcessState.h>
 #include <cutils/multiuser.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
@@ -66,19 +64,9 @@ protected:
 
     // Runs the client under `uid` with `ops`; returns its output lines.
     std::vector<std::string> run(uid_t uid, const std::vector<std::string>& ops) {
-        std::vector<std::string> argv = {"/usr/bin/setpriv",
-                                         "--reuid=" + std::to_string(uid),
-                                         "--regid=" + std::to_string(uid),
-                                         "--clear-groups",
-                                         PREFS_SERVICE_TEST_CLIENT,
-                                         mName};
+        std::vector<std::string> argv = {PREFS_SERVICE_TEST_CLIENT, mName};
         argv.insert(argv.end(), ops.begin(), ops.end());
-        ChildProcess client(argv);
-        std::vector<std::string> lines;
-        while (auto line = client.readLine(std::chrono::seconds(60))) lines.push_back(*line);
-        const int status = client.wait();
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "client status " << status;
-        return lines;
+        return runToEnd(asUid(uid, argv));
     }
 
     std::string mName;

@@ -4,13 +4,9 @@
 
 #include <android-base/properties.h>
 #include <gtest/gtest.h>
-#include <lumen/preferences/BnPreferencesListener.h>
 
-#include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <limits>
-#include <mutex>
 
 #include "service/ServiceFixture.h"
 
@@ -101,27 +97,6 @@ TEST_F(ServiceTest, NullOutValueFailsWithMinusTenBeforeTheKeyManager) {
     }
     EXPECT_EQ(callsBefore, mManager->calls());
 }
-
-class RecordingListener : public lumen::preferences::BnPreferencesListener {
-public:
-    Status onChanged(const std::vector<String16>& keys) override {
-        std::lock_guard<std::mutex> lock(mMutex);
-        mCalls.push_back(keys);
-        mChanged.notify_all();
-        return Status::ok();
-    }
-    // The keys of the first onChanged call, waiting for it for up to ten seconds.
-    std::vector<String16> firstCall() {
-        std::unique_lock<std::mutex> lock(mMutex);
-        mChanged.wait_for(lock, std::chrono::seconds(10), [&] { return !mCalls.empty(); });
-        return mCalls.empty() ? std::vector<String16>{} : mCalls.front();
-    }
-
-private:
-    std::mutex mMutex;
-    std::condition_variable mChanged;
-    std::vector<std::vector<String16>> mCalls;
-};
 
 TEST_F(ServiceTest, ListenerKeysAreCutAtNulAndResultsMapToStatuses) {
     mManager->setCaller(kAppUid);

@@ -4,13 +4,12 @@
 #include <sys/types.h>
 #include <utils/StrongPointer.h>
 
-#include <atomic>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "keymanager/PreferencesKeyManager.h"
+#include "keymanager/KeyManagerFixture.h"
 #include "service/PreferencesService.h"
 #include "support/TempDir.h"
 
@@ -27,35 +26,14 @@ constexpr uid_t kBareUid = 10456;
 std::string appSchemaList();
 // Package of kAppUid declaring "autosleep_time": integer, system scope, writable, default 7.
 std::string autosleepSchemaList();
-extern const std::vector<std::string> kTypeWords;
-
-// A key manager that counts how often it asks for its caller, which every one of its public
-// operations does first. The caller is the Binder caller unless a test fixes another one.
-class CountingKeyManager : public PreferencesKeyManager {
-public:
-    using PreferencesKeyManager::PreferencesKeyManager;
-    uid_t getCallingUid() const override {
-        ++mCalls;
-        return mFixed ? mCaller.load() : PreferencesKeyManager::getCallingUid();
-    }
-    int calls() const { return mCalls.load(); }
-    void setCaller(uid_t uid) {
-        mCaller = uid;
-        mFixed = true;
-    }
-
-private:
-    mutable std::atomic<int> mCalls{0};
-    std::atomic<bool> mFixed{false};
-    std::atomic<uid_t> mCaller{0};
-};
 
 // A directory for published Binder services, shared by the whole test process and set as
 // $BINDER_DIR; searchable by every uid.
 const std::string& binderDir();
 
-// A service on a key manager whose store lives in a fresh directory, with the schemas of
-// appSchemaList() applied. Empties the autosleep_time override property before and after.
+// A service on a key manager (whose caller is the Binder caller unless a test fixes one) whose
+// store lives in a fresh directory, with the schemas of appSchemaList() applied. Empties the
+// autosleep_time override property before and after.
 class ServiceTest : public ::testing::Test {
 protected:
     static constexpr const char* kAutosleepProperty = "persist.halo.prefs_overrides.autosleep_time";
@@ -69,7 +47,7 @@ protected:
     std::optional<std::string> storedText(const std::string& dbName, const std::string& key);
 
     TempDir mDataDir;
-    std::shared_ptr<CountingKeyManager> mManager;
+    std::shared_ptr<TestKeyManager> mManager;
     android::sp<PreferencesService> mService;
 };
 
