@@ -4,7 +4,6 @@
 #include <cutils/multiuser.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <json/reader.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -15,10 +14,11 @@
 #include <random>
 #include <thread>
 
-#include "model/PreferencesSchemaListBuilder.h"
 #include "store/DirectoryPreferencesDb.h"
 #include "support/ChildProcess.h"
+#include "support/FdCapture.h"
 #include "support/LogCapture.h"
+#include "support/SchemaList.h"
 #include "support/TempDir.h"
 #include "telemetry/Telemetry.h"
 
@@ -29,17 +29,9 @@ using android::binder::Status;
 using testing::ChildProcess;
 using testing::TempDir;
 
-constexpr auto kWait = std::chrono::seconds(10);
+using testing::eventually;
 
-// Polls `condition` until it holds; false when it still does not after kWait.
-template <typename F>
-bool eventually(F condition) {
-    for (auto deadline = std::chrono::steady_clock::now() + kWait; !condition();) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
-}
+constexpr auto kWait = std::chrono::seconds(10);
 
 std::vector<uint8_t> bytesOf(const std::string& text) {
     return {text.begin(), text.end()};
@@ -48,14 +40,9 @@ std::vector<uint8_t> bytesOf(const std::string& text) {
 // A schema list that adds (or removes) one package declaring integer keys with default 7.
 std::string schemaList(bool add, const std::string& package, int uid,
                        const std::vector<std::string>& keys) {
-    std::string contents;
-    for (const std::string& key : keys) {
-        contents += std::string(contents.empty() ? "" : ", ") + R"({"key": ")" + key +
-                    R"(", "type": "integer", "default": "7", "hasWritePermission": true})";
-    }
-    return std::string(R"({"add": )") + (add ? "true" : "false") + R"(, "schemas": [{"uid": )" +
-           std::to_string(uid) + R"(, "packageName": ")" + package + R"(", "contents": [)" +
-           contents + "]}]}";
+    std::vector<testing::KeyJson> entries;
+    for (const std::string& key : keys) entries.push_back({key, "integer", "7"});
+    return testing::schemaListJson(add, {testing::schemaJson(uid, package, entries)});
 }
 
 // The app-info stand-in (AppInfoServiceProcess.cpp), commanded through a named pipe.
@@ -123,14 +110,7 @@ protected:
     void startAppInfo() { mAppInfo = std::make_unique<AppInfoProcess>(mPipeDir.file("pipe")); }
 
     std::string dump() {
-        int fds[2];
-        EXPECT_EQ(0, pipe(fds));
-        EXPECT_TRUE(mManager->dump(fds[1]));
-        close(fds[1]);
-        char text[4096];
-        const ssize_t size = read(fds[0], text, sizeof(text));
-        close(fds[0]);
-        return std::string(text, std::max<ssize_t>(size, 0));
+        return testing::capturedText([&](int fd) { EXPECT_TRUE(mManager->dump(fd)); });
     }
     static std::string expectedDump(bool running, bool listening) {
         return std::string(
@@ -268,12 +248,7 @@ TEST_F(PackageManagerTest, UserEventsReachTheKeyManager) {
         "nimbus.core", "contents": [{"key": "current_user", "type": "integer", "default": "0",
         "hasWritePermission": true, "scope": "system", "isOwner": true}, {"key": "users.k",
         "type": "integer", "default": "0", "hasWritePermission": true, "scope": "user"}]}]})";
-    Json::Value list;
-    std::unique_ptr<Json::CharReader>(Json::CharReaderBuilder().newCharReader())
-            ->parse(schemas.data(), schemas.data() + schemas.size(), &list, nullptr);
-    PreferencesSchemaListBuilder builder;
-    builder.process(list);
-    ASSERT_TRUE(mKeyManager->process(builder.build(), KeySourceDomain::Legacy));
+    ASSERT_TRUE(mKeyManager->process(testing::schemaList(schemas), KeySourceDomain::Legacy));
     for (unsigned int user : {10u, 11u, 12u}) {
         ASSERT_EQ(0,
                   mKeyManager->setWithoutCallback("users.k", "5", PreferencesKeyInfo::Type::Integer,

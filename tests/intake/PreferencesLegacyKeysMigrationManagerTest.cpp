@@ -8,8 +8,6 @@
 #include <vector>
 
 #include "StartupFixture.h"
-#include "intake/PreferencesNativeServiceManager.h"
-#include "intake/PreferencesVersionManager.h"
 #include "support/LogCapture.h"
 #include "telemetry/Telemetry.h"
 
@@ -105,7 +103,7 @@ TEST_F(PreferencesLegacyKeysMigrationManagerTest, ValuesReachTheirUsersOnceAndTh
 
 TEST_F(PreferencesLegacyKeysMigrationManagerTest, ServiceRunningAsSystemUidWritesEveryUser) {
     // Not root: values reach other users only because the key manager knows the legacy keys.
-    testing::ScopedIdentity identity(1000);
+    testing::ScopedCallingIdentity identity(1000, getpid());
     testing::writeLegacyDatabases(mLegacy);
     start();
     mManager->setCaller(1000);
@@ -182,23 +180,6 @@ TEST_F(PreferencesLegacyKeysMigrationManagerTest, MissingPartsAndUnknownKeys) {
     EXPECT_TRUE(log.contains("can not find key index -1 in type"));
     EXPECT_TRUE(log.contains("failed to generate legacy schema list"));
     EXPECT_EQ("absent", status());
-}
-
-TEST_F(PreferencesLegacyKeysMigrationManagerTest, StartUpStepsKeepEachOthersKeysOverTwoBoots) {
-    testing::writeLegacyDatabases(mLegacy);
-    testing::writeFile(mConfigDir.file("native/audio.json"),
-                       "{\"packageName\": \"nimbus.audio.daemon\", \"contents\": [{\"key\": "
-                       "\"audio_step\", \"type\": \"integer\", \"default\": \"8\"}]}");
-    for (int boot = 0; boot < 2; ++boot) {
-        restart();
-        EXPECT_TRUE(migration()->migrateLegacyKeys());
-        EXPECT_TRUE(PreferencesNativeServiceManager(mManager, config()).injectNativeServiceKeys());
-        EXPECT_TRUE(PreferencesVersionManager(mManager).upgradeToLatestVersion());
-        expectLegacyValues();
-        EXPECT_EQ("3", status());
-        EXPECT_EQ("2", value(PreferencesVersionManager::kVersionKey, Type::Integer));
-        EXPECT_EQ("8", value("audio_step", Type::Integer));
-    }
 }
 
 }  // namespace

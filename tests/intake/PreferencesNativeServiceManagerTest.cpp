@@ -16,7 +16,7 @@ namespace Halo::OS {
 namespace {
 
 using testing::LogCapture;
-using testing::sql;
+using testing::sqlRows;
 using testing::Type;
 
 std::string schema(const std::string& package, const std::string& key, const char* uid = "") {
@@ -33,8 +33,8 @@ protected:
         return PreferencesNativeServiceManager(mManager, config()).injectNativeServiceKeys();
     }
     std::vector<std::string> packages() {
-        return sql(systemDb(),
-                   "SELECT package_uid || ' ' || package_name FROM packages ORDER BY 1");
+        return sqlRows(systemDb(),
+                       "SELECT package_uid || ' ' || package_name FROM packages ORDER BY 1");
     }
 };
 

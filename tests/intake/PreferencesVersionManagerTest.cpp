@@ -13,7 +13,7 @@ namespace Halo::OS {
 namespace {
 
 using testing::LogCapture;
-using testing::sql;
+using testing::sqlRows;
 using testing::Type;
 using Manager = PreferencesVersionManager;
 
@@ -27,26 +27,28 @@ protected:
     // and its value, to show that the upgrades keep them.
     void writeOldStore(int version) {
         const std::string check = version == 0 ? "" : " CHECK(type >= 0 AND type < 6)";
-        sql(systemDb(),
-            "CREATE TABLE packages (package_uid INTEGER NOT NULL, package_name TEXT NOT NULL "
-            "PRIMARY KEY);"
-            "CREATE TABLE preferences (key TEXT PRIMARY KEY, type INTEGER" +
-                    check +
-                    ", scope INTEGER, owner_package_uid INTEGER, owner_package_name TEXT, "
-                    "default_value TEXT, expires_at TEXT);"
-                    "CREATE TABLE permissions (key TEXT, package_uid INTEGER, package_name TEXT, "
-                    "permission INTEGER);"
-                    "CREATE TABLE preference_values (key TEXT PRIMARY KEY, current_value TEXT);"
-                    "INSERT INTO packages VALUES (10057, 'com.example.weather');"
-                    "INSERT INTO preferences VALUES ('units', 2, 0, 10057, 'com.example.weather', "
-                    "'metric', NULL);"
-                    "INSERT INTO permissions VALUES ('units', 10057, 'com.example.weather', 2);"
-                    "INSERT INTO preference_values VALUES ('units', 'imperial');"
-                    "PRAGMA user_version=" +
-                    std::to_string(version) + ";");
+        sqlRows(systemDb(),
+                "CREATE TABLE packages (package_uid INTEGER NOT NULL, package_name TEXT NOT NULL "
+                "PRIMARY KEY);"
+                "CREATE TABLE preferences (key TEXT PRIMARY KEY, type INTEGER" +
+                        check +
+                        ", scope INTEGER, owner_package_uid INTEGER, owner_package_name TEXT, "
+                        "default_value TEXT, expires_at TEXT);"
+                        "CREATE TABLE permissions (key TEXT, package_uid INTEGER, package_name "
+                        "TEXT, "
+                        "permission INTEGER);"
+                        "CREATE TABLE preference_values (key TEXT PRIMARY KEY, current_value TEXT);"
+                        "INSERT INTO packages VALUES (10057, 'com.example.weather');"
+                        "INSERT INTO preferences VALUES ('units', 2, 0, 10057, "
+                        "'com.example.weather', "
+                        "'metric', NULL);"
+                        "INSERT INTO permissions VALUES ('units', 10057, 'com.example.weather', 2);"
+                        "INSERT INTO preference_values VALUES ('units', 'imperial');"
+                        "PRAGMA user_version=" +
+                        std::to_string(version) + ";");
     }
     std::vector<std::string> columns() {
-        return sql(systemDb(), "SELECT name FROM pragma_table_info('preferences')");
+        return sqlRows(systemDb(), "SELECT name FROM pragma_table_info('preferences')");
     }
     std::optional<std::string> version() { return value(Manager::kVersionKey, Type::Integer); }
 };
@@ -65,9 +67,10 @@ TEST_F(PreferencesVersionManagerTest, VersionZeroStoreGoesThroughBothStepsOnce) 
     EXPECT_EQ(2, mManager->getDatabaseUserVersion());
     EXPECT_EQ(kVersion2Columns, columns());
     // The first step rebuilt the table: it has the checks of version 1.
-    EXPECT_NE(std::string::npos,
-              sql(systemDb(), "SELECT sql FROM sqlite_master WHERE name = 'preferences'")[0].find(
-                      "CHECK(type >= 0"));
+    EXPECT_NE(
+            std::string::npos,
+            sqlRows(systemDb(), "SELECT sql FROM sqlite_master WHERE name = 'preferences'")[0].find(
+                    "CHECK(type >= 0"));
     EXPECT_EQ("imperial", value("units", Type::String));
 
     restart();  // "2" needs nothing
@@ -100,9 +103,9 @@ TEST_F(PreferencesVersionManagerTest, StoredTextDecidesAndALostKeyIsWrittenBack)
     EXPECT_EQ("imperial", value("units", Type::String));
 
     // A version-2 store that lost the key: declared and written back by getCurrentVersion.
-    sql(systemDb(),
-        "DELETE FROM permissions WHERE key = 'preferences_version';"
-        "DELETE FROM preference_values WHERE key = 'preferences_version';");
+    sqlRows(systemDb(),
+            "DELETE FROM permissions WHERE key = 'preferences_version';"
+            "DELETE FROM preference_values WHERE key = 'preferences_version';");
     restart();
     ASSERT_EQ(std::nullopt, version());
     EXPECT_EQ(2, Manager(mManager).getCurrentVersion());

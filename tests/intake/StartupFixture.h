@@ -1,13 +1,10 @@
 #pragma once
 
-#include <binder/IPCThreadState.h>
 #include <cutils/multiuser.h>
 #include <gtest/gtest.h>
-#include <sqlite3.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cstdlib>
 #include <fstream>
 #include <memory>
@@ -16,59 +13,15 @@
 #include <vector>
 
 #include "intake/PreferencesDeviceConfig.h"
-#include "keymanager/PreferencesKeyManager.h"
+#include "keymanager/KeyManagerFixture.h"
 #include "keyvaluestore/KeyValueStore.h"
 #include "store/DirectoryPreferencesDb.h"
+#include "support/SqlRows.h"
 #include "support/TempDir.h"
 
 namespace Halo::OS::testing {
 
 using Type = PreferencesKeyInfo::Type;
-
-// A key manager whose caller identity the test chooses (root unless changed).
-class StartupKeyManager : public PreferencesKeyManager {
-public:
-    using PreferencesKeyManager::PreferencesKeyManager;
-    uid_t getCallingUid() const override { return mCaller.load(); }
-    void setCaller(uid_t uid) { mCaller = uid; }
-
-private:
-    std::atomic<uid_t> mCaller{0};
-};
-
-// Makes `uid` this thread's Binder calling identity (schemas without "uid" are declared for it).
-class ScopedIdentity {
-public:
-    explicit ScopedIdentity(uid_t uid)
-        : mToken(android::IPCThreadState::self()->clearCallingIdentity()) {
-        android::IPCThreadState::self()->setCallingIdentity(getpid(), uid);
-    }
-    ~ScopedIdentity() { android::IPCThreadState::self()->restoreCallingIdentity(mToken); }
-
-private:
-    int64_t mToken;
-};
-
-// Runs `sql` on the SQLite file `path` and returns the first column of its rows as text.
-inline std::vector<std::string> sql(const std::string& path, const std::string& text) {
-    std::vector<std::string> rows;
-    sqlite3* db = nullptr;
-    EXPECT_EQ(SQLITE_OK, sqlite3_open(path.c_str(), &db)) << path;
-    for (const char* next = text.c_str(); db != nullptr && *next != '\0';) {
-        sqlite3_stmt* statement = nullptr;
-        if (sqlite3_prepare_v2(db, next, -1, &statement, &next) != SQLITE_OK) {
-            ADD_FAILURE() << next << ": " << sqlite3_errmsg(db);
-            break;
-        }
-        while (statement != nullptr && sqlite3_step(statement) == SQLITE_ROW) {
-            const auto* column = sqlite3_column_text(statement, 0);
-            rows.emplace_back(column != nullptr ? reinterpret_cast<const char*>(column) : "NULL");
-        }
-        sqlite3_finalize(statement);
-    }
-    sqlite3_close(db);
-    return rows;
-}
 
 inline void writeFile(const std::string& path, const std::string& text) {
     std::ofstream(path) << text;
@@ -177,7 +130,7 @@ protected:
     void TearDown() override { mManager.reset(); }
 
     void start() {
-        mManager = std::make_shared<StartupKeyManager>(
+        mManager = std::make_shared<TestKeyManager>(
                 std::make_unique<DirectoryPreferencesDb>(mData.path()));
     }
     void restart() {
@@ -223,7 +176,7 @@ protected:
     TempDir mData;
     TempDir mLegacy;
     TempDir mConfigDir;
-    std::shared_ptr<StartupKeyManager> mManager;
+    std::shared_ptr<TestKeyManager> mManager;
 };
 
 }  // namespace Halo::OS::testing
