@@ -57,7 +57,7 @@ protected:
     }
 };
 
-TEST_F(DaemonLifecycleTest, NewStoreIsAtTheLatestVersionAndKeepsEveryValueAcrossRestarts) {
+TEST_F(DaemonLifecycleTest, NewStoreIsAtTheLatestVersionAndARestartChangesNoDeclaration) {
     ASSERT_FALSE(std::filesystem::exists(mDataDir));
     start();
     struct stat st {};
@@ -74,25 +74,13 @@ TEST_F(DaemonLifecycleTest, NewStoreIsAtTheLatestVersionAndKeepsEveryValueAcross
         EXPECT_THAT(db, HasSubstr(std::string("  > Preference: ") + key + " |")) << key;
     }
 
-    const std::vector<std::string> writes = {
-            "setInteger", "test_integer", "-42",  "setLong",   "test_long",   "9000000000",
-            "setFloat",   "test_float",   "0.25", "setDouble", "test_double", "-1.5",
-            "setBoolean", "test_boolean", "true", "setString", "test_string", "h\xc3\xa9llo"};
-    const std::vector<std::string> reads = {
-            "getInteger", "test_integer", "getLong",    "test_long",    "getFloat",  "test_float",
-            "getDouble",  "test_double",  "getBoolean", "test_boolean", "getString", "test_string"};
-    const std::vector<std::string> expected = {"ok -42",  "ok 9000000000", "ok 0.25",
-                                               "ok -1.5", "ok true",       "ok h\xc3\xa9llo"};
-    EXPECT_EQ(std::vector<std::string>(6, "ok"), client(writes));
-    EXPECT_EQ(expected, client(reads));
-
+    // (Values of every type over Binder are checked in PreferencesServiceBinderTest; answered
+    // writes across a restart in SigtermDuringWritesExitsZeroAndKeepsEveryAnsweredWrite.)
+    EXPECT_EQ("ok", call({"setString", "test_string", "h\xc3\xa9llo"}));
     restart();
-    EXPECT_EQ(expected, client(reads));
+    EXPECT_EQ("ok h\xc3\xa9llo", call({"getString", "test_string"}));
     EXPECT_EQ(declarations(db), declarations(dump({"db"}))) << "a restart changes no declaration";
     EXPECT_THAT(dump({"db"}), HasSubstr("  > Value: preferences_version | 2\n"));
-
-    restart();
-    EXPECT_EQ(expected, client(reads));
 }
 
 TEST_F(DaemonLifecycleTest, PropertiesAreSeededAndPersistedOverridesWinAfterARestart) {
