@@ -26,7 +26,7 @@ protected:
 TEST_F(HostileClientTest, CallerThatNeverReadsIsCutOffWhileOthersAreServed) {
     startDevice();
     // Every reply to the stalled caller is about 600 KB.
-    const std::vector<std::string> big = hostileLines({"bigvalue", "alpha_text", "300000"});
+    const std::vector<std::string> big = client({"bigvalue", "alpha_text", "300000"});
     ASSERT_EQ((std::vector<std::string>{"setString ok", "getString ok", "same"}), big);
     const long before = residentKb(mDaemon->pid());
 
@@ -94,7 +94,7 @@ TEST_F(HostileClientTest, ThousandsOfListenersOfADeadClientAreGone) {
 TEST_F(HostileClientTest, VeryLongKeysAndHugeValuesAreRefusedOrKeptWhole) {
     startDevice();
     // A key of 100000 characters is just an undeclared key.
-    const std::vector<std::string> longKey = hostileLines({"longkey", "100000"}, kAlphaUid);
+    const std::vector<std::string> longKey = client({"longkey", "100000"}, kAlphaUid);
     ASSERT_EQ(4u, longKey.size());
     for (const char* call : {"getInteger", "setInteger", "getType", "registerListener"}) {
         const auto line = std::find_if(longKey.begin(), longKey.end(), [&](const std::string& l) {
@@ -104,7 +104,7 @@ TEST_F(HostileClientTest, VeryLongKeysAndHugeValuesAreRefusedOrKeptWhole) {
         EXPECT_EQ(0u, line->rfind(std::string(call) + " error -", 0)) << *line;
     }
     // One of 600000 (1.2 MB as UTF-16) does not fit in a transaction: the caller is told.
-    const std::vector<std::string> tooLong = hostileLines({"longkey", "600000"}, kAlphaUid);
+    const std::vector<std::string> tooLong = client({"longkey", "600000"}, kAlphaUid);
     ASSERT_EQ(4u, tooLong.size());
     for (const std::string& line : tooLong) {
         EXPECT_NE(std::string::npos, line.find(" exception -129")) << line;
@@ -113,9 +113,8 @@ TEST_F(HostileClientTest, VeryLongKeysAndHugeValuesAreRefusedOrKeptWhole) {
     // A value of 400000 characters is kept whole; one too large for a transaction changes
     // nothing.
     EXPECT_EQ((std::vector<std::string>{"setString ok", "getString ok", "same"}),
-              hostileLines({"bigvalue", "alpha_text", "400000"}, kAlphaUid));
-    const std::vector<std::string> tooBig =
-            hostileLines({"bigvalue", "alpha_text", "600000"}, kAlphaUid);
+              client({"bigvalue", "alpha_text", "400000"}, kAlphaUid));
+    const std::vector<std::string> tooBig = client({"bigvalue", "alpha_text", "600000"}, kAlphaUid);
     ASSERT_EQ(3u, tooBig.size());
     EXPECT_EQ("setString exception -129", tooBig[0]);
     EXPECT_EQ("getString ok", tooBig[1]);

@@ -82,10 +82,10 @@ TEST_F(PrivilegeTest, AnAppCannotUnregisterAnotherAppsListener) {
     ASSERT_EQ("registered ok", alpha->readLine(std::chrono::minutes(2)).value_or("none"));
 
     // Beta without listeners of its own, then with one.
-    EXPECT_NE("unregister ok", hostileLines({"unregister", "alpha.listener"}, kBetaUid).at(0));
-    std::unique_ptr<ChildProcess> beta = hostile({"watch", "beta_sys"}, kBetaUid);
+    EXPECT_NE("unregister ok", client({"unregister", "alpha.listener"}, kBetaUid).at(0));
+    std::unique_ptr<ChildProcess> beta = hostile({"watch", "beta_sys", "-"}, kBetaUid);
     ASSERT_EQ("registered ok", beta->readLine(std::chrono::minutes(2)).value_or("none"));
-    EXPECT_NE("unregister ok", hostileLines({"unregister", "alpha.listener"}, kBetaUid).at(0));
+    EXPECT_NE("unregister ok", client({"unregister", "alpha.listener"}, kBetaUid).at(0));
 
     // Alpha still hears its key, and beta its own.
     ASSERT_EQ("ok", call({"setInteger", "alpha_sys", "5"}));

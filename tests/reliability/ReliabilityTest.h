@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "daemon/DaemonFixture.h"
+#include "support/SqlRows.h"
 
 namespace Halo::OS::testing {
 
@@ -19,8 +20,8 @@ constexpr uid_t kAlphaUid = 10057;
 constexpr uid_t kBetaUid = 10058;
 
 // A whole device for tests that attack it: the daemon of DaemonTest, and prefs-appinfo on
-// packages/, which also answers the daemon's permission checks. Hostile clients
-// (prefs_hostile_client) run as root or, through setpriv, as app uids.
+// packages/, which also answers the daemon's permission checks. Hostile clients (the test
+// client's misbehaving operations) run as root or, through setpriv, as app uids.
 class ReliabilityTest : public DaemonTest {
 protected:
     static constexpr const char* kInquirer = "PreferencesAppInfoInquirer";
@@ -35,11 +36,9 @@ protected:
     // prefs-appinfo, then the daemon (see DaemonTest::start); returns once alpha's keys arrived.
     void startDevice(const std::string& shellPrefix = "");
 
-    // Starts prefs_hostile_client with `args` as `uid`; the caller reads its lines.
-    std::unique_ptr<ChildProcess> hostile(const std::vector<std::string>& args, uid_t uid = 0);
-    // Runs prefs_hostile_client to its end; its output lines (exit status 0 expected).
-    std::vector<std::string> hostileLines(const std::vector<std::string>& args, uid_t uid = 0) {
-        return runToEnd(hostileArgs(args, uid));
+    // Starts the test client with the operations `ops` as `uid`; the caller reads its lines.
+    std::unique_ptr<ChildProcess> hostile(const std::vector<std::string>& ops, uid_t uid = 0) {
+        return std::make_unique<ChildProcess>(clientArgs(ops, uid));
     }
 
     // Writes packages/`name` (a whole package file).
@@ -54,13 +53,12 @@ protected:
     // How many times `needle` occurs in `text`.
     static int countOf(const std::string& text, const std::string& needle);
     // Every row of `sql` on the database at `path`, columns joined by '|'.
-    static std::vector<std::string> query(const std::string& path, const std::string& sql);
+    static std::vector<std::string> query(const std::string& path, const std::string& sql) {
+        return sqlRows(path, sql);
+    }
 
     std::string mPackagesDir;
     std::unique_ptr<ChildProcess> mAppInfo;
-
-private:
-    std::vector<std::string> hostileArgs(const std::vector<std::string>& args, uid_t uid) const;
 };
 
 }  // namespace Halo::OS::testing

@@ -1,5 +1,5 @@
-// A Binder client of the preferences service for the service and daemon tests, run as a separate
-// process (under an app uid when the test runs as root).
+// A Binder client of the preferences service for the service, daemon and reliability tests, run
+// as a separate process (under an app uid when the test runs as root).
 //
 //   prefs_test_client SERVICE OP ARG... [OP ARG...]...
 //
@@ -13,9 +13,38 @@
 // "dump COUNT ARG..." sends the platform's dump request with COUNT arguments and this process's
 // standard output as the file descriptor: the service's text appears in the output, followed by
 // the line "dump STATUS" with the transaction's status.
+//
+// Operations of a client that misbehaves on purpose (a RESULT is printed as above):
+//   listeners COUNT KEY   registers COUNT listeners on KEY, prints "registered N" (N of them
+//                         accepted) and "first RESULT" (the first refusal, or 0), then waits until
+//                         it is killed
+//   connections COUNT     opens COUNT connections to the service, prints "open N", waits
+//   stall COUNT KEY       sends COUNT getString calls for KEY on a raw connection without reading
+//                         a byte, prints "sent", waits for SIGUSR1, then reads until the service
+//                         closes the connection and prints "closed" (or "open" when nothing ends
+//                         within a minute)
+//   longkey LENGTH        calls getInteger, setInteger, getType and registerListener with a key of
+//                         LENGTH characters; prints "METHOD RESULT" per call
+//   bigvalue KEY LENGTH   setString(KEY, LENGTH letters), then getString(KEY); prints
+//                         "setString RESULT", "getString RESULT" and "same" or "different"
+//   watch KEY PUBLISH     registers one listener on KEY (publishing it as the service PUBLISH
+//                         unless that is "-"), prints "registered RESULT", then "changed K..."
+//                         for every onChanged call until it is killed; on SIGUSR1 it unregisters
+//                         the listener itself and prints "unregister RESULT"
+//   unregister NAME       asks the service to unregister the listener published as NAME and
+//                         prints "unregister RESULT"
 #include <binder/IBinder.h>
+#include <binder/IPCThreadState.h>
 #include <binder/IServiceManager.h>
+#include <binder/Parcel.h>
+#include <binder/ProcessState.h>
+#include <lumen/preferences/BnPreferencesListener.h>
 #include <lumen/preferences/IPreferencesService.h>
+#include <poll.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 #include <utils/String16.h>
 #include <utils/String8.h>
@@ -23,9 +52,11 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <map>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -116,14 +147,20 @@ std::string print(float value) {
     return text;
 }
 
-void report(const Status& status, const std::string& value = "") {
-    if (status.isOk()) {
-        printf(value.empty() ? "ok\n" : "ok %s\n", value.c_str());
-    } else if (status.exceptionCode() == Status::EX_SERVICE_SPECIFIC) {
-        printf("error %d\n", status.serviceSpecificErrorCode());
-    } else {
-        printf("exception %d\n", status.exceptionCode());
+std::string describe(const Status& status) {
+    if (status.isOk()) return "ok";
+    if (status.exceptionCode() == Status::EX_SERVICE_SPECIFIC) {
+        return "error " + std::to_string(status.serviceSpecificErrorCode());
     }
+    return "exception " + std::to_string(status.exceptionCode());
+}
+
+void say(const std::string& line) {
+    printf("%s\n", line.c_str());
+}
+
+void report(const Status& status, const std::string& value = "") {
+    say(describe(status) + (status.isOk() && !value.empty() ? " " + value : ""));
 }
 
 using Service = IPreferencesService;
@@ -178,6 +215,177 @@ void addTyped(std::map<std::string, Op>& ops, const std::string& name, Set set, 
     ops["get" + name + "User"] = userGetter<T>(getUser);
 }
 
+// The misbehaving client's operations.
+
+std::string gServiceName;
+
+[[noreturn]] void waitForever() {
+    for (;;) pause();
+}
+
+// SIGUSR1 is blocked in every thread (see main); this takes the next one.
+void waitForSigusr1() {
+    sigset_t go;
+    sigemptyset(&go);
+    sigaddset(&go, SIGUSR1);
+    int signal = 0;
+    sigwait(&go, &signal);
+}
+
+int connectRaw() {
+    const char* dir = getenv("BINDER_DIR");
+    const std::string path = std::string(dir != nullptr ? dir : "/run/binder") + "/" + gServiceName;
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
+    if (fd < 0 || connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
+        if (fd >= 0) close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+class Listener : public lumen::preferences::BnPreferencesListener {
+public:
+    explicit Listener(bool print) : mPrint(print) {}
+    Status onChanged(const std::vector<String16>& keys) override {
+        if (mPrint) {
+            std::string line = "changed";
+            for (const String16& key : keys) line += " " + print(key);
+            say(line);
+        }
+        return Status::ok();
+    }
+
+private:
+    bool mPrint;
+};
+
+void listeners(Service& s, Args& a) {
+    android::ProcessState::self()->startThreadPool();
+    const long count = std::strtol(a.next().c_str(), nullptr, 10);
+    const String16 key = a.text();
+    std::vector<android::sp<Listener>> kept;
+    std::string first = "0";
+    for (long i = 0; i < count; ++i) {
+        android::sp<Listener> listener = new Listener(false);
+        const Status status = s.registerListener(listener, {key}, false);
+        if (status.isOk()) {
+            kept.push_back(listener);
+        } else if (first == "0") {
+            first = describe(status);
+        }
+    }
+    say("registered " + std::to_string(kept.size()));
+    say("first " + first);
+    waitForever();
+}
+
+void connections(Service&, Args& a) {
+    const long count = std::strtol(a.next().c_str(), nullptr, 10);
+    int opened = 0;
+    for (long i = 0; i < count; ++i) opened += connectRaw() >= 0;
+    say("open " + std::to_string(opened));
+    waitForever();
+}
+
+// A two-way transaction frame (docs/wire.md) carrying `data`.
+std::vector<uint8_t> transactionFrame(uint64_t txid, uint32_t code, const android::Parcel& data) {
+    std::vector<uint8_t> frame;
+    auto put32 = [&](uint32_t value) {
+        for (int i = 0; i < 4; ++i) frame.push_back(static_cast<uint8_t>(value >> (8 * i)));
+    };
+    auto put64 = [&](uint64_t value) {
+        put32(static_cast<uint32_t>(value));
+        put32(static_cast<uint32_t>(value >> 32));
+    };
+    put32(B_PACK_CHARS('T', 'R', 'N', 'S'));
+    put32(static_cast<uint32_t>(48 + data.dataSize()));
+    put64(txid);
+    put64(0);  // target: the published object
+    put64(0);  // context
+    put32(code);
+    put32(0);  // flags: two-way
+    put32(static_cast<uint32_t>(data.dataSize()));
+    put32(0);  // objects
+    put32(0);  // descriptors
+    put32(0);
+    frame.insert(frame.end(), data.data(), data.data() + data.dataSize());
+    return frame;
+}
+
+void stall(Service&, Args& a) {
+    const long count = std::strtol(a.next().c_str(), nullptr, 10);
+    const String16 key = a.text();
+    const int fd = connectRaw();
+    if (fd < 0) exit(3);
+    android::Parcel data;
+    data.writeInterfaceToken(IPreferencesService::descriptor);
+    data.writeString16(key);
+    constexpr uint32_t kGetString = 9;
+    for (long i = 0; i < count; ++i) {
+        const std::vector<uint8_t> frame = transactionFrame(i + 1, kGetString, data);
+        if (send(fd, frame.data(), frame.size(), MSG_NOSIGNAL) !=
+            static_cast<ssize_t>(frame.size())) {
+            break;
+        }
+    }
+    say("sent");
+    waitForSigusr1();
+    for (;;) {
+        pollfd pfd{fd, POLLIN, 0};
+        if (poll(&pfd, 1, 60000) <= 0) {
+            say("open");
+            return;
+        }
+        char buffer[65536];
+        const ssize_t n = recv(fd, buffer, sizeof(buffer), 0);
+        if (n == 0 || (n < 0 && errno == ECONNRESET)) break;
+    }
+    say("closed");
+}
+
+void longKey(Service& s, Args& a) {
+    const String16 key(std::string(std::strtoul(a.next().c_str(), nullptr, 10), 'k').c_str());
+    int32_t value = 0;
+    say("getInteger " + describe(s.getInteger(key, &value)));
+    say("setInteger " + describe(s.setInteger(key, 1)));
+    say("getType " + describe(s.getType(key, &value)));
+    say("registerListener " + describe(s.registerListener(new Listener(false), {key}, false)));
+}
+
+void bigValue(Service& s, Args& a) {
+    const String16 key = a.text();
+    const String16 value(std::string(std::strtoul(a.next().c_str(), nullptr, 10), 'v').c_str());
+    say("setString " + describe(s.setString(key, value)));
+    String16 out;
+    say("getString " + describe(s.getString(key, &out)));
+    say(out == value ? "same" : "different");
+}
+
+void watch(Service& s, Args& a) {
+    android::ProcessState::self()->startThreadPool();
+    const String16 key = a.text();
+    const std::string publish = a.next();
+    android::sp<Listener> listener = new Listener(true);
+    if (publish != "-") {
+        android::defaultServiceManager()->addService(String16(publish.c_str()), listener);
+    }
+    say("registered " + describe(s.registerListener(listener, {key}, false)));
+    for (;;) {
+        waitForSigusr1();
+        say("unregister " + describe(s.unregisterListener(listener)));
+    }
+}
+
+void unregisterOther(Service& s, Args& a) {
+    const String16 name = a.text();
+    android::sp<lumen::preferences::IPreferencesListener> other;
+    if (android::getService(name, &other) != android::OK || other == nullptr) exit(3);
+    say("unregister " + describe(s.unregisterListener(other)));
+}
+
 const std::map<std::string, Op>& operations() {
     static const auto* ops = [] {
         auto* made = new std::map<std::string, Op>();
@@ -206,6 +414,13 @@ const std::map<std::string, Op>& operations() {
                     android::IInterface::asBinder(&s)->dump(STDOUT_FILENO, dumpArgs);
             printf("dump %d\n", status);
         };
+        (*made)["listeners"] = listeners;
+        (*made)["connections"] = connections;
+        (*made)["stall"] = stall;
+        (*made)["longkey"] = longKey;
+        (*made)["bigvalue"] = bigValue;
+        (*made)["watch"] = watch;
+        (*made)["unregister"] = unregisterOther;
         return made;
     }();
     return *ops;
@@ -216,6 +431,12 @@ const std::map<std::string, Op>& operations() {
 int main(int argc, char** argv) {
     // A test reads each answer as it comes, also when the service dies in the middle.
     setvbuf(stdout, nullptr, _IOLBF, 0);
+    // Blocked before any thread starts, so that only waitForSigusr1 takes it.
+    sigset_t blocked;
+    sigemptyset(&blocked);
+    sigaddset(&blocked, SIGUSR1);
+    pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
+    gServiceName = argc > 1 ? argv[1] : "";
     Args args(argc, argv);
     const android::sp<IPreferencesService> service = android::interface_cast<IPreferencesService>(
             android::defaultServiceManager()->getService(args.text()));
