@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <thread>
 
 namespace Halo::OS::testing {
 
@@ -80,14 +79,9 @@ pid_t DeviceTest::daemonPid() const {
 
 std::vector<std::string> DeviceTest::prefsArgs(const std::vector<std::string>& args,
                                                uid_t uid) const {
-    std::vector<std::string> argv;
-    if (uid != 0) {
-        argv = {"/usr/bin/setpriv", "--reuid=" + std::to_string(uid),
-                "--regid=" + std::to_string(uid), "--clear-groups"};
-    }
-    argv.insert(argv.end(), {PREFS_TOOL, "--binder-dir", mBinderDir});
+    std::vector<std::string> argv = {PREFS_TOOL, "--binder-dir", mBinderDir};
     argv.insert(argv.end(), args.begin(), args.end());
-    return argv;
+    return asUid(uid, argv);
 }
 
 CommandResult DeviceTest::prefs(const std::vector<std::string>& args, uid_t uid) const {
@@ -102,15 +96,6 @@ std::string DeviceTest::rootGet(const std::vector<std::string>& args) const {
     std::string line = result.out;
     if (!line.empty() && line.back() == '\n') line.pop_back();
     return line;
-}
-
-bool DeviceTest::eventually(const std::function<bool()>& condition) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(1);
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (condition()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    return condition();
 }
 
 bool DeviceTest::answers(const std::string& name) const {

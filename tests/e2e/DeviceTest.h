@@ -5,7 +5,6 @@
 #include <sys/types.h>
 
 #include <chrono>
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -49,8 +48,6 @@ protected:
     // The output line of a successful `prefs get` as root with `args` (the key first).
     std::string rootGet(const std::vector<std::string>& args) const;
 
-    // Polls `condition` every 50 ms until it holds; false after a minute.
-    static bool eventually(const std::function<bool()>& condition);
     // True when a connection to the service `name` is accepted now.
     bool answers(const std::string& name) const;
 
