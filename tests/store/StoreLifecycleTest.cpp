@@ -14,6 +14,7 @@
 #include "store/LogLines.h"
 #include "store/StoreTest.h"
 #include "support/LogCapture.h"
+#include "support/SqlRows.h"
 
 namespace Halo::OS::testing {
 namespace {
@@ -148,17 +149,6 @@ void touch(const std::string& path) {
     std::ofstream(path) << "x";
 }
 
-// Creates a database file outside the store with `sql`.
-void craftDatabase(const std::string& path, const std::string& sql) {
-    sqlite3* db = nullptr;
-    ASSERT_EQ(SQLITE_OK, sqlite3_open(path.c_str(), &db));
-    char* error = nullptr;
-    EXPECT_EQ(SQLITE_OK, sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &error))
-            << (error != nullptr ? error : "");
-    sqlite3_free(error);
-    sqlite3_close(db);
-}
-
 // The tables of an older store, before its `preferences` table is created.
 constexpr const char* kOldTables =
         "CREATE TABLE packages (package_uid INTEGER NOT NULL, package_name TEXT NOT NULL PRIMARY "
@@ -253,13 +243,13 @@ TEST_F(StoreLifecycleTest, ExistingDbKeepsItsVersionAndGetsOnlyMissingTables) {
             "TEXT, expires_at TEXT)";
     std::remove(mDir.file("system.db").c_str());
     // An older store that had only these two tables.
-    craftDatabase(mDir.file("system.db"),
-                  "CREATE TABLE packages (package_uid INTEGER NOT NULL, package_name TEXT NOT NULL "
-                  "PRIMARY KEY, UNIQUE(package_name, package_uid) ON CONFLICT ABORT);" +
-                          v1Preferences +
-                          ";INSERT INTO packages VALUES (1010123, 'com.example.app');"
-                          "INSERT INTO preferences VALUES ('volume', 0, 0, 1010123, "
-                          "'com.example.app', '5', NULL);PRAGMA user_version = 1;");
+    sqlRows(mDir.file("system.db"),
+            "CREATE TABLE packages (package_uid INTEGER NOT NULL, package_name TEXT NOT NULL "
+            "PRIMARY KEY, UNIQUE(package_name, package_uid) ON CONFLICT ABORT);" +
+                    v1Preferences +
+                    ";INSERT INTO packages VALUES (1010123, 'com.example.app');"
+                    "INSERT INTO preferences VALUES ('volume', 0, 0, 1010123, "
+                    "'com.example.app', '5', NULL);PRAGMA user_version = 1;");
     openStore();
     EXPECT_EQ(1, mStore->getDatabaseUserVersion());
     EXPECT_EQ(v1Preferences, scalar("SELECT sql FROM sqlite_master WHERE name = 'preferences'"));
@@ -277,12 +267,12 @@ TEST_F(StoreLifecycleTest, UpgradesAVersion0DatabaseToVersion2KeepingItsRows) {
     closeStore();
     std::remove(mDir.file("system.db").c_str());
     // Version 0: the same seven columns without the CHECK constraints of version 1.
-    craftDatabase(mDir.file("system.db"),
-                  std::string(kOldTables) +
-                          "CREATE TABLE preferences (key TEXT PRIMARY KEY, type INTEGER, scope "
-                          "INTEGER, owner_package_uid INTEGER, owner_package_name TEXT, "
-                          "default_value TEXT, expires_at TEXT);" +
-                          kOldRows);
+    sqlRows(mDir.file("system.db"),
+            std::string(kOldTables) +
+                    "CREATE TABLE preferences (key TEXT PRIMARY KEY, type INTEGER, scope "
+                    "INTEGER, owner_package_uid INTEGER, owner_package_name TEXT, "
+                    "default_value TEXT, expires_at TEXT);" +
+                    kOldRows);
     openStore();
     ASSERT_EQ(0, mStore->getDatabaseUserVersion());
     // The trigger exists before the upgrade (initialize() created it), as on a device.
@@ -327,11 +317,11 @@ TEST_F(StoreLifecycleTest, FailedUpgradeLeavesTheTableAndNoOpenTransaction) {
     closeStore();
     std::remove(mDir.file("system.db").c_str());
     // Eight columns: the copy into the seven-column table cannot work.
-    craftDatabase(mDir.file("system.db"),
-                  std::string(kOldTables) +
-                          "CREATE TABLE preferences (key TEXT PRIMARY KEY, type INTEGER, scope "
-                          "INTEGER, owner_package_uid INTEGER, owner_package_name TEXT, "
-                          "default_value TEXT, expires_at TEXT, extra TEXT);");
+    sqlRows(mDir.file("system.db"),
+            std::string(kOldTables) +
+                    "CREATE TABLE preferences (key TEXT PRIMARY KEY, type INTEGER, scope "
+                    "INTEGER, owner_package_uid INTEGER, owner_package_name TEXT, "
+                    "default_value TEXT, expires_at TEXT, extra TEXT);");
     openStore();
     {
         LogCapture log;

@@ -4,38 +4,19 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdio>
-#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "store/LogLines.h"
 #include "store/StoreTest.h"
+#include "support/FdCapture.h"
 #include "support/LogCapture.h"
 
 namespace Halo::OS::testing {
 namespace {
 
 using Pairs = std::vector<std::pair<unsigned int, unsigned int>>;
-
-// What `dump` writes to a file descriptor.
-std::string capture(const std::function<int32_t(int)>& dump, int32_t* result = nullptr) {
-    FILE* file = tmpfile();
-    if (file == nullptr) {
-        ADD_FAILURE() << "tmpfile failed";
-        return "";
-    }
-    const int32_t status = dump(fileno(file));
-    if (result != nullptr) *result = status;
-    std::string text;
-    rewind(file);
-    char buffer[4096];
-    size_t read;
-    while ((read = fread(buffer, 1, sizeof(buffer), file)) > 0) text.append(buffer, read);
-    fclose(file);
-    return text;
-}
 
 std::string header(const std::string& title, const std::string& schema) {
     return "\n=== Start of " + title + " table dump ===\nSchema: " + schema +
@@ -223,14 +204,14 @@ TEST_F(StoreDumpTest, DumpOfAPopulatedStore) {
     const std::string last = "\n=== End of Sqlite3PreferencesDb dump ===\n";
 
     int32_t result = -100;
-    const std::string dump = capture([&](int fd) { return mStore->dumpDatabases(fd); }, &result);
+    const std::string dump = capturedText([&](int fd) { result = mStore->dumpDatabases(fd); });
     EXPECT_EQ(0, result);
     // User databases are listed in directory order.
     if (dump != system + user0 + user10 + last) {
         EXPECT_EQ(system + user10 + user0 + last, dump);
     }
-    EXPECT_EQ(preferencesDump(), capture([&](int fd) { return mStore->dumpPreferencesTable(fd); }));
-    EXPECT_EQ(user10, capture([&](int fd) { return mStore->dumpUserDb(10, fd); }));
+    EXPECT_EQ(preferencesDump(), capturedText([&](int fd) { mStore->dumpPreferencesTable(fd); }));
+    EXPECT_EQ(user10, capturedText([&](int fd) { mStore->dumpUserDb(10, fd); }));
 }
 
 TEST_F(StoreDumpTest, NullValuesAndAStoreWithoutUserDatabases) {
@@ -252,7 +233,7 @@ TEST_F(StoreDumpTest, NullValuesAndAStoreWithoutUserDatabases) {
                     end("Listeners") +
                     "=== End of system DB dump ===\n"
                     "\n=== End of Sqlite3PreferencesDb dump ===\n",
-            capture([&](int fd) { return mStore->dumpDatabases(fd); }));
+            capturedText([&](int fd) { mStore->dumpDatabases(fd); }));
 }
 
 TEST_F(StoreDumpTest, FailingTablesWriteTheirErrorLineAndTheOthersStillPrint) {
@@ -262,7 +243,7 @@ TEST_F(StoreDumpTest, FailingTablesWriteTheirErrorLineAndTheOthersStillPrint) {
 
     LogCapture log;
     int32_t result = 0;
-    const std::string dump = capture([&](int fd) { return mStore->dumpDatabases(fd); }, &result);
+    const std::string dump = capturedText([&](int fd) { result = mStore->dumpDatabases(fd); });
     EXPECT_EQ(-1, result);
     const std::string permissions = header("Permissions", "key | package_uid | permission") +
                                     "Error encountered while dumping table Permissions.\n" +
@@ -292,11 +273,11 @@ TEST_F(StoreDumpTest, FailingTablesWriteTheirErrorLineAndTheOthersStillPrint) {
 TEST_F(StoreDumpTest, ValuesTableNeedsAUserAndPreferencesTableItsColumns) {
     LogCapture log;
     int32_t result = 0;
-    EXPECT_EQ(
-            header("User Values", "key | current_value") +
-                    "Error encountered while dumping table Preferences: No user ID provided.\n",
-            capture([&](int fd) { return mStore->dumpValuesTable(std::nullopt, Scope::User, fd); },
-                    &result));
+    EXPECT_EQ(header("User Values", "key | current_value") +
+                      "Error encountered while dumping table Preferences: No user ID provided.\n",
+              capturedText([&](int fd) {
+                  result = mStore->dumpValuesTable(std::nullopt, Scope::User, fd);
+              }));
     EXPECT_EQ(-14, result);
 
     // A store still in the version-1 layout cannot dump its preferences table.
@@ -304,7 +285,7 @@ TEST_F(StoreDumpTest, ValuesTableNeedsAUserAndPreferencesTableItsColumns) {
     EXPECT_EQ(header("Preferences",
                      "key | type | scope | owner_package_uid | owner_package_name | "
                      "default_value | expires_at"),
-              capture([&](int fd) { return mStore->dumpPreferencesTable(fd); }, &result));
+              capturedText([&](int fd) { result = mStore->dumpPreferencesTable(fd); }));
     EXPECT_EQ(-1, result);
     const std::string& text = log.text();
     EXPECT_TRUE(hasLogLine(text, 'E', "Unable to dump user values table: no id was provided."));
