@@ -2,13 +2,12 @@
 
 #include <binder/IPCThreadState.h>
 #include <gtest/gtest.h>
-#include <stdio.h>
 #include <unistd.h>
 
-#include <functional>
 #include <sstream>
 
 #include "process/Process.h"
+#include "support/FdCapture.h"
 
 namespace Halo::OS {
 namespace {
@@ -20,21 +19,9 @@ using std::chrono::microseconds;
 
 const PreferencesProfiler::TimePoint kT0(microseconds(1715435112000000LL));
 
-// What `write` writes to a descriptor (a temporary file, so that large dumps cannot block).
-std::string written(const std::function<void(int)>& write) {
-    FILE* file = tmpfile();
-    if (file == nullptr) return "tmpfile failed";
-    write(fileno(file));
-    rewind(file);
-    std::string text;
-    for (int c; (c = fgetc(file)) != EOF;) text.push_back(static_cast<char>(c));
-    fclose(file);
-    return text;
-}
-
 // The 27 bucket counts on the profile dump line that starts with `label`.
 std::vector<uint32_t> buckets(const PreferencesProfiler& profiler, const std::string& label) {
-    std::string dump = written([&](int fd) { profiler.dumpProfile(fd); });
+    std::string dump = testing::capturedText([&](int fd) { profiler.dumpProfile(fd); });
     size_t start = dump.find("\n" + label + ":");
     if (start == std::string::npos) return {};
     std::istringstream line(dump.substr(start + label.size() + 2));
@@ -51,7 +38,7 @@ std::vector<uint32_t> withCounts(std::initializer_list<std::pair<size_t, uint32_
 
 // The trace dump, one entry per line, each split at " | " without its calendar time.
 std::vector<Texts> traceEntries(const PreferencesProfiler& profiler) {
-    std::istringstream dump(written([&](int fd) { profiler.dumpTrace(fd); }));
+    std::istringstream dump(testing::capturedText([&](int fd) { profiler.dumpTrace(fd); }));
     std::vector<Texts> entries;
     for (std::string line; std::getline(dump, line);) {
         Texts columns;
@@ -135,10 +122,10 @@ TEST(PreferencesProfilerTest, DumpProfileTextAndReset) {
             "P90  lock times: 4294967295-0 us\n"
             "\nP99  read times: 200-300 us\nP99 write times: 900-1000 us\n"
             "P99  lock times: 4294967295-0 us\n",
-            written([&](int fd) { profiler.dumpProfile(fd); }));
+            testing::capturedText([&](int fd) { profiler.dumpProfile(fd); }));
 
     profiler.resetProfile();
-    std::string dump = written([&](int fd) { profiler.dumpProfile(fd); });
+    std::string dump = testing::capturedText([&](int fd) { profiler.dumpProfile(fd); });
     EXPECT_EQ(std::string::npos, dump.find("key counts"));
     EXPECT_NE(std::string::npos, dump.find("total reads:  0\ntotal writes: 0\ntotal locks:  0\n"));
     EXPECT_EQ(withCounts({}), buckets(profiler, "  read time distribution"));
@@ -159,7 +146,7 @@ TEST(PreferencesProfilerTest, TraceIsCappedAndKeepsItsStart) {
     EXPECT_EQ((Texts{"10000", "write", "key10000", "v", "", "7", "1"}), entries.back());
 
     profiler.resetTrace();
-    EXPECT_EQ("", written([&](int fd) { profiler.dumpTrace(fd); }));
+    EXPECT_EQ("", testing::capturedText([&](int fd) { profiler.dumpTrace(fd); }));
     for (int at : {500, 520}) {
         profiler.recordTrace(kT0 + microseconds(at), EventType::Read, "a", "", 9, 7, 1);
     }
