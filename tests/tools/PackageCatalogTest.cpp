@@ -1,7 +1,6 @@
 #include "prefs-appinfo/PackageCatalog.h"
 
 #include <gtest/gtest.h>
-#include <json/reader.h>
 
 #include <memory>
 #include <string>
@@ -9,6 +8,7 @@
 #include "prefs-appinfo/AppInfoCommandLine.h"
 #include "prefs-appinfo/DeviceUsers.h"
 #include "prefs-appinfo/PackageFile.h"
+#include "support/JsonText.h"
 
 namespace Halo::OS {
 namespace {
@@ -25,15 +25,6 @@ PackageFile package(int uid, const std::string& name, const std::string& permiss
             "], \"contents\": [{\"key\": \"k\", \"type\": \"integer\"}]}";
     EXPECT_TRUE(PackageFile::parse(text, &file, &error)) << error;
     return file;
-}
-
-Json::Value json(const std::string& text) {
-    Json::CharReaderBuilder builder;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    Json::Value value;
-    std::string errors;
-    EXPECT_TRUE(reader->parse(text.data(), text.data() + text.size(), &value, &errors)) << errors;
-    return value;
 }
 
 std::string parseError(const std::string& text) {
@@ -138,17 +129,18 @@ TEST(PackageCatalogTest, PermissionsFollowTheInstalledPackagesInEveryUser) {
 TEST(PackageCatalogTest, SchemaListsCarryTheirFlagsAndPackages) {
     // (Flags and package order as the listener sees them are checked in SimulatorEventsTest.)
     PackageCatalog catalog;
-    EXPECT_EQ(json("{\"add\": true, \"restart\": true, \"schemas\": []}"),
-              json(catalog.fullSchemaList()));
+    EXPECT_EQ(testing::parseJson("{\"add\": true, \"restart\": true, \"schemas\": []}"),
+              testing::parseJson(catalog.fullSchemaList()));
     const PackageFile b = package(10057, "com.b", "");
     catalog.put("2.json", b);
     catalog.put("1.json", package(10010, "com.a", ""));
-    EXPECT_EQ(b.document(), json(catalog.fullSchemaList())["schemas"][1]);
-    EXPECT_EQ(b.document(), json(PackageCatalog::addList(b))["schemas"][0]);
+    EXPECT_EQ(b.document(), testing::parseJson(catalog.fullSchemaList())["schemas"][1]);
+    EXPECT_EQ(b.document(), testing::parseJson(PackageCatalog::addList(b))["schemas"][0]);
     // A removal names the package without its contents.
-    EXPECT_EQ(json("{\"uid\": 10057, \"packageName\": \"com.b\", \"version\": \"1.2\", "
-                   "\"date\": \"01/02/2024\"}"),
-              json(PackageCatalog::removalList(b))["schemas"][0]);
+    EXPECT_EQ(
+            testing::parseJson("{\"uid\": 10057, \"packageName\": \"com.b\", \"version\": \"1.2\", "
+                               "\"date\": \"01/02/2024\"}"),
+            testing::parseJson(PackageCatalog::removalList(b))["schemas"][0]);
 }
 
 TEST(PackageCatalogTest, SimulatorCommandLine) {
