@@ -43,7 +43,6 @@ public:
         }
         return mService->echoInt(value * 2, out);
     }
-    Status onOneway(int32_t /*sequence*/) override { return Status::ok(); }
     Status onData(const std::vector<uint8_t>& /*data*/) override { return Status::ok(); }
 
     std::thread::id thread() {

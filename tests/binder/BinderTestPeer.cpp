@@ -57,7 +57,6 @@ public:
         *out = value;
         return Status::ok();
     }
-    Status onOneway(int32_t /*sequence*/) override { return Status::ok(); }
     Status onData(const std::vector<uint8_t>& /*data*/) override { return Status::ok(); }
 };
 
