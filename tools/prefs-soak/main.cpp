@@ -14,12 +14,9 @@
 // end; 1 otherwise; 2 for a wrong command line.
 #include <binder/IServiceManager.h>
 #include <binder/ProcessState.h>
-#include <dirent.h>
-#include <fcntl.h>
 #include <lumen/preferences/BnPreferencesListener.h>
 #include <lumen/preferences/IPreferencesService.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <utils/String16.h>
@@ -28,13 +25,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <random>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "device/DeviceRunner.h"
 
 namespace {
 
@@ -54,67 +51,6 @@ struct Options {
 };
 
 constexpr uid_t kFirstAppUid = 10301;
-
-std::string entry(const std::string& key, const std::string& type, const std::string& def,
-                  const std::string& scope) {
-    return R"({"key": ")" + key + R"(", "type": ")" + type + R"(", "default": ")" + def +
-           R"(", "scope": ")" + scope + R"(", "hasWritePermission": true, "isOwner": true})";
-}
-
-std::string package(uid_t uid, const std::string& name, const std::string& contents) {
-    return R"({"uid": )" + std::to_string(uid) + R"(, "packageName": ")" + name +
-           R"(", "version": "1", "permissions": ["com.nimbus.permission.READ_SETTINGS",
-           "com.nimbus.permission.WRITE_SETTINGS"], "contents": [)" +
-           contents + "]}";
-}
-
-void writeFile(const std::string& path, const std::string& text) {
-    const std::string temporary = path + ".tmp";
-    std::ofstream(temporary) << text;
-    std::filesystem::rename(temporary, path);
-}
-
-pid_t spawn(const std::vector<std::string>& argv, const std::string& log) {
-    const pid_t pid = fork();
-    if (pid == 0) {
-        const int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-        dup2(fd, STDOUT_FILENO);
-        dup2(fd, STDERR_FILENO);
-        std::vector<char*> args;
-        for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
-        args.push_back(nullptr);
-        execv(args[0], args.data());
-        _exit(127);
-    }
-    return pid;
-}
-
-bool waitForSocket(const std::string& path) {
-    for (int i = 0; i < 6000; ++i) {
-        struct stat st {};
-        if (stat(path.c_str(), &st) == 0 && S_ISSOCK(st.st_mode)) return true;
-        usleep(20000);
-    }
-    return false;
-}
-
-long residentKb(pid_t pid) {
-    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-    std::string line;
-    while (std::getline(status, line)) {
-        if (line.rfind("VmRSS:", 0) == 0) return std::strtol(line.c_str() + 6, nullptr, 10);
-    }
-    return -1;
-}
-
-int descriptors(pid_t pid) {
-    DIR* dir = opendir(("/proc/" + std::to_string(pid) + "/fd").c_str());
-    if (dir == nullptr) return -1;
-    int count = 0;
-    while (dirent* e = readdir(dir)) count += e->d_name[0] != '.';
-    closedir(dir);
-    return count;
-}
 
 class Listener : public lumen::preferences::BnPreferencesListener {
 public:
@@ -226,39 +162,25 @@ int main(int argc, char** argv) {
                 "[--minutes M] [--clients N] [--work DIR]\n");
         return 2;
     }
-    namespace fs = std::filesystem;
-    if (options.work.empty()) {
-        char pattern[] = "/tmp/prefs-soak.XXXXXX";
-        options.work = mkdtemp(pattern);
-    }
-    chmod(options.work.c_str(), 0755);
-    const std::string binder = options.work + "/binder", data = options.work + "/data",
-                      packages = options.work + "/packages", log = options.work + "/device.log";
-    fs::create_directories(packages);
+    using Halo::OS::DeviceRunner;
+    DeviceRunner device({options.preferencesd, options.appinfo, options.config}, options.work);
     for (int c = 0; c < options.clients; ++c) {
         const std::string p = "soak" + std::to_string(c) + "_";
-        writeFile(packages + "/soak" + std::to_string(c) + ".json",
-                  package(kFirstAppUid + c, "com.example.soak" + std::to_string(c),
-                          entry(p + "int", "integer", "0", "system") + ", " +
-                                  entry(p + "user", "integer", "0", "user") + ", " +
-                                  entry(p + "cross", "long", "0", "crossUser") + ", " +
-                                  entry(p + "text", "string", "t", "system")));
+        device.writeFile(
+                "soak" + std::to_string(c) + ".json",
+                DeviceRunner::package(
+                        kFirstAppUid + c, "com.example.soak" + std::to_string(c),
+                        DeviceRunner::entry(p + "int", "integer", "0", "system") + ", " +
+                                DeviceRunner::entry(p + "user", "integer", "0", "user") + ", " +
+                                DeviceRunner::entry(p + "cross", "long", "0", "crossUser") + ", " +
+                                DeviceRunner::entry(p + "text", "string", "t", "system")));
     }
-    writeFile(packages + "/users.json", R"({"users": [0, 10], "current": 0})");
-    setenv("BINDER_DIR", binder.c_str(), 1);
-
-    const pid_t appinfo =
-            spawn({options.appinfo, "--packages", packages, "--binder-dir", binder}, log);
-    const pid_t daemon =
-            spawn({options.preferencesd, "--binder-dir", binder, "--data-dir", data, "--legacy-dir",
-                   options.work + "/legacy", "--config-dir", options.config},
-                  log);
-    if (!waitForSocket(binder + "/PreferencesService")) {
-        fprintf(stderr, "prefs-soak: the daemon did not start; see %s\n", log.c_str());
-        kill(appinfo, SIGKILL);
-        kill(daemon, SIGKILL);
+    device.writeFile("users.json", R"({"users": [0, 10], "current": 0})");
+    if (!device.start()) {
+        fprintf(stderr, "prefs-soak: the daemon did not start; see %s\n", device.logPath().c_str());
         return 1;
     }
+    const pid_t daemon = device.daemonPid();
     sleep(2);  // the packages' schema lists
 
     const auto start = Clock::now();
@@ -277,28 +199,29 @@ int main(int argc, char** argv) {
     }
     close(reports[1]);
 
-    printf("seconds  rss_kb  fds  (daemon pid %d, work %s)\n", daemon, options.work.c_str());
+    printf("seconds  rss_kb  fds  (daemon pid %d, work %s)\n", daemon, device.work().c_str());
     long firstRss = -1, lastRss = -1;
     int firstFds = -1, lastFds = -1, churn = 0;
     auto nextSample = start;
     while (Clock::now() < deadline) {
         // Package churn: install a package with 50 keys, or remove the last one installed.
-        const std::string churnFile = packages + "/churn.json";
         if (churn++ % 2 == 0) {
             std::string contents;
             for (int k = 0; k < 50; ++k) {
-                contents += (k ? ", " : "") + entry("churn_" + std::to_string(k), "integer",
-                                                    std::to_string(churn), "system");
+                contents += (k ? ", " : "") + DeviceRunner::entry("churn_" + std::to_string(k),
+                                                                  "integer", std::to_string(churn),
+                                                                  "system");
             }
-            writeFile(churnFile, package(10400, "com.example.churn", contents));
+            device.writeFile("churn.json",
+                             DeviceRunner::package(10400, "com.example.churn", contents));
         } else {
-            unlink(churnFile.c_str());
+            device.removeFile("churn.json");
         }
         if (Clock::now() >= nextSample) {
             const long seconds =
                     std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - start).count();
-            lastRss = residentKb(daemon);
-            lastFds = descriptors(daemon);
+            lastRss = DeviceRunner::residentKb(daemon);
+            lastFds = DeviceRunner::descriptors(daemon);
             // The first minute (or tenth of the run) warms caches and pools up.
             if (firstRss < 0 && seconds >= std::min(60.0, options.minutes * 6)) {
                 firstRss = lastRss;
@@ -325,19 +248,14 @@ int main(int argc, char** argv) {
         waitpid(pid, &status, 0);
         failedClients += !(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     }
-    const long endRss = residentKb(daemon);
-    const int endFds = descriptors(daemon);
-    kill(daemon, SIGTERM);
-    int daemonStatus = 0;
-    waitpid(daemon, &daemonStatus, 0);
-    kill(appinfo, SIGTERM);
-    waitpid(appinfo, nullptr, 0);
+    const long endRss = DeviceRunner::residentKb(daemon);
+    const int endFds = DeviceRunner::descriptors(daemon);
+    const bool clean = device.stop();
 
     if (firstRss < 0) {
         firstRss = lastRss;
         firstFds = lastFds;
     }
-    const bool clean = WIFEXITED(daemonStatus) && WEXITSTATUS(daemonStatus) == 0;
     // Growth allowance: allocator noise of a few MiB, nothing that scales with the run.
     const bool rssFlat = endRss - firstRss <= std::max(8192L, firstRss / 10);
     const bool fdsFlat = endFds <= firstFds + 2;
