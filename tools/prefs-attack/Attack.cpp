@@ -211,15 +211,18 @@ Attack::Count userIds(const Attack::Target& target, Clock::time_point deadline) 
     return count;
 }
 
-// Dumps into a pipe that is full and never read: the service must not wait on it while holding
+// Dumps of the databases into a pipe that is never read: the service must not wait on it while holding
 // what other callers need.
 Attack::Count stalledDump(const Attack::Target& target, Clock::time_point deadline) {
     return asApp(target, [&](Attack::Count* count) {
         int pipeFds[2];
         if (pipe2(pipeFds, O_NONBLOCK) != 0) return tally(count, false);
-        const char junk[4096] = {};
+        // Full but for one page: the service's writes block part way through the dump, as
+        // they do for a reader that stops reading.
+        char junk[4096] = {};
         while (write(pipeFds[1], junk, sizeof junk) > 0) {
         }
+        if (read(pipeFds[0], junk, sizeof junk) < 0) return tally(count, false);
         fcntl(pipeFds[1], F_SETFL, 0);
         sp<IBinder> binder = service("PreferencesService");
         if (binder == nullptr) return tally(count, false);
@@ -229,7 +232,7 @@ Attack::Count stalledDump(const Attack::Target& target, Clock::time_point deadli
         for (int i = 0; i < 4 && Clock::now() < deadline; ++i) {
             std::thread([binder, &pipeFds, &started, &refused] {
                 android::Vector<String16> args;
-                args.push(String16("nodb"));
+                args.push(String16("db"));
                 ++started;
                 if (binder->dump(pipeFds[1], args) != android::OK) ++refused;
             }).detach();
@@ -355,7 +358,7 @@ const std::vector<Attack>& attackCatalog() {
             {"listener-rows", "registrations that fail part way; the service as its own listener",
              false, listenerRowsAttack},
             {"user-ids", "reads and writes of users that do not exist", false, userIds},
-            {"stalled-dump", "dumps into a full pipe that is never read", false, stalledDump},
+            {"stalled-dump", "database dumps into a pipe that is never read", false, stalledDump},
             {"connections", "a thousand connections from one app", false, connections},
             {"deep-json", "a package file nested 100,000 levels deep", false, deepJson},
             {"many-packages", "a restart list of 2,000 packages of 50 keys", true, manyPackages},
