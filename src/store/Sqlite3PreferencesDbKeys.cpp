@@ -656,10 +656,10 @@ int32_t Sqlite3PreferencesDb::setPreferencePermission(const std::string& key, un
     }
     const int stepped = step(statement);
     if (stepped == SQLITE_DONE) return 0;
-    // The package already holds a permission on the key: update it. A missing key or package
-    // (a foreign key failure) is an error, not an update of nothing.
-    if (isConstraintFailure(stepped) &&
-        sqlite3_extended_errcode(mSystemDb->db) == SQLITE_CONSTRAINT_UNIQUE) {
+    // Any constraint failure is taken for an existing row and becomes an update. A missing key,
+    // or a package name known under another uid (an app reinstalled under a new uid), is a
+    // foreign key failure: the update then changes no row and succeeds.
+    if (isConstraintFailure(stepped)) {
         return updatePreferencePermission(key, uid, packageName, permission);
     }
     logFailureToExecutePreparedStatement(statement, PreferenceScope::System);

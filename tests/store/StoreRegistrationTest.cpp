@@ -180,14 +180,16 @@ TEST_F(StoreRegistrationTest, PermissionsAreReadAndReadWriteOnly) {
     EXPECT_EQ(-13, mStore->setPreferencePermission("volume", kAppUid, kApp, Permission::None));
     EXPECT_EQ(-13,
               mStore->setPreferencePermission("volume", kAppUid, kApp, static_cast<Permission>(3)));
-    // A key or package that does not exist is an error, not an update of nothing.
-    EXPECT_EQ(-1, mStore->setPreferencePermission("missing", kAppUid, kApp, Permission::Read));
-    EXPECT_EQ(-1, mStore->setPreferencePermission("volume", kOtherUid, kOther, Permission::Read));
+    // A key or package that does not exist fails the insert on a constraint: it becomes an
+    // update, which finds no row to change.
+    EXPECT_EQ(0, mStore->setPreferencePermission("missing", kAppUid, kApp, Permission::Read));
+    EXPECT_EQ(0, mStore->setPreferencePermission("volume", kOtherUid, kOther, Permission::Read));
+    EXPECT_EQ("2", scalar("SELECT count(*) FROM permissions"));
     EXPECT_EQ(0, mStore->getPreferencePermission("volume", kAppUid, permission));
     EXPECT_EQ(Permission::ReadWrite, permission);
     EXPECT_TRUE(hasLogLine(log.text(), 'E',
                            "volume Invalid permission provided to registering permission: 3"));
-    EXPECT_EQ(2u, Telemetry::count("setpreferencepermission_error_prepared_statement"));
+    EXPECT_EQ(0u, Telemetry::count("setpreferencepermission_error_prepared_statement"));
 }
 
 // A package that comes back with a new schema: the keys it no longer declares are swept with

@@ -1,0 +1,117 @@
+// Outcomes of store operations that meet a constraint or a failure: the code returned, the error
+// lines logged and the telemetry events reported, one row per case.
+
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+#include <sys/stat.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "store/LogLines.h"
+#include "store/StoreTest.h"
+#include "support/LogCapture.h"
+
+namespace Halo::OS::testing {
+namespace {
+
+class StoreOutcomeTableTest : public StoreTest {
+protected:
+    struct Case {
+        const char* name;
+        std::function<void()> setup;
+        std::function<int32_t()> operation;
+        int32_t result;
+        // Error lines that must be logged; none means no error line at all.
+        std::vector<std::string> logLines;
+        // Prefixes of the events that must be reported, each once; no other event is.
+        std::vector<std::string> events;
+    };
+
+    // A store of its own for each case, in a fresh subdirectory.
+    void openCaseStore(const std::string& name) {
+        closeStore();
+        ASSERT_EQ(0, mkdir(mDir.file(name).c_str(), 0700));
+        mStore = std::make_unique<DirectoryPreferencesDb>(mDir.file(name));
+        ASSERT_EQ(0, mStore->initialize());
+    }
+
+    // Makes every step of the system statement with the text `sql` fail (interrupted) until
+    // the case ends.
+    void failStepsOf(const std::string& sql) {
+        mFailingSql = sql;
+        sqlite3_progress_handler(systemDb(), 1, &StoreOutcomeTableTest::interruptIfRunning, this);
+    }
+    void stopFailingSteps() {
+        if (mFailingSql.empty()) return;
+        sqlite3_progress_handler(systemDb(), 0, nullptr, nullptr);
+        mFailingSql.clear();
+    }
+
+    void run(const Case& c) {
+        SCOPED_TRACE(c.name);
+        openCaseStore(c.name);
+        c.setup();
+        Telemetry::resetCounts();
+        LogCapture log;
+        EXPECT_EQ(c.result, c.operation());
+        stopFailingSteps();
+        const std::string& text = log.text();
+        if (c.logLines.empty()) {
+            EXPECT_FALSE(log.contains("PreferencesService E ")) << text;
+        }
+        for (const std::string& line : c.logLines) {
+            EXPECT_TRUE(hasLogLine(text, 'E', line)) << line << "\n" << text;
+        }
+        for (const std::string& event : c.events) {
+            EXPECT_EQ(1u, Telemetry::countPrefix(event)) << event;
+        }
+        EXPECT_EQ(c.events.size(), Telemetry::countPrefix(""));
+    }
+
+private:
+    static int interruptIfRunning(void* self) {
+        auto* test = static_cast<StoreOutcomeTableTest*>(self);
+        sqlite3* db = test->systemDb();
+        for (sqlite3_stmt* s = sqlite3_next_stmt(db, nullptr); s != nullptr;
+             s = sqlite3_next_stmt(db, s)) {
+            const char* sql = sqlite3_sql(s);  // null for SQLite's own statements
+            if (sqlite3_stmt_busy(s) && sql != nullptr && test->mFailingSql == sql) return 1;
+        }
+        return 0;
+    }
+
+    std::string mFailingSql;
+};
+
+TEST_F(StoreOutcomeTableTest, ConstraintsAndFailures) {
+    const auto declareVolume = [&] {
+        ASSERT_EQ(0, declare(kAppUid, kApp, "volume", Scope::System, Type::Integer, true, "5"));
+    };
+    const Case cases[] = {
+            // A permission insert that meets any constraint becomes an update: of no row when
+            // the key is unknown or the package name is known under another uid.
+            {"permissionOnUnknownKey",
+             declareVolume,
+             [&] {
+                 return mStore->setPreferencePermission("missing", kAppUid, kApp, Permission::Read);
+             },
+             0,
+             {},
+             {}},
+            {"permissionOfReinstalledPackage",
+             declareVolume,
+             [&] {
+                 return mStore->setPreferencePermission("volume", kOtherUid, kApp,
+                                                        Permission::Read);
+             },
+             0,
+             {},
+             {}},
+    };
+    for (const Case& c : cases) run(c);
+}
+
+}  // namespace
+}  // namespace Halo::OS::testing
