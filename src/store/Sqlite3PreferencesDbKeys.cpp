@@ -258,11 +258,11 @@ int32_t Sqlite3PreferencesDb::insertPreferenceInPreferencesMap(
     }
     const int stepped = step(statement);
     if (stepped == SQLITE_DONE) return 0;
-    const int extended = sqlite3_extended_errcode(mSystemDb->db);
-    if (extended == SQLITE_CONSTRAINT_PRIMARYKEY || extended == SQLITE_CONSTRAINT_UNIQUE) {
+    // Every constraint failure, a type or scope outside the table's CHECK constraints included,
+    // is logged as a duplicate row.
+    if (isConstraintFailure(stepped)) {
         ALOGE("Unable to insert duplicate row for %s.", key.c_str());
     } else {
-        // A type or scope outside the table's CHECK constraints, or a database failure.
         logFailureToExecutePreparedStatement(statement, PreferenceScope::System);
     }
     return -1;

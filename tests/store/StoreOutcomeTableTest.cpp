@@ -109,6 +109,16 @@ TEST_F(StoreOutcomeTableTest, ConstraintsAndFailures) {
              0,
              {},
              {}},
+            // A key of no type breaks the type CHECK: a constraint failure like a duplicate.
+            {"keyOfNoType",
+             [] {},
+             [&] {
+                 return registerKey(kAppUid, kApp, "typeless", Scope::System, Type::NoType, true,
+                                    "1");
+             },
+             -1,
+             {"Unable to insert duplicate row for typeless.", "Failed to register new typeless."},
+             {}},
     };
     for (const Case& c : cases) run(c);
 }
