@@ -513,9 +513,8 @@ int32_t Sqlite3PreferencesDb::initializeSystemDb() {
     if (sqlite3_open(path.c_str(), &mSystemDb->db) != SQLITE_OK) {
         ALOGE("Failed to open db");
         Telemetry::report("systemdbinit_error");
-        // The handle of a failed open is only good for its error message.
-        sqlite3_close(mSystemDb->db);
-        mSystemDb->db = nullptr;
+        // The handle stays with the record (state Opening): later queries on it fail as queries
+        // and report their error, and the next attempt or uninitialize() closes it.
         return -2;
     }
     mMetadata.attach(mSystemDb->db);

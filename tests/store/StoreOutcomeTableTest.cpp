@@ -119,6 +119,19 @@ TEST_F(StoreOutcomeTableTest, ConstraintsAndFailures) {
              -1,
              {"Unable to insert duplicate row for typeless.", "Failed to register new typeless."},
              {}},
+            // A system database that failed to open keeps its handle: queries on it fail as
+            // queries.
+            {"batchOnDatabaseThatFailedToOpen",
+             [&] {
+                 closeStore();
+                 mStore = std::make_unique<DirectoryPreferencesDb>(mDir.file("absent"));
+                 ASSERT_EQ(-2, mStore->initialize());
+             },
+             [&] { return mStore->beginBatch(); },
+             -1,
+             {"Failed to execute raw query: scope=System, query='BEGIN', code='",
+              "Failed to begin batch mode transaction for system DB"},
+             {"executerawquery_error_sqlite3_exec:scope=System, query='BEGIN', code='"}},
     };
     for (const Case& c : cases) run(c);
 }
