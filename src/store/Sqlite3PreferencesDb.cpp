@@ -784,12 +784,8 @@ int32_t Sqlite3PreferencesDb::upgradeVersionFromV1ToV2() {
     if (!prepareToRun(statement, PreferenceScope::System)) return -1;
     {
         ScopedStatementReset reset(statement);
-        const int stepped = step(statement);
-        if (stepped == SQLITE_ROW) return 0;
-        if (stepped != SQLITE_DONE) {
-            logFailureToExecutePreparedStatement(statement, PreferenceScope::System);
-            return -1;
-        }
+        // Only a row proves the column is there; no row, or a failed step, goes on to add it.
+        if (step(statement) == SQLITE_ROW) return 0;
     }
     sqlite3* db = getDbForScope(PreferenceScope::System, std::nullopt);
     if (executeRawQuery(kQueryUpgradeForeignKeysOff, db, PreferenceScope::System) != 0) {

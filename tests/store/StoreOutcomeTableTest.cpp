@@ -132,6 +132,25 @@ TEST_F(StoreOutcomeTableTest, ConstraintsAndFailures) {
              {"Failed to execute raw query: scope=System, query='BEGIN', code='",
               "Failed to begin batch mode transaction for system DB"},
              {"executerawquery_error_sqlite3_exec:scope=System, query='BEGIN', code='"}},
+            // Only a row proves the migration column exists: a failed look goes on to add it.
+            {"upgradeWhoseColumnTestFails",
+             [&] {
+                 exec("ALTER TABLE preferences DROP COLUMN migration; PRAGMA user_version = 1");
+                 failStepsOf(
+                         "SELECT name FROM pragma_table_info('preferences') WHERE name = "
+                         "'migration'");
+             },
+             [&] {
+                 const int32_t result = mStore->upgradeVersionFromV1ToV2();
+                 stopFailingSteps();
+                 EXPECT_EQ(2, mStore->getDatabaseUserVersion());
+                 EXPECT_EQ("1", scalar("SELECT count(*) FROM pragma_table_info('preferences') "
+                                       "WHERE name = 'migration'"));
+                 return result;
+             },
+             0,
+             {},
+             {}},
     };
     for (const Case& c : cases) run(c);
 }
