@@ -225,16 +225,13 @@ constexpr const char* kSystemStatements[] = {
         "SELECT name FROM pragma_table_info('preferences') WHERE name = 'migration'",
 
         // The store's own statements, not of the fixed set above.
-        // configuration of a key: type, owner, default (one read where three would do)
-        "SELECT type, owner_package_uid, owner_package_name, default_value FROM preferences WHERE "
-        "key = ?",
         // one key on which the package holds a permission and that has not expired (the test of
         // "list expired keys", negated; an unreadable expiry counts as not expired)
         "SELECT 1 FROM permissions JOIN preferences ON preferences.key = permissions.key WHERE "
         "permissions.package_uid = ? AND permissions.package_name = ? AND NOT "
         "coalesce(strftime('%s', 'now') - strftime('%s', preferences.expires_at) >= 0, 0) LIMIT 1",
 };
-static_assert(sizeof(kSystemStatements) / sizeof(kSystemStatements[0]) == 50);
+static_assert(sizeof(kSystemStatements) / sizeof(kSystemStatements[0]) == 49);
 
 // The statements of a user database, in the order of the ValueStatement enumeration.
 constexpr const char* kUserStatements[] = {

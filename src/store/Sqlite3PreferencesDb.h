@@ -149,7 +149,7 @@ public:
                                              const std::string& key,
                                              const std::optional<std::string>& defaultValue);
     // Type, owner and default (absent when NULL) of an existing key; -8 for an unknown key, -1 on
-    // failure, both logged as a failure to read the type.
+    // failure, each logged and reported as a failure to read the type, the owner or the default.
     int32_t getPreferenceConfiguration(const std::string& key, Type& type,
                                        std::optional<unsigned int>& ownerUid,
                                        std::optional<std::string>& ownerPackage,
@@ -299,7 +299,6 @@ private:
         kDowngradeCrossScope,
         kUserVersion,
         kHasMigrationColumn,
-        kGetConfiguration,
         kFindUnexpiredKeyOfPackage,
         kSystemStatementCount,
     };

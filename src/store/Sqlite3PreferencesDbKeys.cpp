@@ -268,15 +268,29 @@ int32_t Sqlite3PreferencesDb::insertPreferenceInPreferencesMap(
     return -1;
 }
 
-// One statement reads the three facts. The key was found a moment earlier under the same lock, so
-// a missing row or a failed step is reported as the type read that comes first would be.
+// Three reads, so that a failure names the fact it could not read.
 int32_t Sqlite3PreferencesDb::getPreferenceConfiguration(const std::string& key, Type& type,
                                                          std::optional<unsigned int>& ownerUid,
                                                          std::optional<std::string>& ownerPackage,
                                                          std::optional<std::string>& defaultValue) {
     static constexpr const char* kOperation = "getPreferenceConfiguration";
-    sqlite3_stmt* statement = systemStatement(kGetConfiguration);
-    int32_t result = 0;
+    int32_t result = getPreferenceType(key, type);
+    if (result != 0) {
+        ALOGE("%s, Unable to update existing %s; failed to get current type.", kOperation,
+              key.c_str());
+        Telemetry::report("getPreferenceConfiguration_error_retrieve_type");
+        return result;
+    }
+    result = getPreferenceOwner(key, ownerUid, ownerPackage);
+    if (result != 0) {
+        ALOGE("%s, Unable to update existing %s; failed to get current owner %s.", kOperation,
+              key.c_str(), std::to_string(result).c_str());
+        Telemetry::report("getPreferenceConfiguration_error_retrieve_owner");
+        return result;
+    }
+    // The default is read here rather than with getDefaultValue(): a key may have no default,
+    // which is a valid configuration and not an error.
+    sqlite3_stmt* statement = systemStatement(kGetDefault);
     if (!prepareToRun(statement, PreferenceScope::System)) {
         result = -1;
     } else {
@@ -285,26 +299,22 @@ int32_t Sqlite3PreferencesDb::getPreferenceConfiguration(const std::string& key,
             logFailureToBuildQuery(PreferenceScope::System);
             result = -1;
         } else {
-            switch (step(statement)) {
-                case SQLITE_ROW:
-                    type = static_cast<Type>(sqlite3_column_int(statement, 0));
-                    readOwner(statement, 1, ownerUid, ownerPackage);
-                    defaultValue = columnText(statement, 3);
-                    return 0;
-                case SQLITE_DONE:
-                    ALOGE("Unable to get scope: %s does not exist in table.", key.c_str());
-                    Telemetry::report("getpreferencetype_error_unregistered_key");
-                    result = -8;
-                    break;
-                default:
-                    logFailureToExecutePreparedStatement(statement, PreferenceScope::System);
-                    result = -1;
-                    break;
+            const int stepped = step(statement);
+            if (stepped == SQLITE_ROW) {
+                defaultValue = columnText(statement, 0);
+            } else if (stepped == SQLITE_DONE) {
+                result = -8;
+            } else {
+                logFailureToExecutePreparedStatement(statement, PreferenceScope::System);
+                result = -1;
             }
         }
     }
-    ALOGE("%s, Unable to update existing %s; failed to get current type.", kOperation, key.c_str());
-    Telemetry::report("getPreferenceConfiguration_error_retrieve_type");
+    if (result != 0) {
+        ALOGE("%s, Unable to update existing %s; failed to get current default value.", kOperation,
+              key.c_str());
+        Telemetry::report("getPreferenceConfiguration_error_retrieve_default_value");
+    }
     return result;
 }
 

@@ -91,8 +91,6 @@ const std::vector<std::string> kExpectedSystemStatements = {
         "SELECT * FROM pragma_user_version LIMIT 1",
         "SELECT name FROM pragma_table_info('preferences') WHERE name = 'migration'",
         // The store's own lookups.
-        "SELECT type, owner_package_uid, owner_package_name, default_value FROM preferences WHERE "
-        "key = ?",
         "SELECT 1 FROM permissions JOIN preferences ON preferences.key = permissions.key WHERE "
         "permissions.package_uid = ? AND permissions.package_name = ? AND NOT "
         "coalesce(strftime('%s', 'now') - strftime('%s', preferences.expires_at) >= 0, 0) LIMIT 1",

@@ -89,6 +89,9 @@ TEST_F(StoreOutcomeTableTest, ConstraintsAndFailures) {
     const auto declareVolume = [&] {
         ASSERT_EQ(0, declare(kAppUid, kApp, "volume", Scope::System, Type::Integer, true, "5"));
     };
+    const auto registerVolumeAgain = [&] {
+        return registerKey(kAppUid, kApp, "volume", Scope::System, Type::Integer, true, "5");
+    };
     const Case cases[] = {
             // A permission insert that meets any constraint becomes an update: of no row when
             // the key is unknown or the package name is known under another uid.
@@ -151,6 +154,46 @@ TEST_F(StoreOutcomeTableTest, ConstraintsAndFailures) {
              0,
              {},
              {}},
+            // Re-registering a key reads its type, owner and default apart, and a failure names
+            // the one that could not be read.
+            {"configurationTypeUnreadable",
+             [&] {
+                 declareVolume();
+                 failStepsOf("SELECT type FROM preferences WHERE key = ?");
+             },
+             registerVolumeAgain,
+             -1,
+             {"getPreferenceConfiguration, Unable to update existing volume; failed to get "
+              "current type.",
+              "Unable to update volume; unable to get configuration."},
+             {"getPreferenceConfiguration_error_retrieve_type",
+              "updatepreference_error_update_configuration"}},
+            {"configurationOwnerUnreadable",
+             [&] {
+                 declareVolume();
+                 failStepsOf(
+                         "SELECT owner_package_uid, owner_package_name FROM preferences WHERE "
+                         "key = ?");
+             },
+             registerVolumeAgain,
+             -1,
+             {"getPreferenceConfiguration, Unable to update existing volume; failed to get "
+              "current owner -1.",
+              "Unable to update volume; unable to get configuration."},
+             {"getPreferenceConfiguration_error_retrieve_owner",
+              "updatepreference_error_update_configuration"}},
+            {"configurationDefaultUnreadable",
+             [&] {
+                 declareVolume();
+                 failStepsOf("SELECT default_value FROM preferences WHERE key = ?");
+             },
+             registerVolumeAgain,
+             -1,
+             {"getPreferenceConfiguration, Unable to update existing volume; failed to get "
+              "current default value.",
+              "Unable to update volume; unable to get configuration."},
+             {"getPreferenceConfiguration_error_retrieve_default_value",
+              "updatepreference_error_update_configuration"}},
     };
     for (const Case& c : cases) run(c);
 }
