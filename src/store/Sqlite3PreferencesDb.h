@@ -425,8 +425,6 @@ private:
             const std::optional<std::string>& requestedDefault,
             const std::optional<unsigned int>& ownerUid,
             const std::optional<std::string>& ownerPackage);
-    // Deletes value rows of a key that has just been created from every user database.
-    void purgeUserValuesOfNewKey(const std::string& key);
     // The user ids of the databases in the directory, for operations that visit every user
     // database for one key. Outside a batch the directory is read on every call; within one it
     // is read once and then kept in step with the databases this store opens and deletes, since

@@ -192,7 +192,6 @@ int32_t Sqlite3PreferencesDb::registerPreference(unsigned int requesterUid,
             ALOGE("Failed to register new %s.", key.c_str());
             return result;
         }
-        if (scope != PreferenceScope::System) purgeUserValuesOfNewKey(key);
         return 0;
     }
     if (result != 0) {
@@ -212,29 +211,6 @@ int32_t Sqlite3PreferencesDb::registerPreference(unsigned int requesterUid,
     }
     return updateExistingPreference(requesterUid, requesterPackage, key, currentScope, scope, type,
                                     ownerUid, ownerPackage, defaultValue);
-}
-
-// A key whose last permission went with its package is reaped by the trigger at once, which
-// cannot reach the user databases: its user values stay behind. A new key of the same name,
-// perhaps of another package, must not inherit them, so they are removed when it is created.
-// Failures are logged only: the key itself is registered.
-void Sqlite3PreferencesDb::purgeUserValuesOfNewKey(const std::string& key) {
-    std::vector<unsigned int> userIds;
-    if (!getUserIdsOfDbsForKey(userIds)) return;
-    for (unsigned int userId : userIds) {
-        if (initializeUserDb(userId) != 0) {
-            ALOGW("Unable to remove stale values of new key %s for user %d", key.c_str(), userId);
-            continue;
-        }
-        sqlite3_stmt* statement = valueStatement(kValueDeleteRow, PreferenceScope::User, userId);
-        if (!prepareToRun(statement, PreferenceScope::User, userId)) continue;
-        ScopedStatementReset reset(statement);
-        if (!bindText(statement, 1, key)) {
-            logFailureToBuildQuery(PreferenceScope::User, userId);
-            continue;
-        }
-        runWrite(statement, PreferenceScope::User, userId);
-    }
 }
 
 int32_t Sqlite3PreferencesDb::insertPreferenceInPreferencesMap(
