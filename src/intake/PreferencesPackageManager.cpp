@@ -234,7 +234,10 @@ bool PreferencesPackageManager::dump(int fd) {
 void PreferencesPackageManager::process() {
     do {
         std::unique_ptr<PreferencesSchemaList> list;
-        if (mQueue.dequeue(list)) mKeyManager->process(list, KeySourceDomain::Application);
+        // Without a key manager (a service built without one) lists are dropped.
+        if (mQueue.dequeue(list) && mKeyManager != nullptr) {
+            mKeyManager->process(list, KeySourceDomain::Application);
+        }
     } while (!mQueue.isTerminated() && mRunning);
 }
 

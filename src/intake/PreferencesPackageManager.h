@@ -67,7 +67,8 @@ public:
 
     // Same as the next with start = true.
     explicit PreferencesPackageManager(const std::shared_ptr<PreferencesKeyManager>& keyManager);
-    // Keeps `keyManager` (shared with the service) and makes the listener; starts when `start`.
+    // Keeps `keyManager` (shared with the service; may be null, then received lists are dropped)
+    // and makes the listener; starts when `start`.
     PreferencesPackageManager(const std::shared_ptr<PreferencesKeyManager>& keyManager, bool start);
     // Detaches the listener, then stops.
     ~PreferencesPackageManager();

@@ -558,9 +558,7 @@ int PreferencesKeyManager::getType(const std::string& key, Type& out) {
     if (mTracing) {
         mProfiler->recordTrace(
                 std::chrono::time_point_cast<std::chrono::microseconds>(start), EventType::GetType,
-                key,
-                fmt::format("type: {}, return {}",
-                            static_cast<uint32_t>(result == 0 ? out : Type::NoType), result),
+                key, fmt::format("type: {}, return {}", static_cast<uint32_t>(out), result),
                 callingPidForTrace(), threadId(), static_cast<unsigned long>(microsSince(start)));
     }
     mMutex.unlock();

@@ -112,7 +112,8 @@ public:
     int getWithoutPermissionCheck(const std::string& key, std::string& out, Type type)
             EXCLUDES(mMutex);
 
-    // The declared type of a key the caller may read.
+    // The declared type of a key the caller may read. On failure `out` keeps the value it came
+    // with, which is also the type the trace records.
     int getType(const std::string& key, Type& out) EXCLUDES(mMutex);
     int getTypeLockedPermitted(const std::string& key, Type& out) const REQUIRES(mMutex);
 

@@ -406,6 +406,10 @@ void PreferencesService::setTraceOnBoot(bool on) {
 }
 
 void PreferencesService::setOnBoot(const char* key, bool on) {
+    if (mKeyManager == nullptr) {
+        ALOGE("Cannot set %s because the key manager is null", key);
+        return;
+    }
     const Status status = setBoolean(String16(key), on);
     const std::string text = fmt::format("Error setting {} to {}", key, on);
     if (!status.isOk()) logStatusError(text, status);
@@ -429,7 +433,11 @@ Status PreferencesService::profile(const std::string& command,
     } else if (command == "disable-profile-on-boot") {
         setProfileOnBoot(false);
     } else if (command == "reset-profile") {
-        if (mKeyManager != nullptr) mKeyManager->resetProfile();
+        if (mKeyManager != nullptr) {
+            mKeyManager->resetProfile();
+        } else {
+            ALOGE("Cannot reset the profile because the key manager is null");
+        }
     } else if (command == "start-tracing") {
         setTracing(true);
     } else if (command == "stop-tracing") {
@@ -439,7 +447,11 @@ Status PreferencesService::profile(const std::string& command,
     } else if (command == "disable-trace-on-boot") {
         setTraceOnBoot(false);
     } else if (command == "reset-trace") {
-        if (mKeyManager != nullptr) mKeyManager->resetTrace();
+        if (mKeyManager != nullptr) {
+            mKeyManager->resetTrace();
+        } else {
+            ALOGE("Cannot reset the trace because the key manager is null");
+        }
     } else {
         return Status::fromExceptionCode(Status::EX_ILLEGAL_ARGUMENT);
     }

@@ -168,7 +168,7 @@ public:
     bool profiling() const;
     bool tracing() const;
     // Write the one-shot switches through the plain setBoolean (as the caller); a refusal is
-    // logged only.
+    // logged only. Without a key manager they log an error and write nothing.
     void setProfileOnBoot(bool on);
     void setTraceOnBoot(bool on);
 

@@ -225,16 +225,13 @@ constexpr const char* kSystemStatements[] = {
         "SELECT name FROM pragma_table_info('preferences') WHERE name = 'migration'",
 
         // The store's own statements, not of the fixed set above.
-        // configuration of a key: type, owner, default (one read where three would do)
-        "SELECT type, owner_package_uid, owner_package_name, default_value FROM preferences WHERE "
-        "key = ?",
         // one key on which the package holds a permission and that has not expired (the test of
         // "list expired keys", negated; an unreadable expiry counts as not expired)
         "SELECT 1 FROM permissions JOIN preferences ON preferences.key = permissions.key WHERE "
         "permissions.package_uid = ? AND permissions.package_name = ? AND NOT "
         "coalesce(strftime('%s', 'now') - strftime('%s', preferences.expires_at) >= 0, 0) LIMIT 1",
 };
-static_assert(sizeof(kSystemStatements) / sizeof(kSystemStatements[0]) == 50);
+static_assert(sizeof(kSystemStatements) / sizeof(kSystemStatements[0]) == 49);
 
 // The statements of a user database, in the order of the ValueStatement enumeration.
 constexpr const char* kUserStatements[] = {
@@ -513,9 +510,8 @@ int32_t Sqlite3PreferencesDb::initializeSystemDb() {
     if (sqlite3_open(path.c_str(), &mSystemDb->db) != SQLITE_OK) {
         ALOGE("Failed to open db");
         Telemetry::report("systemdbinit_error");
-        // The handle of a failed open is only good for its error message.
-        sqlite3_close(mSystemDb->db);
-        mSystemDb->db = nullptr;
+        // The handle stays with the record (state Opening): later queries on it fail as queries
+        // and report their error, and the next attempt or uninitialize() closes it.
         return -2;
     }
     mMetadata.attach(mSystemDb->db);
@@ -785,12 +781,8 @@ int32_t Sqlite3PreferencesDb::upgradeVersionFromV1ToV2() {
     if (!prepareToRun(statement, PreferenceScope::System)) return -1;
     {
         ScopedStatementReset reset(statement);
-        const int stepped = step(statement);
-        if (stepped == SQLITE_ROW) return 0;
-        if (stepped != SQLITE_DONE) {
-            logFailureToExecutePreparedStatement(statement, PreferenceScope::System);
-            return -1;
-        }
+        // Only a row proves the column is there; no row, or a failed step, goes on to add it.
+        if (step(statement) == SQLITE_ROW) return 0;
     }
     sqlite3* db = getDbForScope(PreferenceScope::System, std::nullopt);
     if (executeRawQuery(kQueryUpgradeForeignKeysOff, db, PreferenceScope::System) != 0) {

@@ -149,7 +149,7 @@ public:
                                              const std::string& key,
                                              const std::optional<std::string>& defaultValue);
     // Type, owner and default (absent when NULL) of an existing key; -8 for an unknown key, -1 on
-    // failure, both logged as a failure to read the type.
+    // failure, each logged and reported as a failure to read the type, the owner or the default.
     int32_t getPreferenceConfiguration(const std::string& key, Type& type,
                                        std::optional<unsigned int>& ownerUid,
                                        std::optional<std::string>& ownerPackage,
@@ -299,7 +299,6 @@ private:
         kDowngradeCrossScope,
         kUserVersion,
         kHasMigrationColumn,
-        kGetConfiguration,
         kFindUnexpiredKeyOfPackage,
         kSystemStatementCount,
     };
@@ -426,8 +425,6 @@ private:
             const std::optional<std::string>& requestedDefault,
             const std::optional<unsigned int>& ownerUid,
             const std::optional<std::string>& ownerPackage);
-    // Deletes value rows of a key that has just been created from every user database.
-    void purgeUserValuesOfNewKey(const std::string& key);
     // The user ids of the databases in the directory, for operations that visit every user
     // database for one key. Outside a batch the directory is read on every call; within one it
     // is read once and then kept in step with the databases this store opens and deletes, since

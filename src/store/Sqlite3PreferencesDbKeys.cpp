@@ -192,7 +192,6 @@ int32_t Sqlite3PreferencesDb::registerPreference(unsigned int requesterUid,
             ALOGE("Failed to register new %s.", key.c_str());
             return result;
         }
-        if (scope != PreferenceScope::System) purgeUserValuesOfNewKey(key);
         return 0;
     }
     if (result != 0) {
@@ -212,29 +211,6 @@ int32_t Sqlite3PreferencesDb::registerPreference(unsigned int requesterUid,
     }
     return updateExistingPreference(requesterUid, requesterPackage, key, currentScope, scope, type,
                                     ownerUid, ownerPackage, defaultValue);
-}
-
-// A key whose last permission went with its package is reaped by the trigger at once, which
-// cannot reach the user databases: its user values stay behind. A new key of the same name,
-// perhaps of another package, must not inherit them, so they are removed when it is created.
-// Failures are logged only: the key itself is registered.
-void Sqlite3PreferencesDb::purgeUserValuesOfNewKey(const std::string& key) {
-    std::vector<unsigned int> userIds;
-    if (!getUserIdsOfDbsForKey(userIds)) return;
-    for (unsigned int userId : userIds) {
-        if (initializeUserDb(userId) != 0) {
-            ALOGW("Unable to remove stale values of new key %s for user %d", key.c_str(), userId);
-            continue;
-        }
-        sqlite3_stmt* statement = valueStatement(kValueDeleteRow, PreferenceScope::User, userId);
-        if (!prepareToRun(statement, PreferenceScope::User, userId)) continue;
-        ScopedStatementReset reset(statement);
-        if (!bindText(statement, 1, key)) {
-            logFailureToBuildQuery(PreferenceScope::User, userId);
-            continue;
-        }
-        runWrite(statement, PreferenceScope::User, userId);
-    }
 }
 
 int32_t Sqlite3PreferencesDb::insertPreferenceInPreferencesMap(
@@ -258,25 +234,39 @@ int32_t Sqlite3PreferencesDb::insertPreferenceInPreferencesMap(
     }
     const int stepped = step(statement);
     if (stepped == SQLITE_DONE) return 0;
-    const int extended = sqlite3_extended_errcode(mSystemDb->db);
-    if (extended == SQLITE_CONSTRAINT_PRIMARYKEY || extended == SQLITE_CONSTRAINT_UNIQUE) {
+    // Every constraint failure, a type or scope outside the table's CHECK constraints included,
+    // is logged as a duplicate row.
+    if (isConstraintFailure(stepped)) {
         ALOGE("Unable to insert duplicate row for %s.", key.c_str());
     } else {
-        // A type or scope outside the table's CHECK constraints, or a database failure.
         logFailureToExecutePreparedStatement(statement, PreferenceScope::System);
     }
     return -1;
 }
 
-// One statement reads the three facts. The key was found a moment earlier under the same lock, so
-// a missing row or a failed step is reported as the type read that comes first would be.
+// Three reads, so that a failure names the fact it could not read.
 int32_t Sqlite3PreferencesDb::getPreferenceConfiguration(const std::string& key, Type& type,
                                                          std::optional<unsigned int>& ownerUid,
                                                          std::optional<std::string>& ownerPackage,
                                                          std::optional<std::string>& defaultValue) {
     static constexpr const char* kOperation = "getPreferenceConfiguration";
-    sqlite3_stmt* statement = systemStatement(kGetConfiguration);
-    int32_t result = 0;
+    int32_t result = getPreferenceType(key, type);
+    if (result != 0) {
+        ALOGE("%s, Unable to update existing %s; failed to get current type.", kOperation,
+              key.c_str());
+        Telemetry::report("getPreferenceConfiguration_error_retrieve_type");
+        return result;
+    }
+    result = getPreferenceOwner(key, ownerUid, ownerPackage);
+    if (result != 0) {
+        ALOGE("%s, Unable to update existing %s; failed to get current owner %s.", kOperation,
+              key.c_str(), std::to_string(result).c_str());
+        Telemetry::report("getPreferenceConfiguration_error_retrieve_owner");
+        return result;
+    }
+    // The default is read here rather than with getDefaultValue(): a key may have no default,
+    // which is a valid configuration and not an error.
+    sqlite3_stmt* statement = systemStatement(kGetDefault);
     if (!prepareToRun(statement, PreferenceScope::System)) {
         result = -1;
     } else {
@@ -285,26 +275,22 @@ int32_t Sqlite3PreferencesDb::getPreferenceConfiguration(const std::string& key,
             logFailureToBuildQuery(PreferenceScope::System);
             result = -1;
         } else {
-            switch (step(statement)) {
-                case SQLITE_ROW:
-                    type = static_cast<Type>(sqlite3_column_int(statement, 0));
-                    readOwner(statement, 1, ownerUid, ownerPackage);
-                    defaultValue = columnText(statement, 3);
-                    return 0;
-                case SQLITE_DONE:
-                    ALOGE("Unable to get scope: %s does not exist in table.", key.c_str());
-                    Telemetry::report("getpreferencetype_error_unregistered_key");
-                    result = -8;
-                    break;
-                default:
-                    logFailureToExecutePreparedStatement(statement, PreferenceScope::System);
-                    result = -1;
-                    break;
+            const int stepped = step(statement);
+            if (stepped == SQLITE_ROW) {
+                defaultValue = columnText(statement, 0);
+            } else if (stepped == SQLITE_DONE) {
+                result = -8;
+            } else {
+                logFailureToExecutePreparedStatement(statement, PreferenceScope::System);
+                result = -1;
             }
         }
     }
-    ALOGE("%s, Unable to update existing %s; failed to get current type.", kOperation, key.c_str());
-    Telemetry::report("getPreferenceConfiguration_error_retrieve_type");
+    if (result != 0) {
+        ALOGE("%s, Unable to update existing %s; failed to get current default value.", kOperation,
+              key.c_str());
+        Telemetry::report("getPreferenceConfiguration_error_retrieve_default_value");
+    }
     return result;
 }
 
@@ -656,10 +642,10 @@ int32_t Sqlite3PreferencesDb::setPreferencePermission(const std::string& key, un
     }
     const int stepped = step(statement);
     if (stepped == SQLITE_DONE) return 0;
-    // The package already holds a permission on the key: update it. A missing key or package
-    // (a foreign key failure) is an error, not an update of nothing.
-    if (isConstraintFailure(stepped) &&
-        sqlite3_extended_errcode(mSystemDb->db) == SQLITE_CONSTRAINT_UNIQUE) {
+    // Any constraint failure is taken for an existing row and becomes an update. A missing key,
+    // or a package name known under another uid (an app reinstalled under a new uid), is a
+    // foreign key failure: the update then changes no row and succeeds.
+    if (isConstraintFailure(stepped)) {
         return updatePreferencePermission(key, uid, packageName, permission);
     }
     logFailureToExecutePreparedStatement(statement, PreferenceScope::System);

@@ -68,11 +68,19 @@ TEST(PreferencesDeviceConfigTest, ExampleDeviceLoads) {
     }
     EXPECT_EQ(files + 1, config.nativeServiceSchemas().size());
     EXPECT_EQ(1u, config.nativeServiceSchemas().count(PreferencesDeviceConfig::kProfilerSchema));
+    // The daemons that name their uid are the audio server (1041) and the tracking service
+    // (2907), the two application ids the service exempts from its OS permission checks.
+    std::set<std::string> uids;
     for (const std::string& text : config.nativeServiceSchemas()) {
         auto schema = buildSchema(text);
         ASSERT_NE(nullptr, schema) << text;
         EXPECT_EQ(parseJson(text)["contents"].size(), schema->size()) << schema->package();
+        if (parseJson(text).isMember("uid")) {
+            uids.insert(schema->package() + " " + parseJson(text)["uid"].asString());
+        }
     }
+    EXPECT_EQ(std::set<std::string>({"nimbus.audio.daemon 1041", "nimbus.tracking.service 2907"}),
+              uids);
 
     EXPECT_EQ(Status::Loaded, config.legacyKeyListStatus());
     EXPECT_EQ(0u, config.legacyKeysSkipped());

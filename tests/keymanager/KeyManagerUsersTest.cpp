@@ -110,5 +110,29 @@ TEST_F(KeyManagerUsersTest, ProfileAndTraceDumpsFollowTheirSwitches) {
     EXPECT_EQ("", capturedText([&](int fd) { mManager->dumpTrace(fd); }));
 }
 
+// A type query's trace line records the type it returns, or on failure the type the caller
+// started with.
+TEST_F(KeyManagerUsersTest, TypeQueryTraceRecordsTheTypeItReturnsOrStartedWith) {
+    struct Case {
+        const char* key;
+        Type start;
+        int result;
+        const char* trace;
+    };
+    const Case cases[] = {
+            {"app.user", Type::Integer, 0, " | gettype | app.user | type: 2, return 0 | "},
+            {"app.missing", Type::Integer, -9, " | gettype | app.missing | type: 0, return -9 | "},
+            {"app.gone", Type::Long, -9, " | gettype | app.gone | type: 3, return -9 | "},
+    };
+    mManager->setTracing(true);
+    mManager->setCaller(0);
+    for (const Case& c : cases) {
+        Type type = c.start;
+        EXPECT_EQ(c.result, mManager->getType(c.key, type)) << c.key;
+        const std::string trace = capturedText([&](int fd) { mManager->dumpTrace(fd); });
+        EXPECT_NE(std::string::npos, trace.find(c.trace)) << trace;
+    }
+}
+
 }  // namespace
 }  // namespace Halo::OS

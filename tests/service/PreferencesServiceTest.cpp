@@ -9,6 +9,7 @@
 #include <limits>
 
 #include "service/ServiceFixture.h"
+#include "support/LogCapture.h"
 
 namespace Halo::OS::testing {
 namespace {
@@ -113,6 +114,21 @@ TEST_F(ServiceTest, ListenerKeysAreCutAtNulAndResultsMapToStatuses) {
     EXPECT_EQ(-6, again.serviceSpecificErrorCode());
     const Status unknown = mService->registerListener(listener, {String16("no_such_key")}, false);
     EXPECT_EQ(-3, unknown.serviceSpecificErrorCode());
+}
+
+// Without a key manager every profile command is a no-op that logs an error, never a failure.
+TEST(ServiceWithoutKeyManagerTest, ProfileCommandsSucceedAndLogAnError) {
+    binderDir();
+    android::sp<PreferencesService> service = new PreferencesService(nullptr);
+    for (const char* command :
+         {"start-profiling", "stop-profiling", "enable-profile-on-boot", "disable-profile-on-boot",
+          "reset-profile", "start-tracing", "stop-tracing", "enable-trace-on-boot",
+          "disable-trace-on-boot", "reset-trace"}) {
+        LogCapture log;
+        EXPECT_TRUE(service->profile(command, {}).isOk()) << command;
+        EXPECT_TRUE(log.contains("because the key manager is null")) << command;
+    }
+    EXPECT_FALSE(service->profiling() || service->tracing());
 }
 
 }  // namespace

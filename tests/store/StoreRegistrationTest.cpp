@@ -180,14 +180,16 @@ TEST_F(StoreRegistrationTest, PermissionsAreReadAndReadWriteOnly) {
     EXPECT_EQ(-13, mStore->setPreferencePermission("volume", kAppUid, kApp, Permission::None));
     EXPECT_EQ(-13,
               mStore->setPreferencePermission("volume", kAppUid, kApp, static_cast<Permission>(3)));
-    // A key or package that does not exist is an error, not an update of nothing.
-    EXPECT_EQ(-1, mStore->setPreferencePermission("missing", kAppUid, kApp, Permission::Read));
-    EXPECT_EQ(-1, mStore->setPreferencePermission("volume", kOtherUid, kOther, Permission::Read));
+    // A key or package that does not exist fails the insert on a constraint: it becomes an
+    // update, which finds no row to change.
+    EXPECT_EQ(0, mStore->setPreferencePermission("missing", kAppUid, kApp, Permission::Read));
+    EXPECT_EQ(0, mStore->setPreferencePermission("volume", kOtherUid, kOther, Permission::Read));
+    EXPECT_EQ("2", scalar("SELECT count(*) FROM permissions"));
     EXPECT_EQ(0, mStore->getPreferencePermission("volume", kAppUid, permission));
     EXPECT_EQ(Permission::ReadWrite, permission);
     EXPECT_TRUE(hasLogLine(log.text(), 'E',
                            "volume Invalid permission provided to registering permission: 3"));
-    EXPECT_EQ(2u, Telemetry::count("setpreferencepermission_error_prepared_statement"));
+    EXPECT_EQ(0u, Telemetry::count("setpreferencepermission_error_prepared_statement"));
 }
 
 // A package that comes back with a new schema: the keys it no longer declares are swept with
@@ -292,32 +294,47 @@ TEST_F(StoreRegistrationTest, ReRegistrationExpiresTheSameKeysWhateverTheyCarrie
     EXPECT_TRUE(keys().empty());
 }
 
-// The trigger reaps a key without touching user databases; a new key of the same name, here of
-// another package, must not find the old package's values there.
-TEST_F(StoreRegistrationTest, ANewKeyDoesNotInheritValuesOfAReapedKeyOfTheSameName) {
+// The trigger reaps a key without touching user databases. Declared again, here by another
+// package, the key finds the values they kept; declaring it opens no user database.
+TEST_F(StoreRegistrationTest, AKeyDeclaredAgainFindsTheValuesItsUsersDatabasesKept) {
     ASSERT_EQ(0, declare(kAppUid, kApp, "token", Scope::Cross, Type::String, true, "none"));
+    ASSERT_EQ(0, declare(kAppUid, kApp, "hint", Scope::User, Type::String, true, "none"));
     ASSERT_EQ(0, mStore->setPreferenceValue(0u, "token", "secret0"));
     ASSERT_EQ(0, mStore->setPreferenceValue(10u, "token", "secret10"));
+    ASSERT_EQ(0, mStore->setPreferenceValue(10u, "hint", "h10"));
     ASSERT_EQ(0, mStore->unregisterPackage(kAppUid, kApp));
     ASSERT_TRUE(keys().empty());
+    reopenStore();
 
     ASSERT_EQ(0, declare(kOtherUid, kOther, "token", Scope::Cross, Type::String, true, "fresh"));
-    EXPECT_EQ("fresh", read(0u, "token"));
-    EXPECT_EQ("fresh", read(10u, "token"));
-    EXPECT_EQ("0", scalar("SELECT count(*) FROM preference_values", userDb(10)));
+    ASSERT_EQ(0, declare(kOtherUid, kOther, "hint", Scope::User, Type::String, true, "fresh"));
+    EXPECT_EQ(nullptr, mStore->getDbForScope(Scope::User, 0u));
+    EXPECT_EQ(nullptr, mStore->getDbForScope(Scope::User, 10u));
+    EXPECT_EQ("secret0", read(0u, "token"));
+    EXPECT_EQ("secret10", read(10u, "token"));
+    EXPECT_EQ("h10", read(10u, "hint"));
+}
 
-    // Within a batch the directory is read once: a database deleted afterwards must not be
-    // brought back, and one created afterwards must still be reached.
+// Within a batch the sweep reads the directory once and keeps the list in step with the user
+// databases: one deleted afterwards is not created again, one created afterwards is reached.
+TEST_F(StoreRegistrationTest, SweepsWithinABatchFollowTheUserDatabases) {
+    for (const char* key : {"first", "second", "third"}) {
+        ASSERT_EQ(0, declare(kAppUid, kApp, key, Scope::Cross, Type::String, true, "none"));
+    }
+    ASSERT_EQ(0, mStore->setPreferenceValue(10u, "first", "1"));
+    const auto expireAndSweep = [&](const std::string& key) {
+        exec("UPDATE preferences SET expires_at = '2001-02-03 04:05:06' WHERE key = '" + key + "'");
+        return mStore->unregisterExpiredPreferences();
+    };
     ASSERT_EQ(0, mStore->beginBatch());
-    ASSERT_EQ(0, declare(kAppUid, kApp, "pin", Scope::Cross, Type::String, true, "none"));
+    EXPECT_EQ(0, expireAndSweep("first"));
     ASSERT_EQ(0, mStore->deleteUserData(10));
-    ASSERT_EQ(0, declare(kAppUid, kApp, "hint", Scope::User, Type::String, true, "none"));
+    expireAndSweep("second");
     EXPECT_FALSE(fileExists("user10.db"));
-    ASSERT_EQ(0, mStore->setPreferenceValue(20u, "pin", "1234"));
-    ASSERT_EQ(0, mStore->unregisterPackage(kAppUid, kApp));
-    ASSERT_EQ(0, declare(kOtherUid, kOther, "pin", Scope::Cross, Type::String, true, "0000"));
+    ASSERT_EQ(0, mStore->setPreferenceValue(20u, "third", "3"));
+    EXPECT_EQ(0, expireAndSweep("third"));
     ASSERT_EQ(0, mStore->commitBatch());
-    EXPECT_EQ("0000", read(20u, "pin"));
+    EXPECT_EQ("0", scalar("SELECT count(*) FROM preference_values", userDb(20)));
     EXPECT_FALSE(fileExists("user10.db"));
 }
 
