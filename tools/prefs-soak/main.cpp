@@ -36,6 +36,8 @@
 #include <thread>
 #include <vector>
 
+#include "process/ProcessSignals.h"
+
 namespace {
 
 using android::sp;
@@ -83,6 +85,7 @@ pid_t spawn(const std::vector<std::string>& argv, const std::string& log) {
         std::vector<char*> args;
         for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
         args.push_back(nullptr);
+        Halo::OS::ProcessSignals::resetForExec();
         execv(args[0], args.data());
         _exit(127);
     }
