@@ -8,7 +8,6 @@
 #include <memory>
 #include <string>
 
-#include "model/JsonParsing.h"
 #include "prefs-appinfo/AppInfoCommandLine.h"
 #include "prefs-appinfo/DeviceUsers.h"
 #include "prefs-appinfo/PackageFile.h"
@@ -52,18 +51,9 @@ TEST(PackageCatalogTest, PackageFilesAreCheckedBeforeTheyAreInstalled) {
     EXPECT_EQ(1u, weather.document()["contents"].size());
 
     // Bad JSON of any depth or size, or members of the wrong kind: refused, never thrown.
-    const std::string deep = std::string(100000, '[') + std::string(100000, ']');
-    // A package whose "contents" holds `arrays` empty arrays inside one another.
-    const auto nested = [](size_t arrays) {
-        return "{\"uid\": 7, \"packageName\": \"p\", \"contents\": [" + std::string(arrays, '[') +
-               std::string(arrays, ']') + "]}";
-    };
-    const std::string tooDeep = nested(kMaxJsonFileDepth - 1);
     const std::pair<std::string, const char*> refusals[] = {
             {"{\"uid\": 1, ", "not valid JSON"},
-            {deep, "nested deeper than 64 levels"},
-            {std::string(100000, '['), "nested deeper than 64 levels"},
-            {tooDeep, "nested deeper than 64 levels"},
+            {std::string(100000, '[') + std::string(100000, ']'), "nested deeper than 64 levels"},
             {"{\"uid\": 7.5, \"packageName\": \"p\"}", "uid"},
             {"{\"uid\": 7, \"packageName\": {}}", "packageName"},
             {"[1, 2]", "not a JSON object"},
@@ -80,12 +70,8 @@ TEST(PackageCatalogTest, PackageFilesAreCheckedBeforeTheyAreInstalled) {
         EXPECT_NE(std::string::npos, parseError(text).find(word)) << text.substr(0, 80);
     }
 
-    // Only one level short of the bound, the same nesting is a package.
-    std::string error;
-    PackageFile file;
-    EXPECT_TRUE(PackageFile::parse(nested(kMaxJsonFileDepth - 2), &file, &error)) << error;
-
     PackageFile missing;
+    std::string error;
     EXPECT_FALSE(PackageFile::load("/nonexistent/p.json", &missing, &error));
     EXPECT_EQ(0u, error.find("cannot be read")) << error;
     // Larger than the bound (sparse, so not written): refused before it is read.
