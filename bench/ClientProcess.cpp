@@ -13,6 +13,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "process/ProcessSignals.h"
+
 extern char** environ;
 
 namespace Halo::OS {
@@ -59,6 +61,7 @@ ClientProcess::ClientProcess(const Options& options) {
                 _exit(126);
             }
         }
+        ProcessSignals::resetForExec();
         execve(argv[0], argv.data(), envp.data());
         _exit(127);
     }

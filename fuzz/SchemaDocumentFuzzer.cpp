@@ -3,7 +3,6 @@
 // as the one schema of a list), to PreferencesSchemaBuilder and, entry by entry, to
 // PreferencesKeyInfoBuilder. Whatever the document, a builder either rejects it or builds an
 // object whose fields are consistent with what it accepted.
-#include <json/reader.h>
 #include <json/value.h>
 
 #include <cstddef>
@@ -12,6 +11,7 @@
 #include <memory>
 #include <string>
 
+#include "model/JsonParsing.h"
 #include "model/PreferencesKeyInfoBuilder.h"
 #include "model/PreferencesSchemaBuilder.h"
 #include "model/PreferencesSchemaListBuilder.h"
@@ -20,12 +20,10 @@ namespace {
 
 using namespace Halo::OS;
 
+// As a schema file is read: deeper documents are refused, never thrown.
 bool parse(const uint8_t* data, size_t size, Json::Value* out) {
-    Json::CharReaderBuilder builder;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    std::string errors;
-    const char* begin = reinterpret_cast<const char*>(data);
-    return reader->parse(begin, begin + size, out, &errors);
+    const std::string text(reinterpret_cast<const char*>(data), size);
+    return parseJsonText(text, *out, nullptr, kMaxJsonFileDepth);
 }
 
 // A built key has a type and a scope within their codes (6 is "no type": an unknown type word).

@@ -7,7 +7,6 @@
 #include <binder/IBinder.h>
 #include <binder/Parcel.h>
 #include <binder/Status.h>
-#include <json/reader.h>
 #include <lumen/preferences/BnPreferencesListener.h>
 #include <utils/String16.h>
 
@@ -21,6 +20,7 @@
 
 #include "FuzzTempDir.h"
 #include "keymanager/PreferencesKeyManager.h"
+#include "model/JsonParsing.h"
 #include "model/PreferencesSchemaListBuilder.h"
 #include "service/PreferencesService.h"
 #include "store/DirectoryPreferencesDb.h"
@@ -84,11 +84,8 @@ struct Harness {
         setenv("BINDER_DIR", dir.file("binder", true).c_str(), 1);
         keyManager = std::make_shared<ChosenCallerKeyManager>(
                 std::make_unique<DirectoryPreferencesDb>(dir.file("data", true)));
-        Json::CharReaderBuilder builder;
-        std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
         Json::Value document;
-        const std::string text = kSchemas;
-        if (!reader->parse(text.data(), text.data() + text.size(), &document, nullptr)) abort();
+        if (!parseJsonText(kSchemas, document)) abort();
         PreferencesSchemaListBuilder list;
         list.process(document);
         if (!keyManager->process(list.build(), KeySourceDomain::Application)) abort();

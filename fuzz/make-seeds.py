@@ -50,6 +50,11 @@ def schema_seeds():
     write("schema_document_fuzzer", "uid-minus-one", json.dumps({"uid": -1, "packageName": "p"}))
     write("schema_document_fuzzer", "list", json.dumps(
         {"add": True, "restart": True, "schemas": [docs["packages-com.example.weather"]]}))
+    # Nested past the reader's bound (64 levels for a document, 66 for a list) and past
+    # JsonCpp's own default limit of 1000: refused, never thrown.
+    deep = {"uid": 1, "packageName": "p", "contents": "[" * 2000 + "]" * 2000}
+    write("schema_document_fuzzer", "deep-nesting",
+          json.dumps(deep).replace('"[', "[").replace(']"', "]"))
 
     pkgs = [d for n, d in docs.items() if n.startswith("packages-")]
     write("schema_list_fuzzer", "install-all",
@@ -69,6 +74,7 @@ def schema_seeds():
         "uid": 10123, "packageName": "com.example.base"}]}))
     write("schema_list_fuzzer", "empty-object", "{}")
     write("schema_list_fuzzer", "not-json", "{\"add\": tru")
+    write("schema_list_fuzzer", "deep-nesting", '{"add": true, "schemas": ' + "[" * 2000)
 
 
 def service_seeds():

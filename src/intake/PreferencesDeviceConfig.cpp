@@ -4,7 +4,6 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <json/reader.h>
 #include <json/writer.h>
 #include <log/log.h>
 #include <sys/stat.h>
@@ -15,6 +14,7 @@
 #include <cstring>
 #include <vector>
 
+#include "model/JsonParsing.h"
 #include "threads/Mutex.h"
 
 namespace Halo::OS {
@@ -110,13 +110,6 @@ bool readFile(const std::string& path, std::string* text, std::string* error) {
     }
     close(fd);
     return ok;
-}
-
-// Parser messages span several lines; a log line must not.
-std::string oneLine(std::string text) {
-    std::replace(text.begin(), text.end(), '\n', ' ');
-    while (!text.empty() && text.back() == ' ') text.pop_back();
-    return text;
 }
 
 const TypeWord* findTypeWord(const Json::Value& value) {
@@ -269,12 +262,9 @@ void PreferencesDeviceConfig::loadLegacyKeys(const std::string& path) {
         return;
     }
 
-    Json::CharReaderBuilder builder;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
     Json::Value root;
-    std::string errors;
-    if (!reader->parse(text.data(), text.data() + text.size(), &root, &errors)) {
-        ALOGE("%s: not valid JSON: %s; no legacy keys", path.c_str(), oneLine(errors).c_str());
+    if (!parseJsonText(text, root, &error, kMaxJsonFileDepth)) {
+        ALOGE("%s: %s; no legacy keys", path.c_str(), error.c_str());
         mLegacyKeyListStatus = LegacyKeyListStatus::Malformed;
         return;
     }

@@ -2,12 +2,12 @@
 
 #include "intake/PreferencesNativeServiceManager.h"
 
-#include <json/reader.h>
 #include <log/log.h>
 
 #include <utility>
 #include <vector>
 
+#include "model/JsonParsing.h"
 #include "model/PreferencesSchemaBuilder.h"
 #include "model/PreferencesSchemaListBuilder.h"
 #include "telemetry/Telemetry.h"
@@ -40,12 +40,11 @@ bool PreferencesNativeServiceManager::injectNativeServiceKeys() {
 
 std::unique_ptr<PreferencesSchemaList> PreferencesNativeServiceManager::buildSchemaList(
         bool installed, bool restarted, const std::set<std::string>& schemas) const {
-    Json::CharReaderBuilder readerBuilder;
-    const std::unique_ptr<Json::CharReader> reader(readerBuilder.newCharReader());
     std::vector<std::unique_ptr<PreferencesSchema>> built;
     for (const std::string& text : schemas) {
         Json::Value document;
-        if (!reader->parse(text.data(), text.data() + text.size(), &document, nullptr)) {
+        // A schema file nested deeper than kMaxJsonFileDepth is malformed like any other.
+        if (!parseJsonText(text, document, nullptr, kMaxJsonFileDepth)) {
             ALOGE("Failed to parse string into Json: %s", text.c_str());
             Telemetry::report(kMalformedEvent);
             continue;

@@ -4,14 +4,13 @@
 
 #include <binder/IServiceManager.h>
 #include <binder/PermissionCache.h>
-#include <json/reader.h>
 #include <json/value.h>
 #include <log/log.h>
 
 #include <cstdio>
-#include <exception>
 #include <string>
 
+#include "model/JsonParsing.h"
 #include "model/KeySourceDomain.h"
 #include "model/PreferencesSchemaListBuilder.h"
 #include "telemetry/Telemetry.h"
@@ -21,19 +20,6 @@ namespace {
 
 const char* boolText(bool value) {
     return value ? "True" : "False";
-}
-
-// Parses `text` with JsonCpp's default reader settings. The reader throws when the document
-// nests deeper than its stack limit; that counts as malformed like any other error.
-bool parseJson(const std::string& text, Json::Value& out) {
-    Json::CharReaderBuilder builder;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    std::string errors;
-    try {
-        return reader->parse(text.data(), text.data() + text.size(), &out, &errors);
-    } catch (const std::exception&) {
-        return false;
-    }
 }
 
 // What a listener call gets once its manager is gone.
@@ -189,7 +175,8 @@ android::binder::Status PreferencesPackageManager::onSchema(const std::vector<ui
     android::PermissionCache::purgeCache();
     const std::string text(schema.begin(), schema.end());
     Json::Value document;
-    if (!parseJson(text, document)) {
+    // A list nested deeper than kMaxJsonListDepth counts as malformed like any other error.
+    if (!parseJsonText(text, document)) {
         ALOGE("Incoming schema list format has error, ignore");
         Telemetry::report("onschema_json_error");
         return Status::fromExceptionCode(Status::EX_BAD_PARCELABLE);

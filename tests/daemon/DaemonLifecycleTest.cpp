@@ -169,6 +169,30 @@ TEST_F(DaemonLifecycleTest, SigtermDuringWritesExitsZeroAndKeepsEveryAnsweredWri
     }
 }
 
+TEST_F(DaemonLifecycleTest, SigintStopsADaemonStartedWithSigintIgnored) {
+    // As a shell starts a background job: SIGINT and SIGQUIT ignored, which exec keeps.
+    const std::string asBackgroundJob = "trap '' INT QUIT;";
+    const std::vector<std::string> ignored =
+            runToEnd({"/bin/sh", "-c", asBackgroundJob + " exec grep SigIgn /proc/self/status"});
+    ASSERT_EQ(1u, ignored.size());
+    EXPECT_EQ(0x2u, std::stoul(ignored[0].substr(ignored[0].find(':') + 1), nullptr, 16) & 0x2u)
+            << ignored[0] << ": the prefix does not ignore SIGINT";
+
+    start({}, asBackgroundJob);
+    mDaemon->kill(SIGINT);
+    const pid_t pid = mDaemon->pid();
+    const bool ended = eventually([pid] {
+        siginfo_t info{};
+        return waitid(P_PID, pid, &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid != 0;
+    });
+    EXPECT_TRUE(ended) << "the daemon did not stop on SIGINT";
+    const int status = killDaemon(ended ? SIGINT : SIGKILL);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
+    struct stat st {};
+    EXPECT_NE(0, stat((mDataDir + "/system.db-wal").c_str(), &st)) << "the store was not closed";
+    EXPECT_NE(0, stat(socketPath().c_str(), &st)) << "the socket outlived the daemon";
+}
+
 TEST_F(DaemonLifecycleTest, PackageManagerListensToTheAppInfoServiceUntilShutdown) {
     // (Schema lists from a real prefs-appinfo reaching the daemon are tested in tests/e2e.)
     ChildProcess appInfo({APPINFO_SERVICE, "--exit-after-ms", "600000"});

@@ -8,6 +8,8 @@
 
 #include <chrono>
 
+#include "process/ProcessSignals.h"
+
 namespace Halo::OS::testing {
 
 CommandResult CommandResult::run(const std::vector<std::string>& argv) {
@@ -27,6 +29,7 @@ CommandResult CommandResult::run(const std::vector<std::string>& argv) {
     if (pid == 0) {
         dup2(out[1], STDOUT_FILENO);
         dup2(err[1], STDERR_FILENO);
+        ProcessSignals::resetForExec();
         execv(args[0], args.data());
         _exit(127);
     }

@@ -146,8 +146,10 @@ TEST_F(SimulatorEventsTest, RegistrationThenEveryChangeOfTheFolderInOrder) {
     write("beta.json", TestPackages::beta());
     write("notes.txt", "not a package");
     write("broken.json", "{\"uid\": 3");
+    write("deep.json", std::string(100000, '[') + std::string(100000, ']'));
     start();
     EXPECT_TRUE(logged(mPackagesDir + "/broken.json: not valid JSON"));
+    EXPECT_TRUE(logged(mPackagesDir + "/deep.json: not valid JSON: nested deeper than 64 levels"));
     EXPECT_EQ("userList 0", mListener->next());
     EXPECT_EQ("currentUser 0", mListener->next());
     EXPECT_EQ("schema add=1 restart=1 com.test.alpha com.test.beta", mListener->next());
@@ -184,7 +186,7 @@ TEST_F(SimulatorEventsTest, RegistrationThenEveryChangeOfTheFolderInOrder) {
     EXPECT_EQ("deleteUserData 10", mListener->next());
     EXPECT_EQ("deleteUserData 11", mListener->next());
     write("users.json", "{\"users\": [}");
-    EXPECT_TRUE(logged("users.json: not valid JSON; skipped"));
+    EXPECT_TRUE(logged("users.json: not valid JSON: "));
     ASSERT_EQ(0, unlink((mPackagesDir + "/users.json").c_str()));
     EXPECT_EQ("userList 0", mListener->next());
     EXPECT_EQ("currentUser 0", mListener->next());

@@ -140,15 +140,23 @@ TEST(PreferencesDeviceConfigTest, NativeFilesArePassedOnAsTextAndBadOnesCostOnly
 }
 
 TEST(PreferencesDeviceConfigTest, MalformedLegacyKeyListsCostOnlyThemselves) {
-    for (const char* document :
-         {R"({"keys": [ {"index": 0, )", "", R"([{"index": 0}])", R"({"keys": {"index": 0}})"}) {
+    // Bad JSON of any depth or size too: 100,000 levels, one level over the bound, over 1 MiB.
+    const std::string deep = std::string(100000, '[') + std::string(100000, ']');
+    const std::string overBound =
+            R"({"keys": [)" + std::string(63, '[') + std::string(63, ']') + "]}";
+    const std::string huge =
+            R"({"keys": [)" + std::string(PreferencesDeviceConfig::kMaxFileSize, ' ') + "]}";
+    for (const std::string& document :
+         {std::string(R"({"keys": [ {"index": 0, )"), std::string(),
+          std::string(R"([{"index": 0}])"), std::string(R"({"keys": {"index": 0}})"), deep,
+          overBound, huge}) {
         TempDir dir;
         ASSERT_EQ(0, mkdir(dir.file("native").c_str(), 0700));
         write(dir.file("native/daemon.json"), "{}");
         write(dir.file("legacy-keys.json"), document);
         LogCapture log;
         PreferencesDeviceConfig config(dir.path());
-        EXPECT_EQ(Status::Malformed, config.legacyKeyListStatus()) << document;
+        EXPECT_EQ(Status::Malformed, config.legacyKeyListStatus()) << document.substr(0, 80);
         EXPECT_TRUE(config.legacyKeyTables().empty());
         EXPECT_EQ(2u, config.nativeServiceSchemas().size());
         expectConsistent(config);

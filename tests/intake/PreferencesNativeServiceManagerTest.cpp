@@ -42,6 +42,7 @@ TEST_F(PreferencesNativeServiceManagerTest, UsableDocumentsAreDeclaredUnderTheNa
     writeNative("audio.json", schema("nimbus.audio.daemon", "audio_step", "\"uid\": 1041,"));
     writeNative("broken.json", "{\"packageName\": \"nimbus.broken\", \"contents\": [");
     writeNative("nameless.json", "{\"version\": \"1\", \"contents\": []}");
+    writeNative("deep.json", std::string(100000, '[') + std::string(100000, ']'));
     start();
     Telemetry::resetCounts();
     LogCapture log;
@@ -49,7 +50,8 @@ TEST_F(PreferencesNativeServiceManagerTest, UsableDocumentsAreDeclaredUnderTheNa
     EXPECT_TRUE(
             log.contains("Failed to parse string into Json: {\"packageName\": \"nimbus.broken\""));
     EXPECT_TRUE(log.contains("Failed to parse Json into PreferencesSchemaBuilder: {\"version\""));
-    EXPECT_EQ(2u, Telemetry::count("native_service_keys_malformed"));
+    EXPECT_TRUE(log.contains("Failed to parse string into Json: [[[["));
+    EXPECT_EQ(3u, Telemetry::count("native_service_keys_malformed"));
     EXPECT_EQ("8", value("audio_step", Type::Integer));
     EXPECT_EQ("false", value("preferences_trace_on_boot_one_shot", Type::Boolean));
     EXPECT_EQ((std::vector<std::string>{

@@ -9,6 +9,8 @@
 
 #include <thread>
 
+#include "process/ProcessSignals.h"
+
 namespace Halo::OS::testing {
 
 ChildProcess::ChildProcess(const std::vector<std::string>& argv) {
@@ -23,6 +25,7 @@ ChildProcess::ChildProcess(const std::vector<std::string>& argv) {
     mPid = fork();
     if (mPid == 0) {
         dup2(fds[1], STDOUT_FILENO);
+        ProcessSignals::resetForExec();
         execv(args[0], args.data());
         _exit(127);
     }

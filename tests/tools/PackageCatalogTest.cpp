@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
+#include <fstream>
 #include <memory>
 #include <string>
 
@@ -9,6 +12,7 @@
 #include "prefs-appinfo/DeviceUsers.h"
 #include "prefs-appinfo/PackageFile.h"
 #include "support/JsonText.h"
+#include "support/TempDir.h"
 
 namespace Halo::OS {
 namespace {
@@ -46,8 +50,12 @@ TEST(PackageCatalogTest, PackageFilesAreCheckedBeforeTheyAreInstalled) {
     EXPECT_TRUE(weather.document().isMember("permissions"));
     EXPECT_EQ(1u, weather.document()["contents"].size());
 
-    const std::pair<const char*, const char*> refusals[] = {
+    // Bad JSON of any depth or size, or members of the wrong kind: refused, never thrown.
+    const std::pair<std::string, const char*> refusals[] = {
             {"{\"uid\": 1, ", "not valid JSON"},
+            {std::string(100000, '[') + std::string(100000, ']'), "nested deeper than 64 levels"},
+            {"{\"uid\": 7.5, \"packageName\": \"p\"}", "uid"},
+            {"{\"uid\": 7, \"packageName\": {}}", "packageName"},
             {"[1, 2]", "not a JSON object"},
             {"{\"packageName\": \"p\"}", "\"uid\""},
             {"{\"uid\": -1, \"packageName\": \"p\"}", "uid"},
@@ -59,13 +67,19 @@ TEST(PackageCatalogTest, PackageFilesAreCheckedBeforeTheyAreInstalled) {
             {"{\"uid\": 7, \"packageName\": \"p\", \"contents\": {}}", "contents"},
     };
     for (const auto& [text, word] : refusals) {
-        EXPECT_NE(std::string::npos, parseError(text).find(word)) << text;
+        EXPECT_NE(std::string::npos, parseError(text).find(word)) << text.substr(0, 80);
     }
 
     PackageFile missing;
     std::string error;
     EXPECT_FALSE(PackageFile::load("/nonexistent/p.json", &missing, &error));
-    EXPECT_EQ("cannot be read", error);
+    EXPECT_EQ(0u, error.find("cannot be read")) << error;
+    // Larger than the bound (sparse, so not written): refused before it is read.
+    testing::TempDir dir;
+    const std::string huge = dir.file("huge.json");
+    ASSERT_EQ(0, truncate((std::ofstream(huge), huge).c_str(), PackageFile::kMaxFileSize + 1));
+    EXPECT_FALSE(PackageFile::load(huge, &missing, &error));
+    EXPECT_EQ("larger than 67108864 bytes", error);
 }
 
 TEST(PackageCatalogTest, UsersFileRulesAndRemovedUsers) {

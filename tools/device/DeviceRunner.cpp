@@ -14,6 +14,8 @@
 #include <fstream>
 #include <thread>
 
+#include "process/ProcessSignals.h"
+
 namespace Halo::OS {
 
 namespace {
@@ -65,15 +67,10 @@ pid_t DeviceRunner::spawn(const std::vector<std::string>& argv) const {
         const int fd = open(mLog.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
         dup2(fd, STDOUT_FILENO);
         dup2(fd, STDERR_FILENO);
-        // The services stop on SIGINT and SIGTERM whatever this tool was started with.
-        sigset_t none;
-        sigemptyset(&none);
-        sigprocmask(SIG_SETMASK, &none, nullptr);
-        signal(SIGINT, SIG_DFL);
-        signal(SIGTERM, SIG_DFL);
         std::vector<char*> args;
         for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
         args.push_back(nullptr);
+        ProcessSignals::resetForExec();
         execv(args[0], args.data());
         _exit(127);
     }

@@ -14,6 +14,7 @@
 
 #include "DaemonOptions.h"
 #include "PreferencesDaemon.h"
+#include "process/ProcessSignals.h"
 
 namespace {
 
@@ -53,14 +54,11 @@ int main(int argc, char** argv) {
     // others (the service socket, the socket directory) is given its mode explicitly.
     umask(077);
 
-    // SIGTERM and SIGINT are taken by this thread with sigwait; every thread started later
+    // SIGTERM and SIGINT are taken by this thread with sigwait, whatever disposition the daemon
+    // inherited (a background job starts with SIGINT ignored); every thread started later
     // inherits the mask, so no Binder or worker thread is interrupted by them. A client that
     // closes its end of a dump pipe must not kill the daemon.
-    sigset_t stopSignals;
-    sigemptyset(&stopSignals);
-    sigaddset(&stopSignals, SIGTERM);
-    sigaddset(&stopSignals, SIGINT);
-    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+    const sigset_t stopSignals = Halo::OS::ProcessSignals::takeStopSignals();
     signal(SIGPIPE, SIG_IGN);
 
     const size_t threads = options.threads;

@@ -2,26 +2,20 @@
 
 #include <sys/stat.h>
 
-#include <json/reader.h>
-#include <json/value.h>
-
 #include <algorithm>
 #include <cerrno>
-#include <fstream>
-#include <memory>
-#include <sstream>
+
+#include "model/JsonParsing.h"
 
 namespace Halo::OS {
 
 bool DeviceUsers::parse(const std::string& text, DeviceUsers* out, std::string* error) {
-    Json::CharReaderBuilder builder;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
     Json::Value document;
-    std::string errors;
-    if (!reader->parse(text.data(), text.data() + text.size(), &document, &errors)) {
-        *error = "not valid JSON";
-        return false;
-    }
+    return parseJsonText(text, document, error, kMaxJsonFileDepth) &&
+           fromDocument(document, out, error);
+}
+
+bool DeviceUsers::fromDocument(const Json::Value& document, DeviceUsers* out, std::string* error) {
     if (!document.isObject() || !document["users"].isArray() || document["users"].empty()) {
         *error = "\"users\" must be a non-empty array of user ids";
         return false;
@@ -58,14 +52,9 @@ bool DeviceUsers::load(const std::string& path, DeviceUsers* out, std::string* e
         *out = DeviceUsers();
         return true;
     }
-    std::ifstream file(path, std::ios::binary);
-    if (!file) {
-        *error = "cannot be read";
-        return false;
-    }
-    std::ostringstream text;
-    text << file.rdbuf();
-    return parse(text.str(), out, error);
+    Json::Value document;
+    return readJsonFile(path, kMaxFileSize, kMaxJsonFileDepth, document, error) &&
+           fromDocument(document, out, error);
 }
 
 std::vector<int32_t> DeviceUsers::removedIn(const DeviceUsers& next) const {

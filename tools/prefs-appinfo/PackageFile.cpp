@@ -1,28 +1,24 @@
 #include "prefs-appinfo/PackageFile.h"
 
-#include <json/reader.h>
+#include <utility>
 
-#include <fstream>
-#include <memory>
-#include <sstream>
+#include "model/JsonParsing.h"
 
 namespace Halo::OS {
 
 bool PackageFile::parse(const std::string& text, PackageFile* out, std::string* error) {
-    Json::CharReaderBuilder builder;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
     Json::Value document;
-    std::string errors;
-    if (!reader->parse(text.data(), text.data() + text.size(), &document, &errors)) {
-        *error = "not valid JSON: " + errors;
-        while (!error->empty() && (error->back() == '\n' || error->back() == ' ')) {
-            error->pop_back();
-        }
-        for (char& c : *error) {
-            if (c == '\n') c = ' ';
-        }
-        return false;
-    }
+    if (!parseJsonText(text, document, error, kMaxJsonFileDepth)) return false;
+    return fromDocument(std::move(document), out, error);
+}
+
+bool PackageFile::load(const std::string& path, PackageFile* out, std::string* error) {
+    Json::Value document;
+    if (!readJsonFile(path, kMaxFileSize, kMaxJsonFileDepth, document, error)) return false;
+    return fromDocument(std::move(document), out, error);
+}
+
+bool PackageFile::fromDocument(Json::Value document, PackageFile* out, std::string* error) {
     if (!document.isObject()) {
         *error = "not a JSON object";
         return false;
@@ -61,21 +57,6 @@ bool PackageFile::parse(const std::string& text, PackageFile* out, std::string* 
     out->mPermissions = std::move(permissions);
     out->mDocument = std::move(document);
     return true;
-}
-
-bool PackageFile::load(const std::string& path, PackageFile* out, std::string* error) {
-    std::ifstream file(path, std::ios::binary);
-    if (!file) {
-        *error = "cannot be read";
-        return false;
-    }
-    std::ostringstream text;
-    text << file.rdbuf();
-    if (file.bad()) {
-        *error = "cannot be read";
-        return false;
-    }
-    return parse(text.str(), out, error);
 }
 
 Json::Value PackageFile::removalDocument() const {

@@ -2,6 +2,7 @@
 
 #include <json/value.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <set>
 #include <string>
@@ -13,13 +14,18 @@ namespace Halo::OS {
 // "permissions" array naming the OS permissions the package holds.
 class PackageFile {
 public:
+    // The largest package file read: room for a package of 100,000 keys and then some. A larger
+    // file is refused before it is read.
+    static constexpr size_t kMaxFileSize = 64 << 20;
+
     // Parses the text of a package file. Returns false with a one-line reason in `error` when it
-    // is not a JSON object, lacks a non-negative integer "uid" or a non-empty string
+    // is not JSON, nests deeper than kMaxJsonFileDepth (model/JsonParsing.h), is not a JSON
+    // object, lacks a non-negative integer "uid" or a non-empty string
     // "packageName", or has a "permissions" member that is not an array of strings or a
     // "contents" member that is not an array.
     static bool parse(const std::string& text, PackageFile* out, std::string* error);
-    // Reads and parses the file at `path`; false with a reason in `error` when it cannot be read
-    // or does not parse.
+    // Reads and parses the file at `path`; false with a reason in `error` when it cannot be read,
+    // is larger than kMaxFileSize or does not parse. Never throws.
     static bool load(const std::string& path, PackageFile* out, std::string* error);
 
     int32_t uid() const { return mUid; }
@@ -40,6 +46,9 @@ public:
     }
 
 private:
+    // Checks a parsed package document and takes it into `out`; as parse().
+    static bool fromDocument(Json::Value document, PackageFile* out, std::string* error);
+
     int32_t mUid = 0;
     std::string mPackageName;
     std::set<std::string> mPermissions;

@@ -11,6 +11,7 @@
 
 #include "prefs-appinfo/AppInfoCommandLine.h"
 #include "prefs-appinfo/AppInfoSimulator.h"
+#include "process/ProcessSignals.h"
 
 int main(int argc, char** argv) {
     using Halo::OS::AppInfoCommandLine;
@@ -27,13 +28,10 @@ int main(int argc, char** argv) {
     }
     if (!options.binderDir.empty()) setenv("BINDER_DIR", options.binderDir.c_str(), 1);
 
-    // Blocked before any thread starts, so every thread inherits the mask and sigwait below is
-    // the one place the stop signals arrive.
-    sigset_t stopSignals;
-    sigemptyset(&stopSignals);
-    sigaddset(&stopSignals, SIGINT);
-    sigaddset(&stopSignals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+    // Taken before any thread starts, whatever disposition was inherited (a background job
+    // starts with SIGINT ignored), so every thread inherits the mask and sigwait below is the one
+    // place the stop signals arrive.
+    const sigset_t stopSignals = Halo::OS::ProcessSignals::takeStopSignals();
 
     int status = 0;
     {

@@ -10,6 +10,7 @@
 #include <cmath>
 #include <optional>
 
+#include "process/ProcessSignals.h"
 #include "threads/Mutex.h"
 
 namespace Halo::OS {
@@ -80,14 +81,6 @@ private:
     bool mDied GUARDED_BY(mMutex) = false;
 };
 
-sigset_t stopSignals() {
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    return signals;
-}
-
 }  // namespace
 
 int PrefsTool::run(const std::vector<std::string>& words) {
@@ -104,10 +97,10 @@ int PrefsTool::run(const std::vector<std::string>& words) {
     }
     if (!request.binderDir.empty()) PreferencesClient::useBinderDirectory(request.binderDir);
     if (request.command == Command::Watch) {
-        // Blocked before any Binder thread exists, so that every thread inherits the mask and
+        // Taken before any Binder thread exists, whatever disposition was inherited (a
+        // background job starts with SIGINT ignored), so that every thread inherits the mask and
         // the watch receives Ctrl-C through its signalfd.
-        const sigset_t signals = stopSignals();
-        pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+        ProcessSignals::takeStopSignals();
     }
 
     PreferencesStatus status;
@@ -193,7 +186,7 @@ int PrefsTool::reset(PreferencesClient& client, const Request& request) {
 int PrefsTool::watch(PreferencesClient& client, const Request& request) {
     const std::string what = "watch " + joined(request.keys);
     auto state = std::make_shared<WatchState>(mOut, request.count);
-    const sigset_t signals = stopSignals();
+    const sigset_t signals = ProcessSignals::stopSignals();
     const int signalFd = signalfd(-1, &signals, SFD_CLOEXEC);
     if (state->wakeFd() < 0 || signalFd < 0) {
         if (signalFd >= 0) close(signalFd);
