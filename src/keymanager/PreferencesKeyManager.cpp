@@ -14,9 +14,11 @@
 #include <unistd.h>
 #include <utils/String16.h>
 
+#include <limits>
 #include <set>
 #include <system_error>
 
+#include "keymanager/DumpBuffer.h"
 #include "store/Sqlite3PreferencesDb.h"
 #include "telemetry/Telemetry.h"
 
@@ -86,6 +88,11 @@ PreferencesKeyManager::PreferencesKeyManager(std::unique_ptr<IPreferencesDb> db)
     mDb = std::move(db);
     mProfiler = std::make_unique<PreferencesProfiler>();
     mDb->initialize();
+    std::vector<unsigned int> existing;
+    mDb->getUserIdsForExistingDbs(existing);
+    Mutex::Autolock usersLock(mUsersLock);
+    mUsers = {0};
+    mUsers.insert(existing.begin(), existing.end());
 }
 
 PreferencesKeyManager::~PreferencesKeyManager() {
@@ -148,6 +155,19 @@ PreferencesKeyManager::Clock::time_point PreferencesKeyManager::lockTimed(
 
 bool PreferencesKeyManager::isPrivilegedAppId(uid_t uid) const {
     return privilegedAppIds().count(multiuser_get_app_id(uid)) != 0;
+}
+
+bool PreferencesKeyManager::refuseUnknownUser(unsigned int userId, const char* operation,
+                                              const std::string& key) const {
+    // A larger id would wrap around to a uid of another user.
+    const unsigned int highest = multiuser_get_user_id(std::numeric_limits<uid_t>::max()) - 1;
+    if (userId <= highest) {
+        Mutex::Autolock lock(mUsersLock);
+        if (mUsers.count(userId) != 0) return false;
+    }
+    ALOGE("%s, %s: %s denied, user %u does not exist on this device",
+          PreferencesKeyInfo::get(getCallingUid()).c_str(), key.c_str(), operation, userId);
+    return true;
 }
 
 // ---- Schema processing ----
@@ -380,6 +400,7 @@ int PreferencesKeyManager::set(const std::string& key, const std::string& value,
                                "missing preferences service write permission");
         return -7;
     }
+    if (refuseUnknownUser(multiuser_get_user_id(uid), "set", key)) return -8;
     const int result = setWithoutCallback(key, value, type, uid);
     if (result == 0) mQueue.enqueue(key);
     // Reported whatever the outcome: the event counts set requests that passed the OS check.
@@ -393,7 +414,9 @@ int PreferencesKeyManager::set(const std::string& key, const std::string& value,
 
 int PreferencesKeyManager::setUser(const std::string& key, const std::string& value, Type type,
                                    unsigned int userId) {
-    return set(key, value, type, multiuser_get_uid(userId, multiuser_get_app_id(getCallingUid())));
+    if (refuseUnknownUser(userId, "set", key)) return -8;
+    const uid_t uid = multiuser_get_uid(userId, multiuser_get_app_id(getCallingUid()));
+    return set(key, value, type, uid);
 }
 
 int PreferencesKeyManager::setWithoutCallback(const std::string& key, const std::string& value,
@@ -461,6 +484,7 @@ int PreferencesKeyManager::get(const std::string& key, std::string& out, Type ty
               key.c_str(), static_cast<int>(uid));
         return -7;
     }
+    if (refuseUnknownUser(multiuser_get_user_id(uid), "get", key)) return -9;
     return getWithoutPermissionCheck(key, out, type, uid);
 }
 
@@ -470,7 +494,9 @@ int PreferencesKeyManager::get(const std::string& key, std::string& out, Type ty
 
 int PreferencesKeyManager::getUser(const std::string& key, std::string& out, Type type,
                                    unsigned int userId) {
-    return get(key, out, type, multiuser_get_uid(userId, multiuser_get_app_id(getCallingUid())));
+    if (refuseUnknownUser(userId, "get", key)) return -9;
+    const uid_t uid = multiuser_get_uid(userId, multiuser_get_app_id(getCallingUid()));
+    return get(key, out, type, uid);
 }
 
 int PreferencesKeyManager::getWithoutPermissionCheck(const std::string& key, std::string& out,
@@ -573,6 +599,7 @@ int PreferencesKeyManager::reset(const std::string& key) {
               key.c_str());
         return -7;
     }
+    if (refuseUnknownUser(multiuser_get_user_id(uid), "reset", key)) return -8;
     lockTimed("reset", key);
     const Clock::time_point start = Clock::now();
     bool rowReadFailed = false;
@@ -673,12 +700,22 @@ int PreferencesKeyManager::registerListener(
     const uid_t uid = getCallingUid();
     const std::string package = PreferencesKeyInfo::get(uid);
     if (listener == nullptr) return -13;
+    // Another process can only hand in an object of this process by handing back one of ours
+    // (the service itself, for one), which never dies with that process.
+    if (pid != getpid() && android::IInterface::asBinder(listener)->localBinder() != nullptr) {
+        ALOGE("%s, register listener denied, the listener is an object of this service",
+              package.c_str());
+        return -13;
+    }
     if (!isPrivilegedAppId(uid) && checkOsReadPermission() != 0) {
         ALOGE("%s, register listener denied, make sure app has set permission in "
               "AndroidManifest.xml",
               package.c_str());
         Telemetry::reportError("register_listener_error", uid, "missing read permission");
         return -7;
+    }
+    if (refuseUnknownUser(multiuser_get_user_id(uid), "register listener", stringJoin(keys, ","))) {
+        return -9;
     }
     lockTimed("register", package);
     const Clock::time_point start = Clock::now();
@@ -700,9 +737,13 @@ int PreferencesKeyManager::registerListener(
         }
     }
     unsigned int uuid = 0;
-    if (result == 0 && mDb->registerPreferenceListener(uid, keys, uuid) != 0) {
+    if (result == 0 &&
+        (mDb->registerPreferenceListener(uid, keys, uuid) != 0 || mListeners.count(uuid) != 0)) {
         ALOGE("%s, register listener denied, unable to register in database", package.c_str());
         result = -13;
+        // Rows stored before the failure would outlive the refused listener; its id is released.
+        // An id held by a live record was not handed out by this call and stays as it is.
+        if (uuid != 0 && mListeners.count(uuid) == 0) mDb->unregisterPreferenceListener(uid, uuid);
     }
     if (result == 0) {
         mListeners[uuid] = new PreferencesListener(this, listener, keys, pid, uid, uuid);
@@ -733,35 +774,45 @@ int PreferencesKeyManager::unregisterListener(
     const Clock::time_point start = Clock::now();
     int result = 0;
     std::vector<unsigned int> uuids;
-    if (mDb->getPreferenceListenersIdsForPackage(uid, uuids) != 0 || uuids.empty()) {
-        ALOGE("unregister listener, can not find in database, %d", static_cast<int>(uid));
+    const bool listed = mDb->getPreferenceListenersIdsForPackage(uid, uuids) == 0;
+    const android::sp<android::IBinder> binder = android::IInterface::asBinder(listener);
+    for (unsigned int uuid : uuids) {
+        auto it = mListeners.find(uuid);
+        if (it == mListeners.end()) continue;
+        if (android::IInterface::asBinder(it->second->getListener()) != binder) continue;
+        removed = it->second;
+        mListeners.erase(it);
+        break;
+    }
+    // A listener without rows (registered without keys, or whose keys have expired) is known by
+    // its record alone; without this it would outlive its client.
+    for (auto it = mListeners.begin(); listed && removed == nullptr && it != mListeners.end();
+         ++it) {
+        if (it->second->getUid() != uid ||
+            android::IInterface::asBinder(it->second->getListener()) != binder) {
+            continue;
+        }
+        removed = it->second;
+        mListeners.erase(it);
+        break;
+    }
+    if (removed == nullptr) {
+        if (!listed || uuids.empty()) {
+            ALOGE("unregister listener, can not find in database, %d", static_cast<int>(uid));
+        } else {
+            ALOGE("%s, unregister listener, can not find in database", package.c_str());
+        }
         reportFailure("unregister_listener_not_found");
         result = -6;
     } else {
-        const android::sp<android::IBinder> binder = android::IInterface::asBinder(listener);
-        for (unsigned int uuid : uuids) {
-            auto it = mListeners.find(uuid);
-            if (it == mListeners.end()) continue;
-            if (android::IInterface::asBinder(it->second->getListener()) != binder) continue;
-            removed = it->second;
-            mListeners.erase(it);
-            break;
+        mDb->unregisterPreferenceListener(uid, removed->getUuid());
+        if (mTracing) {
+            mProfiler->recordTrace(std::chrono::time_point_cast<std::chrono::microseconds>(start),
+                                   EventType::Unregister, stringJoin(removed->getKeys(), ","),
+                                   fmt::format("{}:{}", uid, removed->getUuid()), removed->getPid(),
+                                   threadId(), static_cast<unsigned long>(microsSince(start)));
         }
-        if (removed == nullptr) {
-            ALOGE("%s, unregister listener, can not find in database", package.c_str());
-            reportFailure("unregister_listener_not_found");
-            result = -6;
-        } else {
-            mDb->unregisterPreferenceListener(uid, removed->getUuid());
-            if (mTracing) {
-                mProfiler->recordTrace(
-                        std::chrono::time_point_cast<std::chrono::microseconds>(start),
-                        EventType::Unregister, stringJoin(removed->getKeys(), ","),
-                        fmt::format("{}:{}", uid, removed->getUuid()), removed->getPid(),
-                        threadId(), static_cast<unsigned long>(microsSince(start)));
-            }
-            reportSuccess("unregister_listener_success", uid);
-        }
+        reportSuccess("unregister_listener_success", uid);
     }
     mMutex.unlock();
     return result;
@@ -783,7 +834,13 @@ int PreferencesKeyManager::userList(const std::vector<int>& users) {
     const int permission = checkOsWritePermission();
     if (permission != 0) return permission;
     Mutex::Autolock lock(mMutex);
-    return mDb->updateUserList(users) != 0 ? -15 : 0;
+    const int result = mDb->updateUserList(users) != 0 ? -15 : 0;
+    Mutex::Autolock usersLock(mUsersLock);
+    mUsers = {0};
+    for (int user : users) {
+        if (user >= 0) mUsers.insert(static_cast<unsigned int>(user));
+    }
+    return result;
 }
 
 int PreferencesKeyManager::deleteUserData(unsigned int userId) {
@@ -793,12 +850,16 @@ int PreferencesKeyManager::deleteUserData(unsigned int userId) {
     return mDb->deleteUserData(userId) != 0 ? -15 : 0;
 }
 
-bool PreferencesKeyManager::dump(int fd) {
+bool PreferencesKeyManager::dump(int callerFd) {
+    // The text goes to the caller's descriptor once mMutex is released: a reader that does not
+    // read holds up nobody but itself, and only for the dump timeout.
+    DumpBuffer text;
+    const int fd = text.fd();
     dprintf(fd, "  PreferencesKeyManager properties:\n");
     // The store pointer is only reset by the destructor, which no dump can overlap.
     dprintf(fd, "      Database Exists:             %s\n", trueFalse(mDb != nullptr));
     dprintf(fd, "      Schema Queue Terminated:     %s\n", trueFalse(mQueue.isTerminated()));
-    Mutex::Autolock lock(mMutex);
+    mMutex.lock();
     dprintf(fd, "      Schema Thread Running:       %s\n", trueFalse(mRunning));
     dprintf(fd, "      Listener Info:\n");
     for (const auto& [uuid, record] : mListeners) {
@@ -813,33 +874,47 @@ bool PreferencesKeyManager::dump(int fd) {
             dprintf(fd, "            %s\n", key.c_str());
         }
     }
+    mMutex.unlock();
+    text.copyTo(callerFd, dumpTimeout());
     return true;
 }
 
-bool PreferencesKeyManager::dumpDb(int fd) {
-    Mutex::Autolock lock(mMutex);
-    if (mDb != nullptr) mDb->dumpDatabases(fd);
+bool PreferencesKeyManager::dumpDb(int callerFd) {
+    DumpBuffer text;
+    mMutex.lock();
+    if (mDb != nullptr) mDb->dumpDatabases(text.fd());
+    mMutex.unlock();
+    text.copyTo(callerFd, dumpTimeout());
     return true;
 }
 
-bool PreferencesKeyManager::dumpPreferences(int fd) {
-    Mutex::Autolock lock(mMutex);
-    if (mDb != nullptr) mDb->dumpPreferencesTable(fd);
+bool PreferencesKeyManager::dumpPreferences(int callerFd) {
+    DumpBuffer text;
+    mMutex.lock();
+    if (mDb != nullptr) mDb->dumpPreferencesTable(text.fd());
+    mMutex.unlock();
+    text.copyTo(callerFd, dumpTimeout());
     return true;
 }
 
-bool PreferencesKeyManager::dumpProfile(int fd) {
-    Mutex::Autolock lock(mMutex);
-    if (!mProfiling) return false;
-    mProfiler->dumpProfile(fd);
-    return true;
+bool PreferencesKeyManager::dumpProfile(int callerFd) {
+    DumpBuffer text;
+    mMutex.lock();
+    const bool on = mProfiling;
+    if (on) mProfiler->dumpProfile(text.fd());
+    mMutex.unlock();
+    if (on) text.copyTo(callerFd, dumpTimeout());
+    return on;
 }
 
-bool PreferencesKeyManager::dumpTrace(int fd) {
-    Mutex::Autolock lock(mMutex);
-    if (!mTracing) return false;
-    mProfiler->dumpTrace(fd);
-    return true;
+bool PreferencesKeyManager::dumpTrace(int callerFd) {
+    DumpBuffer text;
+    mMutex.lock();
+    const bool on = mTracing;
+    if (on) mProfiler->dumpTrace(text.fd());
+    mMutex.unlock();
+    if (on) text.copyTo(callerFd, dumpTimeout());
+    return on;
 }
 
 void PreferencesKeyManager::setProfiling(bool on) {

@@ -10,6 +10,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <thread>
 #include <unordered_set>
@@ -133,11 +134,13 @@ public:
 
     // Registers `listener` for `keys` for the calling app. -7 without the OS read permission,
     // -9 when a key's permission row cannot be read, -3 when the caller may not read a key, -13
-    // when the store refuses the rows (for example the same listener registered twice).
+    // when the store refuses the rows (for example the same listener registered twice; no row of
+    // the refused listener stays) or when another process hands in an object of this process.
     int registerListener(const android::sp<lumen::preferences::IPreferencesListener>& listener,
                          const std::vector<std::string>& keys, bool flag) EXCLUDES(mMutex);
-    // Removes the listener that `uid` registered with this binder. -7 without the OS read
-    // permission, -6 when `uid` has no registered listener.
+    // Removes the listener that `uid` registered with this binder, also one without rows (no
+    // keys, or keys that have expired). -7 without the OS read permission, -6 when `uid` has no
+    // such listener.
     int unregisterListener(uid_t uid,
                            const android::sp<lumen::preferences::IPreferencesListener>& listener)
             EXCLUDES(mMutex);
@@ -151,10 +154,15 @@ public:
     int currentUser(unsigned int userId) EXCLUDES(mMutex);
     unsigned int getCurrentUser() const { return mCurrentUser.load(std::memory_order_relaxed); }
     // Deletes the databases of users not in `users`. -7 without the OS write permission, -15
-    // when the store fails.
+    // when the store fails. From then on the device's users are 0 and the ids in `users`
+    // (negative ones ignored); before the first list, 0 and the users that have a database.
+    // Reads (-9), writes (-8) and listener registrations (-9) for any other user are refused and
+    // open no database.
     int userList(const std::vector<int>& users) EXCLUDES(mMutex);
     int deleteUserData(unsigned int userId) EXCLUDES(mMutex);
 
+    // The dumps take their text under mMutex and write it to `fd` after releasing it, giving up
+    // (logged) when `fd` does not take it all within dumpTimeout().
     bool dump(int fd) EXCLUDES(mMutex);
     bool dumpDb(int fd) EXCLUDES(mMutex);
     bool dumpPreferences(int fd) EXCLUDES(mMutex);
@@ -162,6 +170,12 @@ public:
     // corresponding switch is off.
     bool dumpProfile(int fd) EXCLUDES(mMutex);
     bool dumpTrace(int fd) EXCLUDES(mMutex);
+    // How long a dump waits in all for its reader (default kDefaultDumpTimeout).
+    static constexpr std::chrono::milliseconds kDefaultDumpTimeout{5000};
+    void setDumpTimeout(std::chrono::milliseconds timeout) { mDumpTimeoutMs = timeout.count(); }
+    std::chrono::milliseconds dumpTimeout() const {
+        return std::chrono::milliseconds(mDumpTimeoutMs.load(std::memory_order_relaxed));
+    }
 
     void setProfiling(bool on) EXCLUDES(mMutex);
     bool profiling() const { return mProfiling.load(std::memory_order_relaxed); }
@@ -196,6 +210,10 @@ private:
     Access checkKeyAccessLocked(const std::string& key, uid_t uid, bool write, bool* rowReadFailed)
             REQUIRES(mMutex);
     bool isPrivilegedAppId(uid_t uid) const;
+    // True, with a log line naming `operation` and `key`, when `userId` is not a user of the
+    // device (see userList).
+    bool refuseUnknownUser(unsigned int userId, const char* operation, const std::string& key) const
+            EXCLUDES(mUsersLock);
     void callback() EXCLUDES(mMutex);
     static long long microsSince(Clock::time_point start);
 
@@ -206,9 +224,13 @@ private:
     std::thread mThread;
     std::unique_ptr<IPreferencesDb> mDb PT_GUARDED_BY(mMutex);
     std::atomic<unsigned int> mCurrentUser{0};
+    // The device's users (see userList). Taken after mMutex when both are held.
+    mutable Mutex mUsersLock;
+    std::set<unsigned int> mUsers GUARDED_BY(mUsersLock);
     std::unique_ptr<PreferencesProfiler> mProfiler PT_GUARDED_BY(mMutex);
     std::atomic<bool> mProfiling{false};
     std::atomic<bool> mTracing{false};
+    std::atomic<int64_t> mDumpTimeoutMs{kDefaultDumpTimeout.count()};
     // Written once at start-up, before clients are served; read without mMutex.
     std::unordered_set<std::string> mLegacyKeys;
 };

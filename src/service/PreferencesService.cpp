@@ -2,6 +2,7 @@
 
 #include "service/PreferencesService.h"
 
+#include <android-base/properties.h>
 #include <binder/IPCThreadState.h>
 #include <binder/PermissionCache.h>
 #include <fmt/format.h>
@@ -16,6 +17,7 @@
 #include "intake/PreferencesLegacyKeysMigrationManager.h"
 #include "intake/PreferencesNativeServiceManager.h"
 #include "intake/PreferencesVersionManager.h"
+#include "keymanager/DumpBuffer.h"
 #include "service/String16Utils.h"
 
 namespace Halo::OS {
@@ -104,7 +106,12 @@ PreferencesService::PreferencesService()
 
 PreferencesService::PreferencesService(std::shared_ptr<PreferencesKeyManager> keyManager)
     : mKeyManager(std::move(keyManager)),
-      mPackageManager(std::make_unique<PreferencesPackageManager>(mKeyManager)) {}
+      mPackageManager(std::make_unique<PreferencesPackageManager>(mKeyManager)) {
+    const int64_t timeout = android::base::GetIntProperty<int64_t>(kDumpTimeoutProperty, -1, 0);
+    if (timeout >= 0 && mKeyManager != nullptr) {
+        mKeyManager->setDumpTimeout(std::chrono::milliseconds(timeout));
+    }
+}
 
 PreferencesService::~PreferencesService() {
     mOverrides.reset();
@@ -475,6 +482,14 @@ int PreferencesService::dumpSections(const android::Vector<String16>& args) {
 }
 
 android::status_t PreferencesService::dump(int fd, const android::Vector<String16>& args) {
+    DumpBuffer text;
+    const android::status_t status = writeDump(text.fd(), args);
+    text.copyTo(fd, mKeyManager != nullptr ? mKeyManager->dumpTimeout()
+                                           : PreferencesKeyManager::kDefaultDumpTimeout);
+    return status;
+}
+
+android::status_t PreferencesService::writeDump(int fd, const android::Vector<String16>& args) {
     if (!android::PermissionCache::checkCallingPermission(
                 String16(PreferencesKeyManager::kReadPermission))) {
         dprintf(fd, "lack of root privilege: adb root\n");

@@ -184,8 +184,11 @@ public:
     // READ_SETTINGS gets one refusal line and PERMISSION_DENIED. Arguments: none, "all" or "-a"
     // (summary, package manager, key manager, databases), "nodb" (the same without databases),
     // "db", "--list" (preference table), "--profile", "--trace"; any other word, or more than one
-    // argument, prints a usage line. Returns OK otherwise.
+    // argument, prints a usage line. Returns OK otherwise. The whole text is made first and then
+    // written, waiting at most the key manager's dump timeout for `fd` to take it; the system
+    // property kDumpTimeoutProperty (milliseconds), when set at construction, sets that timeout.
     android::status_t dump(int fd, const android::Vector<String16>& args) override;
+    static constexpr const char* kDumpTimeoutProperty = "halo.prefs.dump_timeout_ms";
 
 private:
     using Type = PreferencesKeyInfo::Type;
@@ -214,6 +217,8 @@ private:
     void setOnBoot(const char* key, bool on);
     // The section set for the dump arguments; 0 for arguments that select nothing known.
     static int dumpSections(const android::Vector<String16>& args);
+    // The text of dump(), written to `fd`; dump()'s result.
+    android::status_t writeDump(int fd, const android::Vector<String16>& args);
 
     std::shared_ptr<PreferencesKeyManager> mKeyManager;
     std::unique_ptr<PreferencesPackageManager> mPackageManager;

@@ -128,11 +128,13 @@ public:
                                                const std::string& packageName) = 0;
 
     // Allocates a listener id (one more than the highest in use, 1 when none) and inserts one
-    // row per key. Rows inserted before a failure stay.
+    // row per key. Rows inserted before a failure stay; the id is handed back and stays in use,
+    // with or without rows, until unregisterPreferenceListener releases it.
     virtual int32_t registerPreferenceListener(unsigned int uid,
                                                const std::vector<std::string>& keys,
                                                unsigned int& listenerId) = 0;
-    // Deletes the listener's rows; -12 when it has none for that uid.
+    // Deletes the listener's rows and releases its id; -12 when it has none for that uid (the id
+    // is released all the same).
     virtual int32_t unregisterPreferenceListener(unsigned int uid, unsigned int listenerId) = 0;
     // Appends (package uid, listener id) for each listener row of `key`.
     virtual int32_t getPreferenceListenersForKey(

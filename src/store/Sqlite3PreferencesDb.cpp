@@ -493,6 +493,7 @@ int32_t Sqlite3PreferencesDb::initialize() {
 void Sqlite3PreferencesDb::closeHalfOpenSystemDb() {
     mMetadata.detach();
     mSystemValues.clear();
+    mListenerIds.clear();
     if (mSystemDb == nullptr || mSystemDb->db == nullptr) return;
     uninitializePreparedStatementsForSystemDb();
     sqlite3_close_v2(mSystemDb->db);
@@ -606,6 +607,7 @@ int32_t Sqlite3PreferencesDb::createSystemTables() {
         ALOGE("Failed to remove all existing listeners.");
         return -4;
     }
+    mListenerIds.clear();
     const char* preferencesTable = getQueryCreatePreferencesMapTable();
     if (preferencesTable == nullptr) {
         ALOGE("Failed to create one or more tables in system DB.");

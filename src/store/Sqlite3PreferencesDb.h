@@ -8,6 +8,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -207,8 +208,11 @@ public:
 
     // ---- Listener rows ----
 
+    // One more than the highest listener id in use (1 when none is); -1 when the ids are spent.
+    // Only an empty set of ids in use is seeded from the table's highest id, so the cost does not
+    // grow with the number of rows.
     int32_t getNextlistenerUuid(unsigned int& listenerId);
-    // -11 for a duplicate row.
+    // -11 for a duplicate row. A stored row puts its id in use.
     int32_t registerListener(unsigned int listenerId, const std::string& key, unsigned int uid);
     // Deletes listener rows whose key no longer exists.
     int32_t cleanupDanglingListeners();
@@ -463,6 +467,10 @@ private:
     PreferencesKeyMetadataCache mMetadata;
     // Current values of the system database; its commits are those mMetadata counts.
     PreferencesValueCache mSystemValues;
+    // Listener ids in use: handed out by registerPreferenceListener (with or without rows) and
+    // not yet unregistered. A listener whose rows are gone (no keys, or its keys expired) keeps
+    // its id, so that no later listener is given the id of a live one. Emptied with the table.
+    std::set<unsigned int> mListenerIds;
 };
 
 }  // namespace Halo::OS

@@ -4,6 +4,7 @@
 #include <log/log.h>
 
 #include <cstdio>
+#include <limits>
 #include <string>
 
 #include "store/ScopedStatementReset.h"
@@ -72,6 +73,11 @@ void printPreferenceRow(int fd, sqlite3_stmt* statement) {
 // ---- Listener rows ----
 
 int32_t Sqlite3PreferencesDb::getNextlistenerUuid(unsigned int& listenerId) {
+    if (!mListenerIds.empty()) {
+        if (*mListenerIds.rbegin() == std::numeric_limits<unsigned int>::max()) return -1;
+        listenerId = *mListenerIds.rbegin() + 1;
+        return 0;
+    }
     sqlite3_stmt* statement = systemStatement(kMaxListenerId);
     if (!prepareToRun(statement, PreferenceScope::System)) return -1;
     ScopedStatementReset reset(statement);
@@ -95,6 +101,7 @@ int32_t Sqlite3PreferencesDb::registerPreferenceListener(unsigned int uid,
         return result;
     }
     listenerId = id;
+    mListenerIds.insert(id);
     for (const std::string& key : keys) {
         result = registerListener(id, key, uid);
         if (result != 0) return result;
@@ -113,7 +120,10 @@ int32_t Sqlite3PreferencesDb::registerListener(unsigned int listenerId, const st
         return -1;
     }
     const int stepped = step(statement);
-    if (stepped == SQLITE_DONE) return 0;
+    if (stepped == SQLITE_DONE) {
+        mListenerIds.insert(listenerId);
+        return 0;
+    }
     if (isConstraintFailure(stepped)) {
         const int extended = sqlite3_extended_errcode(mSystemDb->db);
         if (extended == kExtendedForeignKeyFailure) {
@@ -145,6 +155,8 @@ int32_t Sqlite3PreferencesDb::unregisterPreferenceListener(unsigned int uid,
         Telemetry::report("unregisterpreferencelistener_error");
         return -1;
     }
+    // Also the id of a listener without rows is free from now on.
+    mListenerIds.erase(listenerId);
     if (changedRows(PreferenceScope::System, std::nullopt) == 0) {
         Telemetry::report("unregisterpreferencelistener_error");
         return -12;

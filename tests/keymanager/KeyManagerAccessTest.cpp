@@ -35,6 +35,7 @@ protected:
                  "scope": "system"},
                 {"key": "legacy.k", "type": "integer", "default": "3",
                  "hasWritePermission": false, "scope": "user"}]}]})"));
+        ASSERT_EQ(0, mManager->userList({0, kUser10}));
     }
 
     int setAs(uid_t caller, const std::string& key, const std::string& value, Type type) {

@@ -73,6 +73,7 @@ protected:
 };
 
 TEST_F(BinderServiceTest, EveryTypeAndFlavourStoresItsTextAndReadsBack) {
+    ASSERT_EQ(0, mManager->userList({0, 10, 11}));
     mManager->currentUser(10);
     struct Case {
         const char* method;  // the type's part of the method names

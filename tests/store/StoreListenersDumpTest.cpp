@@ -47,9 +47,15 @@ TEST_F(StoreListenersTest, IdsStartAtOneAndAreReusedAfterTheHighestGoes) {
     EXPECT_EQ(2u, registerListener(kOtherUid, {"a"}));
     EXPECT_EQ(0, mStore->unregisterPreferenceListener(kOtherUid, 2));
     EXPECT_EQ(2u, registerListener(kOtherUid, {"c"}));
-    // Without keys an id is handed out but nothing is stored, so it is handed out again.
+    // An id handed out without rows stays in use until it is unregistered: no later listener
+    // is given the id of a live one.
     EXPECT_EQ(3u, registerListener(kOtherUid, {}));
-    EXPECT_EQ(3u, registerListener(kOtherUid, {"b", "c"}));
+    EXPECT_EQ(4u, registerListener(kOtherUid, {"b", "c"}));
+    EXPECT_EQ(5u, registerListener(kOtherUid, {}));
+    EXPECT_EQ(-12, mStore->unregisterPreferenceListener(kOtherUid, 5));
+    EXPECT_EQ(5u, registerListener(kOtherUid, {}));
+    EXPECT_EQ(-12, mStore->unregisterPreferenceListener(kOtherUid, 5));
+    EXPECT_EQ(-12, mStore->unregisterPreferenceListener(kOtherUid, 3));
 
     // One row per key: an id occurs once per key of its listener. Outputs are appended to.
     std::vector<unsigned int> ids = {99};
@@ -61,7 +67,7 @@ TEST_F(StoreListenersTest, IdsStartAtOneAndAreReusedAfterTheHighestGoes) {
     listeners.clear();
     EXPECT_EQ(0, mStore->getPreferenceListenersForKey("c", listeners));
     std::sort(listeners.begin(), listeners.end());
-    EXPECT_EQ((Pairs{{kOtherUid, 2}, {kOtherUid, 3}}), listeners);
+    EXPECT_EQ((Pairs{{kOtherUid, 2}, {kOtherUid, 4}}), listeners);
 
     // Unregistering removes every row of the listener, and only for its own uid.
     EXPECT_EQ(-12, mStore->unregisterPreferenceListener(kOtherUid, 1));
@@ -70,7 +76,28 @@ TEST_F(StoreListenersTest, IdsStartAtOneAndAreReusedAfterTheHighestGoes) {
     EXPECT_EQ(0, mStore->getPreferenceListenersIdsForPackage(kAppUid, ids));
     EXPECT_TRUE(ids.empty());
     EXPECT_EQ("2", scalar("SELECT count(*) FROM mem.listeners WHERE package_uid = 1010456 AND "
-                          "listener_uuid = 3"));
+                          "listener_uuid = 4"));
+}
+
+// Ids in use are kept in memory: the table's highest id is only read while no id is in use, so
+// a registration costs the same however many rows the table holds.
+TEST_F(StoreListenersTest, HighestIdIsNotSearchedForEachRegistration) {
+    int searches = 0;
+    sqlite3_trace_v2(
+            systemDb(), SQLITE_TRACE_STMT,
+            [](unsigned int, void* count, void* statement, void*) {
+                const char* sql = sqlite3_sql(static_cast<sqlite3_stmt*>(statement));
+                if (sql != nullptr &&
+                    std::string(sql).find("MAX(listener_uuid)") != std::string::npos) {
+                    ++*static_cast<int*>(count);
+                }
+                return 0;
+            },
+            &searches);
+    for (unsigned int i = 1; i <= 300; ++i) EXPECT_EQ(i, registerListener(kAppUid, {"a", "b"}));
+    sqlite3_trace_v2(systemDb(), 0, nullptr, nullptr);
+    EXPECT_EQ(1, searches);
+    EXPECT_EQ("600", scalar("SELECT count(*) FROM mem.listeners"));
 }
 
 TEST_F(StoreListenersTest, DuplicateAndUnknownListenersAreRefused) {

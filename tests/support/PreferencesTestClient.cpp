@@ -18,6 +18,9 @@
 //   listeners COUNT KEY   registers COUNT listeners on KEY, prints "registered N" (N of them
 //                         accepted) and "first RESULT" (the first refusal, or 0), then waits until
 //                         it is killed
+//   badlisteners COUNT KEY  registers COUNT listeners on the key list [KEY, KEY], prints
+//                         "refused N" and "first RESULT", then registers the service's own object
+//                         as a listener on KEY and prints "itself RESULT"
 //   connections COUNT     opens COUNT connections to the service, prints "open N", waits
 //   stall COUNT KEY       sends COUNT getString calls for KEY on a raw connection without reading
 //                         a byte, prints "sent", waits for SIGUSR1, then reads until the service
@@ -282,6 +285,25 @@ void listeners(Service& s, Args& a) {
     waitForever();
 }
 
+void badListeners(Service& s, Args& a) {
+    const long count = std::strtol(a.next().c_str(), nullptr, 10);
+    const String16 key = a.text();
+    long refused = 0;
+    std::string first = "0";
+    for (long i = 0; i < count; ++i) {
+        const Status status = s.registerListener(new Listener(false), {key, key}, false);
+        refused += !status.isOk();
+        if (!status.isOk() && first == "0") first = describe(status);
+    }
+    say("refused " + std::to_string(refused));
+    say("first " + first);
+    // The service's own object, posing as a listener.
+    const android::sp<lumen::preferences::IPreferencesListener> itself =
+            android::interface_cast<lumen::preferences::IPreferencesListener>(
+                    android::IInterface::asBinder(&s));
+    say("itself " + describe(s.registerListener(itself, {key}, false)));
+}
+
 void connections(Service&, Args& a) {
     const long count = std::strtol(a.next().c_str(), nullptr, 10);
     int opened = 0;
@@ -415,6 +437,7 @@ const std::map<std::string, Op>& operations() {
             printf("dump %d\n", status);
         };
         (*made)["listeners"] = listeners;
+        (*made)["badlisteners"] = badListeners;
         (*made)["connections"] = connections;
         (*made)["stall"] = stall;
         (*made)["longkey"] = longKey;
