@@ -774,45 +774,48 @@ int PreferencesKeyManager::unregisterListener(
     const Clock::time_point start = Clock::now();
     int result = 0;
     std::vector<unsigned int> uuids;
-    const bool listed = mDb->getPreferenceListenersIdsForPackage(uid, uuids) == 0;
     const android::sp<android::IBinder> binder = android::IInterface::asBinder(listener);
-    for (unsigned int uuid : uuids) {
-        auto it = mListeners.find(uuid);
-        if (it == mListeners.end()) continue;
-        if (android::IInterface::asBinder(it->second->getListener()) != binder) continue;
-        removed = it->second;
-        mListeners.erase(it);
-        break;
-    }
-    // A listener without rows (registered without keys, or whose keys have expired) is known by
-    // its record alone; without this it would outlive its client.
-    for (auto it = mListeners.begin(); listed && removed == nullptr && it != mListeners.end();
-         ++it) {
-        if (it->second->getUid() != uid ||
-            android::IInterface::asBinder(it->second->getListener()) != binder) {
-            continue;
-        }
-        removed = it->second;
-        mListeners.erase(it);
-        break;
-    }
-    if (removed == nullptr) {
-        if (!listed || uuids.empty()) {
-            ALOGE("unregister listener, can not find in database, %d", static_cast<int>(uid));
-        } else {
-            ALOGE("%s, unregister listener, can not find in database", package.c_str());
-        }
+    if (mDb->getPreferenceListenersIdsForPackage(uid, uuids) != 0 || uuids.empty()) {
+        ALOGE("unregister listener, can not find in database, %d", static_cast<int>(uid));
         reportFailure("unregister_listener_not_found");
         result = -6;
     } else {
-        mDb->unregisterPreferenceListener(uid, removed->getUuid());
-        if (mTracing) {
-            mProfiler->recordTrace(std::chrono::time_point_cast<std::chrono::microseconds>(start),
-                                   EventType::Unregister, stringJoin(removed->getKeys(), ","),
-                                   fmt::format("{}:{}", uid, removed->getUuid()), removed->getPid(),
-                                   threadId(), static_cast<unsigned long>(microsSince(start)));
+        for (unsigned int uuid : uuids) {
+            auto it = mListeners.find(uuid);
+            if (it == mListeners.end()) continue;
+            if (android::IInterface::asBinder(it->second->getListener()) != binder) continue;
+            removed = it->second;
+            mListeners.erase(it);
+            break;
         }
-        reportSuccess("unregister_listener_success", uid);
+        if (removed == nullptr) {
+            ALOGE("%s, unregister listener, can not find in database", package.c_str());
+            reportFailure("unregister_listener_not_found");
+            result = -6;
+        } else {
+            mDb->unregisterPreferenceListener(uid, removed->getUuid());
+            if (mTracing) {
+                mProfiler->recordTrace(
+                        std::chrono::time_point_cast<std::chrono::microseconds>(start),
+                        EventType::Unregister, stringJoin(removed->getKeys(), ","),
+                        fmt::format("{}:{}", uid, removed->getUuid()), removed->getPid(),
+                        threadId(), static_cast<unsigned long>(microsSince(start)));
+            }
+            reportSuccess("unregister_listener_success", uid);
+        }
+    }
+    if (removed == nullptr) {
+        // A record without rows (registered without keys, or whose keys have expired) cannot be
+        // found through the store. The caller is told -6 as for any unknown listener, but the
+        // record goes all the same, so that it does not outlive its client.
+        for (auto it = mListeners.begin(); it != mListeners.end(); ++it) {
+            if (it->second->getUid() == uid &&
+                android::IInterface::asBinder(it->second->getListener()) == binder) {
+                removed = it->second;
+                mListeners.erase(it);
+                break;
+            }
+        }
     }
     mMutex.unlock();
     return result;
