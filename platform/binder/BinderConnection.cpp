@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cinttypes>
 #include <cstring>
 #include <utility>
 
@@ -31,7 +32,8 @@ using android::base::unique_fd;
 
 namespace {
 
-constexpr size_t kReadChunk = 64 * 1024;
+// A read buffer larger than this is shrunk back to kReadChunk once no large frame is pending.
+constexpr size_t kMaxIdleReadBuffer = 4 * BinderConnection::kReadChunk;
 // Output queued for a peer that does not read; more than this breaks the connection.
 constexpr size_t kMaxPendingBytes = 4 * 1024 * 1024;
 // A peer that takes none of the queued output for this long is disconnected.
@@ -210,13 +212,6 @@ bool BinderConnection::probeDead() {
     return false;
 }
 
-bool BinderConnection::takeArmedForRearm() {
-    Mutex::Autolock lock(mLock);
-    if (mDead || mArmed) return false;
-    mArmed = true;
-    return true;
-}
-
 status_t BinderConnection::transact(uint64_t target, uint32_t code, const Parcel& data,
                                     Parcel* reply, uint32_t flags) {
     const bool oneway = isOneway(flags);
@@ -329,7 +324,7 @@ void BinderConnection::releaseReadingToken() {
     {
         Mutex::Autolock lock(mLock);
         mReading = false;
-        if (!mDead && !mArmed && BinderRuntime::instance().poolStarted()) {
+        if (!mDead && !mArmed && !mPaused && BinderRuntime::instance().poolStarted()) {
             mArmed = true;
             rearm = true;
         }
@@ -342,7 +337,7 @@ void BinderConnection::onPollEvent(std::vector<BinderTask>* runnable) {
     {
         Mutex::Autolock lock(mLock);
         mArmed = false;
-        if (mDead || mReading) return;
+        if (mDead || mReading || mPaused) return;
         mReading = true;
     }
     readAndRoute(/*block=*/false, runnable);
@@ -365,7 +360,12 @@ BinderConnection::ReadResult BinderConnection::readSome(bool block) {
             needed = std::max(needed, sizeof(wire::FrameHeader) + header.size);
         }
     }
-    if (mReadBuffer.size() < needed) mReadBuffer.resize(needed + kReadChunk);
+    if (mReadBuffer.size() < needed) {
+        mReadBuffer.resize(needed + kReadChunk);
+    } else if (mReadBuffer.size() > kMaxIdleReadBuffer && needed <= kReadChunk) {
+        mReadBuffer.resize(kReadChunk);
+        mReadBuffer.shrink_to_fit();
+    }
 
     iovec iov{mReadBuffer.data() + mReadEnd, mReadBuffer.size() - mReadEnd};
     alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * wire::kMaxFdsPerFrame)];
@@ -445,34 +445,39 @@ bool BinderConnection::readAndRoute(bool block, std::vector<BinderTask>* runnabl
     }
     if (frames.empty()) return true;
     std::vector<BinderTask> discard;
-    bool routed;
+    std::vector<sp<IBinder>> dropped;
+    const char* error;
     bool idle = false;
     {
         Mutex::Autolock lock(mLock);
-        routed = routeFrames(&frames, runnable, &discard);
-        if (routed) idle = idleLocked();
+        error = routeFrames(&frames, runnable, &discard, &dropped);
+        if (error == nullptr) {
+            if (!mPaused && overQueueBoundLocked()) mPaused = true;
+            idle = idleLocked();
+        }
     }
-    if (!routed) {
-        markDead("protocol error");
+    if (error != nullptr) {
+        markDead(error);
         return false;
     }
     if (idle) markDead(nullptr);
     return true;
 }
 
-bool BinderConnection::routeFrames(std::vector<FrameRef>* frames, std::vector<BinderTask>* runnable,
-                                   std::vector<BinderTask>* discard) {
+const char* BinderConnection::routeFrames(std::vector<FrameRef>* frames,
+                                          std::vector<BinderTask>* runnable,
+                                          std::vector<BinderTask>* discard,
+                                          std::vector<sp<IBinder>>* dropped) {
+    static constexpr const char* kProtocolError = "protocol error";
     for (FrameRef& frame : *frames) {
         if (frame.type == wire::kFrameRelease) {
             const auto release = load<wire::ReleaseBody>(frame.body);
             auto it = mExports.find(release.id);
-            if (it == mExports.end() || it->second.count < release.count) return false;
+            if (it == mExports.end() || it->second.count < release.count) return kProtocolError;
             it->second.count -= release.count;
             if (it->second.count == 0) {
-                BinderTask drop;
-                drop.target = std::move(it->second.binder);
-                discard->push_back(std::move(drop));
-                mExportIds.erase(discard->back().target.get());
+                mExportIds.erase(it->second.binder.get());
+                dropped->push_back(std::move(it->second.binder));
                 mExports.erase(it);
             }
             continue;
@@ -481,7 +486,7 @@ bool BinderConnection::routeFrames(std::vector<FrameRef>* frames, std::vector<Bi
         if (frame.type == wire::kFrameReply) {
             const auto reply = load<wire::ReplyBody>(frame.body);
             auto it = mWaiters.find(reply.txid);
-            if (it == mWaiters.end() || it->second->done) return false;
+            if (it == mWaiters.end() || it->second->done) return kProtocolError;
             Waiter* waiter = it->second;
             if (reply.status != android::OK) {
                 waiter->reply->freeData();
@@ -490,7 +495,7 @@ bool BinderConnection::routeFrames(std::vector<FrameRef>* frames, std::vector<Bi
                 const uint8_t* data = frame.body + sizeof(reply);
                 if (!unflattenLocked(data, reply.dataSize, data + reply.dataSize, reply.objectCount,
                                      &frame.fds, waiter->reply)) {
-                    return false;
+                    return kProtocolError;
                 }
                 waiter->status = android::OK;
             }
@@ -501,11 +506,10 @@ bool BinderConnection::routeFrames(std::vector<FrameRef>* frames, std::vector<Bi
 
         const auto t = load<wire::TransactionBody>(frame.body);
         auto target = mExports.find(t.target);
-        if (target == mExports.end()) return false;
+        if (target == mExports.end()) return kProtocolError;
         BinderTask task;
-        task.connection = this;
-        task.target = target->second.binder;
         task.targetId = t.target;
+        task.frameBytes = frame.size;
         task.txid = t.txid;
         task.code = t.code;
         task.flags = t.flags;
@@ -514,9 +518,16 @@ bool BinderConnection::routeFrames(std::vector<FrameRef>* frames, std::vector<Bi
         if (!unflattenLocked(data, t.dataSize, data + t.dataSize, t.objectCount, &frame.fds,
                              task.data.get())) {
             discard->push_back(std::move(task));
-            return false;
+            return kProtocolError;
         }
-        ++mActiveIncoming;
+        if (!chargeIncomingLocked(task.frameBytes)) {
+            ALOGW("Binder: pid %d (uid %u) queued %" PRIu64 " calls (%zu bytes) without pause",
+                  mPeerPid, static_cast<unsigned>(mPeerUid), mActiveIncoming, mIncomingBytes);
+            discard->push_back(std::move(task));
+            return "too many calls queued";
+        }
+        CallTarget& held = mCallTargets[t.target];
+        if (held.calls++ == 0) held.binder = target->second.binder;
         if (isOneway(t.flags)) {
             auto [queue, inserted] = mAsync.try_emplace(t.target);
             if (!inserted) {
@@ -526,14 +537,44 @@ bool BinderConnection::routeFrames(std::vector<FrameRef>* frames, std::vector<Bi
         } else if (t.context != 0) {
             auto waiter = mWaiters.find(t.context);
             if (waiter != mWaiters.end() && !waiter->second->done) {
+                task.connection = this;
                 waiter->second->nested.push_back(std::move(task));
                 waiter->second->cv.notify_one();
                 continue;
             }
         }
+        task.connection = this;
         runnable->push_back(std::move(task));
     }
+    return nullptr;
+}
+
+bool BinderConnection::chargeIncomingLocked(uint32_t frameBytes) {
+    if (mActiveIncoming >= kHardQueuedCalls || mIncomingBytes >= kHardQueuedBytes) return false;
+    ++mActiveIncoming;
+    mIncomingBytes += frameBytes;
+    mUidQueued = BinderRuntime::instance().chargeUid(mPeerUid, {1, frameBytes}, true,
+                                                     {mActiveIncoming, mIncomingBytes});
     return true;
+}
+
+bool BinderConnection::overQueueBoundLocked() const {
+    if (mActiveIncoming >= kMaxQueuedCalls || mIncomingBytes >= kMaxQueuedBytes) return true;
+    return mActiveIncoming > 0 && (mUidQueued.calls >= BinderRuntime::kMaxQueuedCallsPerUid ||
+                                   mUidQueued.bytes >= BinderRuntime::kMaxQueuedBytesPerUid);
+}
+
+bool BinderConnection::belowResumeMarkLocked() const {
+    if (mActiveIncoming == 0) return true;
+    return mActiveIncoming <= kResumeQueuedCalls && mIncomingBytes <= kResumeQueuedBytes &&
+           mUidQueued.calls <= BinderRuntime::kMaxQueuedCallsPerUid / 2 &&
+           mUidQueued.bytes <= BinderRuntime::kMaxQueuedBytesPerUid / 2;
+}
+
+sp<IBinder> BinderConnection::callTarget(uint64_t targetId) {
+    Mutex::Autolock lock(mLock);
+    auto it = mCallTargets.find(targetId);
+    return it != mCallTargets.end() ? it->second.binder : nullptr;
 }
 
 bool BinderConnection::unflattenLocked(const uint8_t* data, uint32_t dataSize,
@@ -865,39 +906,62 @@ bool BinderConnection::flushPending() {
 
 void BinderConnection::execute(BinderTask task) {
     IPCThreadState* threadState = IPCThreadState::self();
-    while (task.target != nullptr) {
+    while (task.connection != nullptr) {
         const bool oneway = isOneway(task.flags);
         Parcel reply;
+        // Held from mCallTargets: the target cannot go while one of its calls is in progress.
+        sp<IBinder> target = callTarget(task.targetId);
         const IPCThreadState::SavedState saved =
                 threadState->beginIncoming(this, task.txid, mPeerPid, mPeerUid, task.flags);
-        const status_t status = task.target->transact(task.code, *task.data, &reply, task.flags);
+        const status_t status =
+                target != nullptr ? target->transact(task.code, *task.data, &reply, task.flags)
+                                  : android::DEAD_OBJECT;
         threadState->endIncoming(saved);
         task.data.reset();
         if (!oneway) sendReply(task.txid, status, reply);
         BinderTask next;
-        finishIncoming(task.targetId, oneway, &next);
+        finishIncoming(task, &next);
         task = std::move(next);
     }
 }
 
-void BinderConnection::finishIncoming(uint64_t targetId, bool oneway, BinderTask* next) {
+void BinderConnection::finishIncoming(const BinderTask& task, BinderTask* next) {
+    BinderRuntime& runtime = BinderRuntime::instance();
+    sp<IBinder> dropped;
     bool idle;
+    bool rearm = false;
     {
         Mutex::Autolock lock(mLock);
         if (mActiveIncoming > 0) --mActiveIncoming;
-        if (oneway) {
-            auto it = mAsync.find(targetId);
+        mIncomingBytes -= std::min<size_t>(mIncomingBytes, task.frameBytes);
+        mUidQueued = runtime.chargeUid(mPeerUid, {1, task.frameBytes}, false, {});
+        auto held = mCallTargets.find(task.targetId);
+        if (held != mCallTargets.end() && --held->second.calls == 0) {
+            dropped = std::move(held->second.binder);
+            mCallTargets.erase(held);
+        }
+        if (isOneway(task.flags)) {
+            auto it = mAsync.find(task.targetId);
             if (it != mAsync.end()) {
                 if (it->second.empty()) {
                     mAsync.erase(it);
                 } else {
                     *next = std::move(it->second.front());
                     it->second.pop_front();
+                    next->connection = this;
                 }
+            }
+        }
+        if (mPaused && belowResumeMarkLocked()) {
+            mPaused = false;
+            if (!mDead && !mReading && !mArmed && runtime.poolStarted()) {
+                mArmed = true;
+                rearm = true;
             }
         }
         idle = idleLocked();
     }
+    if (rearm) runtime.rearm(this);
     if (idle) markDead(nullptr);
 }
 
@@ -906,6 +970,7 @@ void BinderConnection::markDead(const char* reason) {
     std::vector<sp<BpBinder>> proxies;
     std::unordered_map<uint64_t, Export> exports;
     std::unordered_map<uint64_t, std::deque<BinderTask>> async;
+    std::vector<sp<IBinder>> targets;
     {
         Mutex::Autolock lock(mLock);
         if (mDead) return;
@@ -926,6 +991,24 @@ void BinderConnection::markDead(const char* reason) {
         exports.swap(mExports);
         mExportIds.clear();
         async.swap(mAsync);
+        // The one-way calls still queued are dropped with the connection.
+        BinderRuntime::QueueTotals droppedCalls;
+        for (auto& [targetId, queue] : async) {
+            for (const BinderTask& task : queue) {
+                ++droppedCalls.calls;
+                droppedCalls.bytes += task.frameBytes;
+                auto held = mCallTargets.find(targetId);
+                if (held != mCallTargets.end() && --held->second.calls == 0) {
+                    targets.push_back(std::move(held->second.binder));
+                    mCallTargets.erase(held);
+                }
+            }
+        }
+        mActiveIncoming -= std::min<uint64_t>(mActiveIncoming, droppedCalls.calls);
+        mIncomingBytes -= std::min(mIncomingBytes, droppedCalls.bytes);
+        if (droppedCalls.calls > 0) {
+            mUidQueued = BinderRuntime::instance().chargeUid(mPeerUid, droppedCalls, false, {});
+        }
     }
     if (reason != nullptr) {
         ALOGW("Binder: closing the connection with pid %d: %s", mPeerPid, reason);

@@ -8,9 +8,13 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <functional>
 #include <random>
+#include <thread>
 
 #include "BinderTestEnvironment.h"
+#include "binder/BinderConnection.h"
 
 namespace Halo::OS::testing {
 namespace {
@@ -140,6 +144,19 @@ private:
 class BinderRobustnessTest : public BinderTest {
 protected:
     std::string socketPath(const std::string& name) { return mDir.file(name); }
+
+    // The service's queueStats(), once `done` holds for them (or after 20 s).
+    static std::vector<int32_t> queueStatsWhen(
+            const sp<ITestService>& service,
+            const std::function<bool(const std::vector<int32_t>&)>& done) {
+        std::vector<int32_t> stats;
+        const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (service->queueStats(&stats).isOk() && !done(stats) &&
+               std::chrono::steady_clock::now() < limit) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        return stats;
+    }
 };
 
 TEST_F(BinderRobustnessTest, WellFormedRawFramesAreAnswered) {
@@ -288,6 +305,41 @@ TEST_F(BinderRobustnessTest, PeerThatStopsReadingDoesNotBlockTheService) {
     EXPECT_TRUE(service->echoInt(13, &out).isOk());
     EXPECT_EQ(13, out);
     stalled.kill(SIGKILL);
+}
+
+TEST_F(BinderRobustnessTest, OnewayFloodIsHeldBackWithoutLossWhileOthersAreServed) {
+    sp<ITestService> service = startService<ITestService>("serve", "test");
+    ASSERT_NE(nullptr, service);
+    // An app's one-way calls pile up behind one that does not return until released.
+    constexpr int32_t kFlood = 10000;
+    PeerProcess& flooder = startPeer({"flood", "test", std::to_string(kFlood)}, 10123);
+    ASSERT_EQ("sent", flooder.readLine());
+    const size_t mark = BinderConnection::kMaxQueuedCalls;
+    std::vector<int32_t> stats = queueStatsWhen(
+            service, [&](const std::vector<int32_t>& s) { return s[0] >= int32_t(mark); });
+    ASSERT_EQ(6u, stats.size());
+    EXPECT_GE(stats[0], int32_t(mark));
+
+    // Meanwhile another client is answered.
+    int32_t out = 0;
+    EXPECT_TRUE(service->echoInt(14, &out).isOk());
+    EXPECT_EQ(14, out);
+
+    // Released, every call arrives once and in order.
+    ASSERT_TRUE(service->release().isOk());
+    std::vector<int32_t> recorded;
+    ASSERT_TRUE(service->recorded(kFlood, &recorded).isOk());
+    ASSERT_EQ(size_t(kFlood), recorded.size());
+    for (int32_t i = 0; i < kFlood; ++i) ASSERT_EQ(i, recorded[i]);
+
+    // No connection and no uid ever had more than the marks and one read (of calls of at least
+    // 56 bytes) in progress.
+    stats = queueStatsWhen(service, [](const std::vector<int32_t>& s) { return s[0] <= 1; });
+    const size_t slack = BinderConnection::kReadChunk;
+    EXPECT_LE(size_t(stats[2]), mark + slack / 56);
+    EXPECT_LE(size_t(stats[3]), BinderConnection::kMaxQueuedBytes + slack);
+    EXPECT_LE(size_t(stats[4]), mark + slack / 56);
+    EXPECT_TRUE(service->echoInt(15, &out).isOk());
 }
 
 }  // namespace

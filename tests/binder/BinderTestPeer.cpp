@@ -8,6 +8,8 @@
 //   call-uid NAME                  print "<uid> <pid>" as the TestService NAME sees this process
 //   check-permission NAME PERM...  print 1 or 0 per permission: NAME's checkCallingPermission
 //   keep NAME                      hand a callback to NAME (keepCallback), print "ready", wait
+//   flood NAME COUNT               one-way hold() to NAME, then COUNT one-way record(0..COUNT-1),
+//                                  print "sent", wait
 //
 // Exit status: 0 on success, 2 for bad usage, 3 when a service is missing or a call fails.
 
@@ -116,6 +118,16 @@ int main(int argc, char** argv) {
         sp<binder::test::ITestService> service = testService(name);
         if (service == nullptr || !service->keepCallback(new Callback()).isOk()) return 3;
         printf("ready\n");
+        fflush(stdout);
+        for (;;) pause();
+    }
+    if (mode == "flood" && argc == 4) {
+        sp<binder::test::ITestService> service = testService(name);
+        if (service == nullptr || !service->hold().isOk()) return 3;
+        for (int32_t i = 0, count = atoi(argv[3]); i < count; ++i) {
+            if (!service->record(i).isOk()) return 3;
+        }
+        printf("sent\n");
         fflush(stdout);
         for (;;) pause();
     }

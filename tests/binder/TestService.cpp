@@ -10,6 +10,8 @@
 #include <chrono>
 #include <string>
 
+#include "binder/BinderRuntime.h"
+
 namespace Halo::OS::testing {
 
 using android::IBinder;
@@ -177,6 +179,31 @@ Status TestService::deaths(int32_t waitForAtLeast, int32_t* out) {
     mChanged.wait_for(lock.unique(), kWaitLimit,
                       [&]() NO_THREAD_SAFETY_ANALYSIS { return mDeaths >= waitForAtLeast; });
     *out = mDeaths;
+    return Status::ok();
+}
+
+Status TestService::hold() {
+    Mutex::Autolock lock(mLock);
+    mChanged.wait_for(lock.unique(), kWaitLimit,
+                      [&]() NO_THREAD_SAFETY_ANALYSIS { return mReleased; });
+    return Status::ok();
+}
+
+Status TestService::release() {
+    Mutex::Autolock lock(mLock);
+    mReleased = true;
+    mChanged.notify_all();
+    return Status::ok();
+}
+
+Status TestService::queueStats(std::vector<int32_t>* out) {
+    const BinderRuntime::QueueStats stats = BinderRuntime::instance().queueStats();
+    out->clear();
+    for (const BinderRuntime::QueueTotals& totals :
+         {stats.now, stats.peakPerConnection, stats.peakPerUid}) {
+        out->push_back(static_cast<int32_t>(totals.calls));
+        out->push_back(static_cast<int32_t>(totals.bytes));
+    }
     return Status::ok();
 }
 

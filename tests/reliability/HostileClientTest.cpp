@@ -1,7 +1,7 @@
-// Clients that misbehave: one that calls and never reads, one that opens hundreds of
-// connections, one that registers thousands of listeners and dies, very long keys, huge values
-// and a schema with thousands of keys. The daemon keeps serving the others, its memory and
-// descriptors stay bounded, and what a dead client left behind is gone.
+// Clients that misbehave: one that calls and never reads, one that floods one-way calls, one
+// that opens hundreds of connections, one that registers thousands of listeners and dies, very long
+// keys, huge values and a schema with thousands of keys. The daemon keeps serving the others, its
+// memory and descriptors stay bounded, and what a dead client left behind is gone.
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
@@ -41,6 +41,32 @@ TEST_F(HostileClientTest, CallerThatNeverReadsIsCutOffWhileOthersAreServed) {
     stalled->kill(SIGUSR1);
     EXPECT_EQ("closed", stalled->readLine(kLineTimeout).value_or("none"));
     EXPECT_EQ("ok 2", call({"getInteger", "beta_sys"}, kBetaUid));
+}
+
+TEST_F(HostileClientTest, OnewayFloodsKillNeitherTheDaemonNorTheAppInfoService) {
+    startDevice();
+    ASSERT_EQ("ok 1", call({"getInteger", "alpha_sys"}, kAlphaUid));
+    const long daemonBefore = residentKb(mDaemon->pid());
+    const long appInfoBefore = residentKb(mAppInfo->pid());
+
+    // More pings than a strong reference count can hold, from an app without any permission,
+    // at the service and at prefs-appinfo (which answers the daemon's permission checks).
+    const std::string count = "1100000";
+    constexpr uid_t kIntruderUid = 10099;
+    std::unique_ptr<ChildProcess> atDaemon = hostile({"flood", count}, kIntruderUid);
+    std::vector<std::string> args = clientArgs({"flood", count}, kIntruderUid);
+    std::replace(args.begin(), args.end(), std::string(kService), std::string(kInquirer));
+    ChildProcess atAppInfo(args);
+    EXPECT_EQ("ok", call({"setInteger", "alpha_sys", "7"}, kAlphaUid));
+    EXPECT_EQ("sent " + count, atDaemon->readLine(kLineTimeout).value_or("none"));
+    EXPECT_EQ("sent " + count, atAppInfo.readLine(kLineTimeout).value_or("none"));
+
+    EXPECT_EQ("ok", call({"setInteger", "alpha_sys", "8"}, kAlphaUid));
+    EXPECT_EQ("ok 8", call({"getInteger", "alpha_sys"}, kAlphaUid));
+    EXPECT_EQ("ok 2", call({"getInteger", "beta_sys"}, kBetaUid));
+    // Queued, the pings would take hundreds of MB.
+    EXPECT_LT(residentKb(mDaemon->pid()) - daemonBefore, 64 * 1024);
+    EXPECT_LT(residentKb(mAppInfo->pid()) - appInfoBefore, 64 * 1024);
 }
 
 TEST_F(HostileClientTest, HundredsOfConnectionsNeitherStarveOthersNorLeak) {

@@ -23,6 +23,9 @@
 //                         a byte, prints "sent", waits for SIGUSR1, then reads until the service
 //                         closes the connection and prints "closed" (or "open" when nothing ends
 //                         within a minute)
+//   flood COUNT           sends COUNT one-way pings on a raw connection, blocking whenever the
+//                         service reads no further, and prints "sent N" (N sent before the service
+//                         closed the connection, if it did); works with any service
 //   longkey LENGTH        calls getInteger, setInteger, getType and registerListener with a key of
 //                         LENGTH characters; prints "METHOD RESULT" per call
 //   bigvalue KEY LENGTH   setString(KEY, LENGTH letters), then getString(KEY); prints
@@ -49,6 +52,7 @@
 #include <utils/String16.h>
 #include <utils/String8.h>
 
+#include <algorithm>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
@@ -290,7 +294,8 @@ void connections(Service&, Args& a) {
     waitForever();
 }
 
-// A two-way transaction frame (docs/wire.md) carrying `data`.
+// A transaction frame (docs/wire.md) carrying `data` to the published object; txid 0 makes it
+// one-way.
 std::vector<uint8_t> transactionFrame(uint64_t txid, uint32_t code, const android::Parcel& data) {
     std::vector<uint8_t> frame;
     auto put32 = [&](uint32_t value) {
@@ -306,7 +311,7 @@ std::vector<uint8_t> transactionFrame(uint64_t txid, uint32_t code, const androi
     put64(0);  // target: the published object
     put64(0);  // context
     put32(code);
-    put32(0);  // flags: two-way
+    put32(txid == 0 ? android::IBinder::FLAG_ONEWAY : 0);
     put32(static_cast<uint32_t>(data.dataSize()));
     put32(0);  // objects
     put32(0);  // descriptors
@@ -344,6 +349,27 @@ void stall(Service&, Args& a) {
         if (n == 0 || (n < 0 && errno == ECONNRESET)) break;
     }
     say("closed");
+}
+
+void flood(Service&, Args& a) {
+    const long count = std::strtol(a.next().c_str(), nullptr, 10);
+    const int fd = connectRaw();
+    if (fd < 0) exit(3);
+    constexpr long kBatch = 1024;
+    const std::vector<uint8_t> ping =
+            transactionFrame(0, android::IBinder::PING_TRANSACTION, android::Parcel());
+    std::vector<uint8_t> batch;
+    for (long i = 0; i < kBatch; ++i) batch.insert(batch.end(), ping.begin(), ping.end());
+    long sent = 0;
+    while (sent < count) {
+        const size_t frames = static_cast<size_t>(std::min(kBatch, count - sent));
+        const ssize_t n = send(fd, batch.data(), frames * ping.size(), MSG_NOSIGNAL);
+        if (n <= 0) break;
+        // A partial send ends the flood: the rest of a cut frame cannot follow.
+        sent += n / static_cast<ssize_t>(ping.size());
+        if (static_cast<size_t>(n) != frames * ping.size()) break;
+    }
+    say("sent " + std::to_string(sent));
 }
 
 void longKey(Service& s, Args& a) {
@@ -417,6 +443,7 @@ const std::map<std::string, Op>& operations() {
         (*made)["listeners"] = listeners;
         (*made)["connections"] = connections;
         (*made)["stall"] = stall;
+        (*made)["flood"] = flood;
         (*made)["longkey"] = longKey;
         (*made)["bigvalue"] = bigValue;
         (*made)["watch"] = watch;
