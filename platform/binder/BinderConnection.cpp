@@ -5,7 +5,9 @@
 #include <binder/IPCThreadState.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -139,6 +141,32 @@ ssize_t sendWithRights(int socket, const iovec* iov, int iovcnt, const int* fds,
         n = sendmsg(socket, &msg, MSG_DONTWAIT | MSG_NOSIGNAL);
     } while (n < 0 && errno == EINTR);
     return n;
+}
+
+// A memfd holding `data` and then `offsets`, sealed against any change; -1 (logged) when it
+// cannot be made.
+unique_fd sealedPayload(const uint8_t* data, size_t dataSize, const void* offsets,
+                        size_t offsetsSize) {
+    unique_fd fd(memfd_create("binder-parcel", MFD_CLOEXEC | MFD_ALLOW_SEALING));
+    const iovec parts[2] = {{const_cast<uint8_t*>(data), dataSize},
+                            {const_cast<void*>(offsets), offsetsSize}};
+    bool written = fd.get() >= 0;
+    for (const iovec& part : parts) {
+        size_t done = 0;
+        while (written && done < part.iov_len) {
+            const ssize_t n = write(fd.get(), static_cast<const uint8_t*>(part.iov_base) + done,
+                                    part.iov_len - done);
+            if (n < 0 && errno == EINTR) continue;
+            if (n <= 0) written = false;
+            if (n > 0) done += static_cast<size_t>(n);
+        }
+    }
+    if (!written || fcntl(fd.get(), F_ADD_SEALS,
+                          F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE | F_SEAL_SEAL) != 0) {
+        ALOGE("Binder: cannot make a memfd for a large parcel: %s", strerror(errno));
+        return unique_fd();
+    }
+    return fd;
 }
 
 // The descriptor numbers of `fds`, which hold at most one frame's worth, into `out`.
@@ -406,20 +434,29 @@ bool BinderConnection::extractFrames(std::vector<FrameRef>* frames) {
             ALOGW("Binder: pid %d sent a frame of %u bytes", mPeerPid, header.size);
             return false;
         }
-        if (header.type != wire::kFrameTransaction && header.type != wire::kFrameReply &&
-            header.type != wire::kFrameRelease) {
+        uint32_t type = header.type;
+        if (type == wire::kFrameTransactionOutOfLine) {
+            type = wire::kFrameTransaction;
+        } else if (type == wire::kFrameReplyOutOfLine) {
+            type = wire::kFrameReply;
+        } else if (type != wire::kFrameTransaction && type != wire::kFrameReply &&
+                   type != wire::kFrameRelease) {
             ALOGW("Binder: pid %d sent a frame of unknown type 0x%x", mPeerPid, header.type);
             return false;
         }
         if (mReadEnd - mReadStart - sizeof(header) < header.size) break;
-        const uint8_t* body = mReadBuffer.data() + mReadStart + sizeof(header);
+        FrameRef frame{type, mReadBuffer.data() + mReadStart + sizeof(header), header.size, {}, {}};
+        if (type != header.type) {
+            if (!readOutOfLine(type, frame.body, frame.size, &frame)) return false;
+            frame.body = frame.outOfLine.data();
+            frame.size = static_cast<uint32_t>(frame.outOfLine.size());
+        }
         uint32_t fdCount;
-        if (!validateFrame(header.type, body, header.size, &fdCount) ||
+        if (!validateFrame(type, frame.body, frame.size, &fdCount) ||
             fdCount > mReceivedFds.size()) {
             ALOGW("Binder: pid %d sent a malformed frame", mPeerPid);
             return false;
         }
-        FrameRef frame{header.type, body, header.size, {}};
         frame.fds.reserve(fdCount);
         for (uint32_t i = 0; i < fdCount; ++i) {
             frame.fds.push_back(std::move(mReceivedFds.front()));
@@ -427,6 +464,62 @@ bool BinderConnection::extractFrames(std::vector<FrameRef>* frames) {
         }
         frames->push_back(std::move(frame));
         mReadStart += sizeof(header) + header.size;
+    }
+    return true;
+}
+
+bool BinderConnection::readOutOfLine(uint32_t type, const uint8_t* fixed, uint32_t size,
+                                     FrameRef* frame) {
+    if (!BinderRuntime::acceptsOutOfLine(mPeerUid, geteuid())) {
+        ALOGW("Binder: pid %d (uid %u) may not send parcels out of line", mPeerPid,
+              static_cast<unsigned>(mPeerUid));
+        return false;
+    }
+    uint64_t payload;
+    if (type == wire::kFrameTransaction && size == sizeof(wire::TransactionBody)) {
+        const auto t = load<wire::TransactionBody>(fixed);
+        payload = t.dataSize + static_cast<uint64_t>(t.objectCount) * 4;
+    } else if (type == wire::kFrameReply && size == sizeof(wire::ReplyBody)) {
+        const auto r = load<wire::ReplyBody>(fixed);
+        payload = r.dataSize + static_cast<uint64_t>(r.objectCount) * 4;
+    } else {
+        ALOGW("Binder: pid %d sent a malformed out-of-line frame", mPeerPid);
+        return false;
+    }
+    if (payload > wire::kMaxOutOfLineBytes) {
+        ALOGW("Binder: pid %d sent an out-of-line frame of %" PRIu64 " bytes", mPeerPid, payload);
+        return false;
+    }
+    if (mReceivedFds.empty()) {
+        ALOGW("Binder: pid %d sent an out-of-line frame without its memfd", mPeerPid);
+        return false;
+    }
+    unique_fd memfd = std::move(mReceivedFds.front());
+    mReceivedFds.pop_front();
+    // Sealed against writes and size changes, so that what is read is what the sender sent and
+    // nobody can change it behind the reader.
+    constexpr int kSeals = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE | F_SEAL_SEAL;
+    const int seals = fcntl(memfd.get(), F_GET_SEALS);
+    struct stat st {};
+    if (seals < 0 || (seals & kSeals) != kSeals || fstat(memfd.get(), &st) != 0 ||
+        !S_ISREG(st.st_mode) || static_cast<uint64_t>(st.st_size) != payload) {
+        ALOGW("Binder: pid %d sent an out-of-line payload that is not a sealed memfd of %" PRIu64
+              " bytes",
+              mPeerPid, payload);
+        return false;
+    }
+    frame->outOfLine.resize(size + payload);
+    memcpy(frame->outOfLine.data(), fixed, size);
+    size_t done = 0;
+    while (done < payload) {
+        const ssize_t n = pread(memfd.get(), frame->outOfLine.data() + size + done, payload - done,
+                                static_cast<off_t>(done));
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            ALOGW("Binder: cannot read the out-of-line payload of pid %d", mPeerPid);
+            return false;
+        }
+        done += static_cast<size_t>(n);
     }
     return true;
 }
@@ -674,8 +767,15 @@ status_t BinderConnection::sendParcel(uint32_t type, void* body, size_t bodySize
                                       uint32_t* dataSize, uint32_t* objectCount, uint32_t* fdCount,
                                       const Parcel& data) {
     const size_t objects = data.mObjects.size();
-    const uint64_t total = bodySize + static_cast<uint64_t>(data.mDataSize) + objects * 4;
-    if (total > wire::kMaxFrameBody) return android::FAILED_TRANSACTION;
+    const uint64_t payloadSize = static_cast<uint64_t>(data.mDataSize) + objects * 4;
+    const uint64_t total = bodySize + payloadSize;
+    // A parcel too large for a frame travels in a sealed memfd, to receivers that accept that.
+    const bool outOfLine = total > wire::kMaxFrameBody;
+    if (outOfLine && (payloadSize > wire::kMaxOutOfLineBytes ||
+                      !BinderRuntime::acceptsOutOfLine(geteuid(), mPeerUid))) {
+        return android::FAILED_TRANSACTION;
+    }
+    const size_t maxFds = wire::kMaxFdsPerFrame - (outOfLine ? 1 : 0);
     *dataSize = static_cast<uint32_t>(data.mDataSize);
     *objectCount = static_cast<uint32_t>(objects);
 
@@ -706,7 +806,7 @@ status_t BinderConnection::sendParcel(uint32_t type, void* body, size_t bodySize
                     exported = true;
                 }
             } else if (record.type == wire::kRecordFd && record.value < data.mFds.size()) {
-                if (fds.size() >= wire::kMaxFdsPerFrame) return android::FAILED_TRANSACTION;
+                if (fds.size() >= maxFds) return android::FAILED_TRANSACTION;
                 out.type = wire::kWireFd;
                 out.value = fds.size();
                 fds.push_back(data.mFds[record.value].fd);
@@ -721,6 +821,16 @@ status_t BinderConnection::sendParcel(uint32_t type, void* body, size_t bodySize
     *fdCount = static_cast<uint32_t>(fds.size());
     if (exported) BinderRuntime::instance().startPool();
 
+    if (outOfLine) {
+        unique_fd memfd = sealedPayload(payload, data.mDataSize, offsets.data(), objects * 4);
+        if (memfd.get() < 0) return android::FAILED_TRANSACTION;
+        fds.insert(fds.begin(), memfd.get());
+        wire::FrameHeader header{type == wire::kFrameTransaction ? wire::kFrameTransactionOutOfLine
+                                                                 : wire::kFrameReplyOutOfLine,
+                                 static_cast<uint32_t>(bodySize)};
+        iovec iov[2] = {{&header, sizeof(header)}, {body, bodySize}};
+        return writeFrame(iov, 2, fds.data(), fds.size());
+    }
     wire::FrameHeader header{type, static_cast<uint32_t>(total)};
     iovec iov[4];
     int iovcnt = 0;

@@ -140,10 +140,12 @@ private:
     };
 
     struct FrameRef {
-        uint32_t type;
+        uint32_t type;  // kFrameTransaction, kFrameReply or kFrameRelease
         const uint8_t* body;
         uint32_t size;
         std::vector<android::base::unique_fd> fds;
+        // The body of an out-of-line frame: its fixed part and the memfd's content.
+        std::vector<uint8_t> outOfLine;
     };
 
     struct PendingOutput {
@@ -188,6 +190,10 @@ private:
     void releaseReadingToken();
     ReadResult readSome(bool block);
     bool extractFrames(std::vector<FrameRef>* frames);
+    // Rebuilds the body of an out-of-line frame whose fixed part is `fixed` (`size` bytes) from
+    // the memfd first in mReceivedFds, into frame->outOfLine. False (logged) when the peer may
+    // not send out of line or the memfd is missing, not sealed, or not of the announced size.
+    bool readOutOfLine(uint32_t type, const uint8_t* fixed, uint32_t size, FrameRef* frame);
     // Returns null, or why the frames break the protocol. What must be destroyed outside the
     // lock goes to `discard` and `dropped`.
     const char* routeFrames(std::vector<FrameRef>* frames, std::vector<BinderTask>* runnable,

@@ -63,6 +63,14 @@ public:
     };
     QueueStats queueStats() const;
 
+    // Whether a process running as `receiver` accepts parcels carried out of line (in a memfd,
+    // see docs/wire.md) from a peer running as `sender`: root, and processes of its own uid.
+    // Senders ask it too, and send a parcel over the frame limit only to receivers that accept
+    // it (otherwise the call fails with FAILED_TRANSACTION).
+    static bool acceptsOutOfLine(uid_t sender, uid_t receiver) {
+        return sender == 0 || sender == receiver;
+    }
+
     // Adds a connection to the epoll set; it stays registered until unregisterConnection.
     void registerConnection(const android::sp<BinderConnection>& connection);
     void unregisterConnection(BinderConnection* connection);

@@ -1,10 +1,13 @@
 #include <binder/IServiceManager.h>
 #include <binder/test/BnTestCallback.h>
 #include <binder/test/ITestService.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -96,11 +99,17 @@ Bytes objectRecord(uint32_t type, uint64_t value) {
 
 class RawClient {
 public:
-    explicit RawClient(const std::string& path) : mFd(socket(AF_UNIX, SOCK_STREAM, 0)) {
+    // Connects as `uid`: the kernel gives the service the credentials of the thread that
+    // connects, so a thread of its own takes that effective uid (only itself) and connects.
+    explicit RawClient(const std::string& path, uid_t uid = 0)
+        : mFd(socket(AF_UNIX, SOCK_STREAM, 0)) {
         sockaddr_un addr{};
         addr.sun_family = AF_UNIX;
         strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
-        EXPECT_EQ(0, connect(mFd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)));
+        std::thread([&] {
+            if (uid != 0) ASSERT_EQ(0, syscall(SYS_setresuid, -1, uid, -1));
+            EXPECT_EQ(0, connect(mFd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)));
+        }).join();
     }
     ~RawClient() { close(mFd); }
 
@@ -136,6 +145,23 @@ public:
     }
 
     void shutdownWrite() { shutdown(mFd, SHUT_WR); }
+
+    // Sends `bytes` with `fd` (unless -1) attached to the first byte.
+    void sendWithFd(const Bytes& bytes, int fd) {
+        iovec iov{const_cast<uint8_t*>(bytes.data()), bytes.size()};
+        msghdr msg{};
+        msg.msg_iov = &iov;
+        msg.msg_iovlen = 1;
+        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
+        if (fd >= 0) {
+            msg.msg_control = control;
+            msg.msg_controllen = sizeof(control);
+            cmsghdr* cmsg = CMSG_FIRSTHDR(&msg);
+            *cmsg = cmsghdr{CMSG_LEN(sizeof(int)), SOL_SOCKET, SCM_RIGHTS};
+            memcpy(CMSG_DATA(cmsg), &fd, sizeof(fd));
+        }
+        EXPECT_EQ(static_cast<ssize_t>(bytes.size()), sendmsg(mFd, &msg, MSG_NOSIGNAL));
+    }
 
 private:
     int mFd;
@@ -340,6 +366,71 @@ TEST_F(BinderRobustnessTest, OnewayFloodIsHeldBackWithoutLossWhileOthersAreServe
     EXPECT_LE(size_t(stats[3]), BinderConnection::kMaxQueuedBytes + slack);
     EXPECT_LE(size_t(stats[4]), mark + slack / 56);
     EXPECT_TRUE(service->echoInt(15, &out).isOk());
+}
+
+TEST_F(BinderRobustnessTest, OutOfLineParcelsComeOnlyFromTrustedPeersInSealedMemfds) {
+    sp<ITestService> service = startService<ITestService>("serve", "test");
+    ASSERT_NE(nullptr, service);
+    // An app's runtime does not send a parcel over the frame limit to a root service: the call
+    // fails in the app and its connection stays usable.
+    PeerProcess& app = startPeer({"echo-bytes", "test", "5242880", "16"}, 10123);
+    EXPECT_EQ("exception -129", app.readLine());
+    EXPECT_EQ("ok", app.readLine());
+
+    // Raw out-of-line pings (docs/wire.md): only a sealed memfd of the announced size from root.
+    constexpr int kSeals = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE | F_SEAL_SEAL;
+    enum class Fd { Memfd, Pipe, None };
+    struct Case {
+        const char* what;
+        uid_t uid;
+        Fd fd;
+        int seals;
+        uint64_t size;
+        uint64_t announced;
+        bool answered;
+    };
+    const uint64_t kTwoMiB = 2 << 20;
+    const uint64_t kOverBound = (64 << 20) + 4;
+    const Case cases[] = {
+            {"sealed memfd from root", 0, Fd::Memfd, kSeals, kTwoMiB, kTwoMiB, true},
+            {"sealed memfd from an app", 10123, Fd::Memfd, kSeals, kTwoMiB, kTwoMiB, false},
+            {"memfd without the write seal", 0, Fd::Memfd, kSeals & ~F_SEAL_WRITE, kTwoMiB, kTwoMiB,
+             false},
+            {"memfd shorter than announced", 0, Fd::Memfd, kSeals, kTwoMiB, kTwoMiB + 4, false},
+            {"memfd over 64 MiB", 0, Fd::Memfd, kSeals, kOverBound, kOverBound, false},
+            {"pipe instead of a memfd", 0, Fd::Pipe, 0, 0, kTwoMiB, false},
+            {"no descriptor", 0, Fd::None, 0, 0, kTwoMiB, false},
+    };
+    for (const Case& c : cases) {
+        android::base::unique_fd fd;
+        android::base::unique_fd pipeEnd;
+        if (c.fd == Fd::Memfd) {
+            fd.reset(memfd_create("test", MFD_CLOEXEC | MFD_ALLOW_SEALING));
+            ASSERT_EQ(0, ftruncate(fd.get(), static_cast<off_t>(c.size)));
+            ASSERT_EQ(0, fcntl(fd.get(), F_ADD_SEALS, c.seals));
+        } else if (c.fd == Fd::Pipe) {
+            int ends[2];
+            ASSERT_EQ(0, pipe2(ends, O_CLOEXEC));
+            fd.reset(ends[0]);
+            pipeEnd.reset(ends[1]);
+        }
+        TransactionFrame ping;
+        ping.txid = 9;
+        ping.dataSizeOverride = static_cast<int64_t>(c.announced);
+        Bytes frame = ping.encode();
+        frame[0] = 'M';  // 'TRNS' becomes 'TRNM', little-endian
+        RawClient raw(socketPath("test"), c.uid);
+        raw.sendWithFd(frame, fd.get());
+        if (c.answered) {
+            const Bytes reply = raw.receive(8 + 24);
+            ASSERT_EQ(32u, reply.size()) << c.what;
+            EXPECT_EQ(9u, get32(reply, 8)) << c.what;
+        } else {
+            EXPECT_TRUE(raw.closedByPeer()) << c.what;
+        }
+        int32_t out = 0;
+        EXPECT_TRUE(service->echoInt(16, &out).isOk()) << c.what;
+    }
 }
 
 }  // namespace

@@ -8,6 +8,8 @@
 //   call-uid NAME                  print "<uid> <pid>" as the TestService NAME sees this process
 //   check-permission NAME PERM...  print 1 or 0 per permission: NAME's checkCallingPermission
 //   keep NAME                      hand a callback to NAME (keepCallback), print "ready", wait
+//   echo-bytes NAME SIZE...        echoBytes of SIZE bytes per SIZE; prints "ok" (echoed whole) or
+//                                  "exception N" for each
 //   flood NAME COUNT               one-way hold() to NAME, then COUNT one-way record(0..COUNT-1),
 //                                  print "sent", wait
 //
@@ -120,6 +122,21 @@ int main(int argc, char** argv) {
         printf("ready\n");
         fflush(stdout);
         for (;;) pause();
+    }
+    if (mode == "echo-bytes") {
+        sp<binder::test::ITestService> service = testService(name);
+        if (service == nullptr) return 3;
+        for (int i = 3; i < argc; ++i) {
+            const std::vector<uint8_t> bytes(static_cast<size_t>(atol(argv[i])), 0x42);
+            std::vector<uint8_t> out;
+            const Status status = service->echoBytes(bytes, &out);
+            if (status.isOk() && out == bytes) {
+                printf("ok\n");
+            } else {
+                printf("exception %d\n", status.exceptionCode());
+            }
+        }
+        return 0;
     }
     if (mode == "flood" && argc == 4) {
         sp<binder::test::ITestService> service = testService(name);
