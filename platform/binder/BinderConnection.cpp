@@ -183,6 +183,7 @@ BinderConnection::BinderConnection(unique_fd fd, const sp<IBinder>& root)
     if (getsockopt(mFd.get(), SOL_SOCKET, SO_PEERCRED, &cred, &len) == 0) {
         mPeerPid = cred.pid;
         mPeerUid = cred.uid;
+        mPeerSendsOutOfLine = BinderRuntime::acceptsOutOfLine(mPeerUid, geteuid());
     } else {
         ALOGE("Binder: cannot read the peer's credentials: %s", strerror(errno));
     }
@@ -470,7 +471,7 @@ bool BinderConnection::extractFrames(std::vector<FrameRef>* frames) {
 
 bool BinderConnection::readOutOfLine(uint32_t type, const uint8_t* fixed, uint32_t size,
                                      FrameRef* frame) {
-    if (!BinderRuntime::acceptsOutOfLine(mPeerUid, geteuid())) {
+    if (!mPeerSendsOutOfLine) {
         ALOGW("Binder: pid %d (uid %u) may not send parcels out of line", mPeerPid,
               static_cast<unsigned>(mPeerUid));
         return false;
@@ -643,7 +644,10 @@ const char* BinderConnection::routeFrames(std::vector<FrameRef>* frames,
 }
 
 bool BinderConnection::chargeIncomingLocked(uint32_t frameBytes) {
-    if (mActiveIncoming >= kHardQueuedCalls || mIncomingBytes >= kHardQueuedBytes) return false;
+    if (mActiveIncoming >= kHardQueuedCalls ||
+        (mIncomingBytes >= kHardQueuedBytes && !mPeerSendsOutOfLine)) {
+        return false;
+    }
     ++mActiveIncoming;
     mIncomingBytes += frameBytes;
     mUidQueued = BinderRuntime::instance().chargeUid(mPeerUid, {1, frameBytes}, true,

@@ -61,7 +61,8 @@ public:
     static constexpr size_t kResumeQueuedBytes = kMaxQueuedBytes / 2;
     // A thread waiting for a reply reads its connection even while it is paused (the reply may
     // be behind the queued calls). A call that arrives while the connection already has this
-    // many calls or bytes in progress closes the connection.
+    // many calls or bytes in progress closes the connection; for a peer trusted with
+    // out-of-line parcels (one call may be 64 MiB) only the calls count.
     static constexpr size_t kHardQueuedCalls = 4 * kMaxQueuedCalls;
     static constexpr size_t kHardQueuedBytes = 4 * kMaxQueuedBytes;
     // The read buffer: this large normally; it grows to hold one large frame and shrinks back
@@ -227,6 +228,8 @@ private:
     const bool mIsClient;
     pid_t mPeerPid;
     uid_t mPeerUid;
+    // Whether the peer may send parcels out of line (BinderRuntime::acceptsOutOfLine).
+    bool mPeerSendsOutOfLine = false;
     uint64_t mKey = 0;
 
     // The read buffer belongs to the holder of the reading token.

@@ -198,12 +198,8 @@ Status TestService::release() {
 
 Status TestService::queueStats(std::vector<int32_t>* out) {
     const BinderRuntime::QueueStats stats = BinderRuntime::instance().queueStats();
-    out->clear();
-    for (const BinderRuntime::QueueTotals& totals :
-         {stats.now, stats.peakPerConnection, stats.peakPerUid}) {
-        out->push_back(static_cast<int32_t>(totals.calls));
-        out->push_back(static_cast<int32_t>(totals.bytes));
-    }
+    *out = {int32_t(stats.now.calls), int32_t(stats.peakPerConnection.calls),
+            int32_t(stats.peakPerConnection.bytes)};
     return Status::ok();
 }
 

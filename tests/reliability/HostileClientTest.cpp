@@ -169,5 +169,28 @@ TEST_F(HostileClientTest, SchemaWithThousandsOfKeysIsAppliedWhileOthersAreServed
     EXPECT_EQ("ok 2", call({"getInteger", "beta_sys"}, kBetaUid));
 }
 
+TEST_F(HostileClientTest, RestartListsOfThousandsOfPackagesArriveAtStart) {
+    // 2000 packages of 50 keys and one of 100000: schema lists of many MB, carried out of line.
+    std::vector<std::string> keys;
+    for (int k = 0; k < 50; ++k) keys.push_back("pXXXX_" + std::to_string(k));
+    // Package p is the text of package XXXX of uid 29999 with the number and the uid replaced.
+    const std::string model = packageText(29999, "com.example.pXXXX", keys);
+    for (int p = 0; p < 2000; ++p) {
+        std::string text = model;
+        for (size_t at; (at = text.find("XXXX")) != std::string::npos;) {
+            text.replace(at, 4, std::to_string(p));
+        }
+        text.replace(text.find("29999"), 5, std::to_string(20000 + p));
+        writePackage("com.example.p" + std::to_string(p) + ".json", text);
+    }
+    keys.clear();
+    for (int i = 0; i < 100000; ++i) keys.push_back("huge_" + std::to_string(i));
+    writePackage("com.example.huge.json", packageText(10070, "com.example.huge", keys));
+    startDevice();
+    EXPECT_TRUE(eventually([&] { return call({"getInteger", "p1999_49"}, 21999) == "ok 0"; }));
+    EXPECT_TRUE(eventually([&] { return call({"getInteger", "huge_99999"}, 10070) == "ok 0"; }));
+    EXPECT_EQ("ok 2", call({"getInteger", "beta_sys"}, kBetaUid));
+}
+
 }  // namespace
 }  // namespace Halo::OS::testing

@@ -23,9 +23,9 @@
 //                         a byte, prints "sent", waits for SIGUSR1, then reads until the service
 //                         closes the connection and prints "closed" (or "open" when nothing ends
 //                         within a minute)
-//   flood COUNT           sends COUNT one-way pings on a raw connection, blocking whenever the
-//                         service reads no further, and prints "sent N" (N sent before the service
-//                         closed the connection, if it did); works with any service
+//   flood COUNT           sends one-way pings on a raw connection in batches of 1000 until COUNT
+//                         are sent or the service closes it, blocking whenever the service reads
+//                         no further, and prints "sent N"; works with any service
 //   longkey LENGTH        calls getInteger, setInteger, getType and registerListener with a key of
 //                         LENGTH characters; prints "METHOD RESULT" per call
 //   bigvalue KEY LENGTH   setString(KEY, LENGTH letters), then getString(KEY); prints
@@ -52,7 +52,6 @@
 #include <utils/String16.h>
 #include <utils/String8.h>
 
-#include <algorithm>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
@@ -355,19 +354,14 @@ void flood(Service&, Args& a) {
     const long count = std::strtol(a.next().c_str(), nullptr, 10);
     const int fd = connectRaw();
     if (fd < 0) exit(3);
-    constexpr long kBatch = 1024;
     const std::vector<uint8_t> ping =
             transactionFrame(0, android::IBinder::PING_TRANSACTION, android::Parcel());
     std::vector<uint8_t> batch;
-    for (long i = 0; i < kBatch; ++i) batch.insert(batch.end(), ping.begin(), ping.end());
+    for (int i = 0; i < 1000; ++i) batch.insert(batch.end(), ping.begin(), ping.end());
     long sent = 0;
-    while (sent < count) {
-        const size_t frames = static_cast<size_t>(std::min(kBatch, count - sent));
-        const ssize_t n = send(fd, batch.data(), frames * ping.size(), MSG_NOSIGNAL);
-        if (n <= 0) break;
-        // A partial send ends the flood: the rest of a cut frame cannot follow.
-        sent += n / static_cast<ssize_t>(ping.size());
-        if (static_cast<size_t>(n) != frames * ping.size()) break;
+    while (sent < count && send(fd, batch.data(), batch.size(), MSG_NOSIGNAL) ==
+                                   static_cast<ssize_t>(batch.size())) {
+        sent += 1000;
     }
     say("sent " + std::to_string(sent));
 }

@@ -48,7 +48,7 @@ interface ITestService {
     // follow it on the caller's connection wait in the runtime's queue meanwhile.
     oneway void hold();
     void release();
-    // BinderRuntime::queueStats() of the serving process: calls and bytes in progress now, then
-    // the most one connection had, then the most one uid had.
+    // BinderRuntime::queueStats() of the serving process: calls in progress now, the most calls
+    // and bytes one connection had in progress.
     int[] queueStats();
 }
