@@ -65,8 +65,8 @@ public:
     // out-of-line parcels (one call may be 64 MiB) only the calls count.
     static constexpr size_t kHardQueuedCalls = 4 * kMaxQueuedCalls;
     static constexpr size_t kHardQueuedBytes = 4 * kMaxQueuedBytes;
-    // The read buffer: this large normally; it grows to hold one large frame and shrinks back
-    // once that frame has been consumed.
+    // The read buffer: this large normally; it grows to hold one large frame and, once it is
+    // over four times this size with no large frame pending, shrinks back.
     static constexpr size_t kReadChunk = 64 * 1024;
 
     // Takes ownership of the connected socket `fd`. `root` is the published object the peer

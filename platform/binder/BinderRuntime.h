@@ -148,7 +148,7 @@ private:
     std::atomic<bool> mStopping{false};
     std::atomic<uint32_t> mThreadCounter{0};
 
-    // Never held together with another lock.
+    // Taken with a connection's lock held; nothing else is locked under it.
     mutable Mutex mQueueLock;
     std::unordered_map<uid_t, QueueTotals> mUidQueues GUARDED_BY(mQueueLock);
     QueueStats mQueueStats GUARDED_BY(mQueueLock);
