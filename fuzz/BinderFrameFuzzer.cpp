@@ -1,7 +1,9 @@
 // Socket frames into the host Binder runtime. The fuzzer publishes a service in a directory of
 // its own; each input is written on a fresh raw connection to it (the first byte says how many
-// descriptors ride with the first bytes, as SCM_RIGHTS), the connection is half-closed and
-// drained until the runtime closes it. The service reads what the calls carry (strings, byte
+// descriptors ride with the first bytes, as SCM_RIGHTS: bits 0-1 the number of /dev/null
+// descriptors; with bit 2 set a sealed memfd comes first, holding the input's last 4 * N bytes,
+// N being the second byte, as the payload of an out-of-line frame), the connection is half-closed
+// and drained until the runtime closes it. The service reads what the calls carry (strings, byte
 // vectors, binders, descriptors), calls received binders back one-way and hands objects out, so
 // that well-formed frames reach the object, proxy and descriptor bookkeeping. After every input
 // the service must still answer a ping on an ordinary connection, and the runtime must close a
@@ -12,11 +14,13 @@
 #include <binder/Parcel.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 #include <utils/String16.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
@@ -129,24 +133,36 @@ int connectTo(const std::string& path) {
     return fd;
 }
 
-// Sends the first byte with `fdCount` descriptors of /dev/null attached. False when the runtime
-// has already closed the connection.
-bool sendWithDescriptors(int fd, const uint8_t* data, size_t size, int fdCount) {
+// A memfd holding `size` bytes of `data`, sealed as the runtime requires of out-of-line payloads.
+int sealedMemfd(const uint8_t* data, size_t size) {
+    const int fd = memfd_create("fuzz-payload", MFD_CLOEXEC | MFD_ALLOW_SEALING);
+    if (fd < 0 || write(fd, data, size) != static_cast<ssize_t>(size) ||
+        fcntl(fd, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE | F_SEAL_SEAL) != 0) {
+        perror("memfd");
+        abort();
+    }
+    return fd;
+}
+
+// Sends the first byte with `memfd` (unless -1) and then `fdCount` descriptors of /dev/null
+// attached; takes `memfd`. False when the runtime has already closed the connection.
+bool sendWithDescriptors(int fd, const uint8_t* data, size_t size, int memfd, int fdCount) {
     std::vector<int> fds;
+    if (memfd >= 0) fds.push_back(memfd);
     for (int i = 0; i < fdCount; ++i) fds.push_back(open("/dev/null", O_RDONLY | O_CLOEXEC));
     iovec iov{const_cast<uint8_t*>(data), size};
     msghdr msg{};
     msg.msg_iov = &iov;
     msg.msg_iovlen = 1;
     std::vector<char> control(CMSG_SPACE(sizeof(int) * 4));
-    if (fdCount > 0) {
+    if (!fds.empty()) {
         msg.msg_control = control.data();
-        msg.msg_controllen = CMSG_SPACE(sizeof(int) * fdCount);
+        msg.msg_controllen = CMSG_SPACE(sizeof(int) * fds.size());
         cmsghdr* header = CMSG_FIRSTHDR(&msg);
         header->cmsg_level = SOL_SOCKET;
         header->cmsg_type = SCM_RIGHTS;
-        header->cmsg_len = CMSG_LEN(sizeof(int) * fdCount);
-        memcpy(CMSG_DATA(header), fds.data(), sizeof(int) * fdCount);
+        header->cmsg_len = CMSG_LEN(sizeof(int) * fds.size());
+        memcpy(CMSG_DATA(header), fds.data(), sizeof(int) * fds.size());
     }
     const ssize_t sent = sendmsg(fd, &msg, MSG_NOSIGNAL);
     for (int open : fds) close(open);
@@ -183,14 +199,23 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Harness* h = harness();
     if (size == 0) return 0;
     const int fdCount = data[0] % 4;
+    const bool withMemfd = (data[0] & 4) != 0 && size > 1;
     ++data;
     --size;
+    int memfd = -1;
+    if (withMemfd) {
+        const size_t tail = std::min<size_t>(size - 1, data[0] * 4u);
+        memfd = sealedMemfd(data + size - tail, tail);
+        ++data;
+        size -= 1 + tail;
+        if (size == 0) close(memfd);
+    }
 
     const int fd = connectTo(h->socketPath);
     bool open = true;
     if (size > 0) {
-        const size_t first = fdCount > 0 ? 1 : size;
-        open = sendWithDescriptors(fd, data, first, fdCount);
+        const size_t first = fdCount > 0 || memfd >= 0 ? 1 : size;
+        open = sendWithDescriptors(fd, data, first, memfd, fdCount);
         size_t offset = first;
         while (open && offset < size) {
             const ssize_t n = send(fd, data + offset, size - offset, MSG_NOSIGNAL);

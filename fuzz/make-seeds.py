@@ -130,7 +130,7 @@ def service_seeds():
     write("service_transact_fuzzer", "no-token", bytes([0, 3, 8, 0]) + struct.pack("<i", 1))
 
 
-TRNS, RPLY, RLSE = 0x54524E53, 0x52504C59, 0x524C5345
+TRNS, RPLY, RLSE, TRNM = 0x54524E53, 0x52504C59, 0x524C5345, 0x54524E4D
 SENDER, RECEIVER, FD = 0x73622A85, 0x73682A85, 0x66642A85
 
 
@@ -179,6 +179,11 @@ def binder_seeds():
     write("binder_frame_fuzzer", "release", b"\0" + transaction(9, 1, call, [offset]) + release)
     reply = frame(RPLY, struct.pack("<QiIII", 1, 0, 0, 0, 0))
     write("binder_frame_fuzzer", "stray-reply", b"\0" + reply)
+    # Out of line: the parcel data and offsets are the memfd's content, the input's tail.
+    payload = call + struct.pack("<I", offset)
+    fixed = struct.pack("<QQQIIIIII", 10, 0, 0, 1, 0, len(call), 1, 0, 0)
+    write("binder_frame_fuzzer", "out-of-line",
+          bytes([4, len(payload) // 4]) + frame(TRNM, fixed) + ping + payload)
 
 
 if __name__ == "__main__":

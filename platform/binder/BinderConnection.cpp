@@ -5,7 +5,9 @@
 #include <binder/IPCThreadState.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -13,6 +15,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cinttypes>
 #include <cstring>
 #include <utility>
 
@@ -31,7 +34,8 @@ using android::base::unique_fd;
 
 namespace {
 
-constexpr size_t kReadChunk = 64 * 1024;
+// A read buffer larger than this is shrunk back to kReadChunk once no large frame is pending.
+constexpr size_t kMaxIdleReadBuffer = 4 * BinderConnection::kReadChunk;
 // Output queued for a peer that does not read; more than this breaks the connection.
 constexpr size_t kMaxPendingBytes = 4 * 1024 * 1024;
 // A peer that takes none of the queued output for this long is disconnected.
@@ -139,6 +143,32 @@ ssize_t sendWithRights(int socket, const iovec* iov, int iovcnt, const int* fds,
     return n;
 }
 
+// A memfd holding `data` and then `offsets`, sealed against any change; -1 (logged) when it
+// cannot be made.
+unique_fd sealedPayload(const uint8_t* data, size_t dataSize, const void* offsets,
+                        size_t offsetsSize) {
+    unique_fd fd(memfd_create("binder-parcel", MFD_CLOEXEC | MFD_ALLOW_SEALING));
+    const iovec parts[2] = {{const_cast<uint8_t*>(data), dataSize},
+                            {const_cast<void*>(offsets), offsetsSize}};
+    bool written = fd.get() >= 0;
+    for (const iovec& part : parts) {
+        size_t done = 0;
+        while (written && done < part.iov_len) {
+            const ssize_t n = write(fd.get(), static_cast<const uint8_t*>(part.iov_base) + done,
+                                    part.iov_len - done);
+            if (n < 0 && errno == EINTR) continue;
+            if (n <= 0) written = false;
+            if (n > 0) done += static_cast<size_t>(n);
+        }
+    }
+    if (!written || fcntl(fd.get(), F_ADD_SEALS,
+                          F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE | F_SEAL_SEAL) != 0) {
+        ALOGE("Binder: cannot make a memfd for a large parcel: %s", strerror(errno));
+        return unique_fd();
+    }
+    return fd;
+}
+
 // The descriptor numbers of `fds`, which hold at most one frame's worth, into `out`.
 void rawFds(const std::vector<unique_fd>& fds, int (&out)[wire::kMaxFdsPerFrame]) {
     for (size_t i = 0; i < fds.size(); ++i) out[i] = fds[i].get();
@@ -153,6 +183,7 @@ BinderConnection::BinderConnection(unique_fd fd, const sp<IBinder>& root)
     if (getsockopt(mFd.get(), SOL_SOCKET, SO_PEERCRED, &cred, &len) == 0) {
         mPeerPid = cred.pid;
         mPeerUid = cred.uid;
+        mPeerSendsOutOfLine = BinderRuntime::acceptsOutOfLine(mPeerUid, geteuid());
     } else {
         ALOGE("Binder: cannot read the peer's credentials: %s", strerror(errno));
     }
@@ -208,13 +239,6 @@ bool BinderConnection::probeDead() {
         return true;
     }
     return false;
-}
-
-bool BinderConnection::takeArmedForRearm() {
-    Mutex::Autolock lock(mLock);
-    if (mDead || mArmed) return false;
-    mArmed = true;
-    return true;
 }
 
 status_t BinderConnection::transact(uint64_t target, uint32_t code, const Parcel& data,
@@ -329,7 +353,7 @@ void BinderConnection::releaseReadingToken() {
     {
         Mutex::Autolock lock(mLock);
         mReading = false;
-        if (!mDead && !mArmed && BinderRuntime::instance().poolStarted()) {
+        if (!mDead && !mArmed && !mPaused && BinderRuntime::instance().poolStarted()) {
             mArmed = true;
             rearm = true;
         }
@@ -342,7 +366,7 @@ void BinderConnection::onPollEvent(std::vector<BinderTask>* runnable) {
     {
         Mutex::Autolock lock(mLock);
         mArmed = false;
-        if (mDead || mReading) return;
+        if (mDead || mReading || mPaused) return;
         mReading = true;
     }
     readAndRoute(/*block=*/false, runnable);
@@ -365,7 +389,12 @@ BinderConnection::ReadResult BinderConnection::readSome(bool block) {
             needed = std::max(needed, sizeof(wire::FrameHeader) + header.size);
         }
     }
-    if (mReadBuffer.size() < needed) mReadBuffer.resize(needed + kReadChunk);
+    if (mReadBuffer.size() < needed) {
+        mReadBuffer.resize(needed + kReadChunk);
+    } else if (mReadBuffer.size() > kMaxIdleReadBuffer && needed <= kReadChunk) {
+        mReadBuffer.resize(kReadChunk);
+        mReadBuffer.shrink_to_fit();
+    }
 
     iovec iov{mReadBuffer.data() + mReadEnd, mReadBuffer.size() - mReadEnd};
     alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * wire::kMaxFdsPerFrame)];
@@ -406,20 +435,29 @@ bool BinderConnection::extractFrames(std::vector<FrameRef>* frames) {
             ALOGW("Binder: pid %d sent a frame of %u bytes", mPeerPid, header.size);
             return false;
         }
-        if (header.type != wire::kFrameTransaction && header.type != wire::kFrameReply &&
-            header.type != wire::kFrameRelease) {
+        uint32_t type = header.type;
+        if (type == wire::kFrameTransactionOutOfLine) {
+            type = wire::kFrameTransaction;
+        } else if (type == wire::kFrameReplyOutOfLine) {
+            type = wire::kFrameReply;
+        } else if (type != wire::kFrameTransaction && type != wire::kFrameReply &&
+                   type != wire::kFrameRelease) {
             ALOGW("Binder: pid %d sent a frame of unknown type 0x%x", mPeerPid, header.type);
             return false;
         }
         if (mReadEnd - mReadStart - sizeof(header) < header.size) break;
-        const uint8_t* body = mReadBuffer.data() + mReadStart + sizeof(header);
+        FrameRef frame{type, mReadBuffer.data() + mReadStart + sizeof(header), header.size, {}, {}};
+        if (type != header.type) {
+            if (!readOutOfLine(type, frame.body, frame.size, &frame)) return false;
+            frame.body = frame.outOfLine.data();
+            frame.size = static_cast<uint32_t>(frame.outOfLine.size());
+        }
         uint32_t fdCount;
-        if (!validateFrame(header.type, body, header.size, &fdCount) ||
+        if (!validateFrame(type, frame.body, frame.size, &fdCount) ||
             fdCount > mReceivedFds.size()) {
             ALOGW("Binder: pid %d sent a malformed frame", mPeerPid);
             return false;
         }
-        FrameRef frame{header.type, body, header.size, {}};
         frame.fds.reserve(fdCount);
         for (uint32_t i = 0; i < fdCount; ++i) {
             frame.fds.push_back(std::move(mReceivedFds.front()));
@@ -427,6 +465,62 @@ bool BinderConnection::extractFrames(std::vector<FrameRef>* frames) {
         }
         frames->push_back(std::move(frame));
         mReadStart += sizeof(header) + header.size;
+    }
+    return true;
+}
+
+bool BinderConnection::readOutOfLine(uint32_t type, const uint8_t* fixed, uint32_t size,
+                                     FrameRef* frame) {
+    if (!mPeerSendsOutOfLine) {
+        ALOGW("Binder: pid %d (uid %u) may not send parcels out of line", mPeerPid,
+              static_cast<unsigned>(mPeerUid));
+        return false;
+    }
+    uint64_t payload;
+    if (type == wire::kFrameTransaction && size == sizeof(wire::TransactionBody)) {
+        const auto t = load<wire::TransactionBody>(fixed);
+        payload = t.dataSize + static_cast<uint64_t>(t.objectCount) * 4;
+    } else if (type == wire::kFrameReply && size == sizeof(wire::ReplyBody)) {
+        const auto r = load<wire::ReplyBody>(fixed);
+        payload = r.dataSize + static_cast<uint64_t>(r.objectCount) * 4;
+    } else {
+        ALOGW("Binder: pid %d sent a malformed out-of-line frame", mPeerPid);
+        return false;
+    }
+    if (payload > wire::kMaxOutOfLineBytes) {
+        ALOGW("Binder: pid %d sent an out-of-line frame of %" PRIu64 " bytes", mPeerPid, payload);
+        return false;
+    }
+    if (mReceivedFds.empty()) {
+        ALOGW("Binder: pid %d sent an out-of-line frame without its memfd", mPeerPid);
+        return false;
+    }
+    unique_fd memfd = std::move(mReceivedFds.front());
+    mReceivedFds.pop_front();
+    // Sealed against writes and size changes, so that what is read is what the sender sent and
+    // nobody can change it behind the reader.
+    constexpr int kSeals = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE | F_SEAL_SEAL;
+    const int seals = fcntl(memfd.get(), F_GET_SEALS);
+    struct stat st {};
+    if (seals < 0 || (seals & kSeals) != kSeals || fstat(memfd.get(), &st) != 0 ||
+        !S_ISREG(st.st_mode) || static_cast<uint64_t>(st.st_size) != payload) {
+        ALOGW("Binder: pid %d sent an out-of-line payload that is not a sealed memfd of %" PRIu64
+              " bytes",
+              mPeerPid, payload);
+        return false;
+    }
+    frame->outOfLine.resize(size + payload);
+    memcpy(frame->outOfLine.data(), fixed, size);
+    size_t done = 0;
+    while (done < payload) {
+        const ssize_t n = pread(memfd.get(), frame->outOfLine.data() + size + done, payload - done,
+                                static_cast<off_t>(done));
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            ALOGW("Binder: cannot read the out-of-line payload of pid %d", mPeerPid);
+            return false;
+        }
+        done += static_cast<size_t>(n);
     }
     return true;
 }
@@ -445,34 +539,39 @@ bool BinderConnection::readAndRoute(bool block, std::vector<BinderTask>* runnabl
     }
     if (frames.empty()) return true;
     std::vector<BinderTask> discard;
-    bool routed;
+    std::vector<sp<IBinder>> dropped;
+    const char* error;
     bool idle = false;
     {
         Mutex::Autolock lock(mLock);
-        routed = routeFrames(&frames, runnable, &discard);
-        if (routed) idle = idleLocked();
+        error = routeFrames(&frames, runnable, &discard, &dropped);
+        if (error == nullptr) {
+            if (!mPaused && overQueueBoundLocked()) mPaused = true;
+            idle = idleLocked();
+        }
     }
-    if (!routed) {
-        markDead("protocol error");
+    if (error != nullptr) {
+        markDead(error);
         return false;
     }
     if (idle) markDead(nullptr);
     return true;
 }
 
-bool BinderConnection::routeFrames(std::vector<FrameRef>* frames, std::vector<BinderTask>* runnable,
-                                   std::vector<BinderTask>* discard) {
+const char* BinderConnection::routeFrames(std::vector<FrameRef>* frames,
+                                          std::vector<BinderTask>* runnable,
+                                          std::vector<BinderTask>* discard,
+                                          std::vector<sp<IBinder>>* dropped) {
+    static constexpr const char* kProtocolError = "protocol error";
     for (FrameRef& frame : *frames) {
         if (frame.type == wire::kFrameRelease) {
             const auto release = load<wire::ReleaseBody>(frame.body);
             auto it = mExports.find(release.id);
-            if (it == mExports.end() || it->second.count < release.count) return false;
+            if (it == mExports.end() || it->second.count < release.count) return kProtocolError;
             it->second.count -= release.count;
             if (it->second.count == 0) {
-                BinderTask drop;
-                drop.target = std::move(it->second.binder);
-                discard->push_back(std::move(drop));
-                mExportIds.erase(discard->back().target.get());
+                mExportIds.erase(it->second.binder.get());
+                dropped->push_back(std::move(it->second.binder));
                 mExports.erase(it);
             }
             continue;
@@ -481,7 +580,7 @@ bool BinderConnection::routeFrames(std::vector<FrameRef>* frames, std::vector<Bi
         if (frame.type == wire::kFrameReply) {
             const auto reply = load<wire::ReplyBody>(frame.body);
             auto it = mWaiters.find(reply.txid);
-            if (it == mWaiters.end() || it->second->done) return false;
+            if (it == mWaiters.end() || it->second->done) return kProtocolError;
             Waiter* waiter = it->second;
             if (reply.status != android::OK) {
                 waiter->reply->freeData();
@@ -490,7 +589,7 @@ bool BinderConnection::routeFrames(std::vector<FrameRef>* frames, std::vector<Bi
                 const uint8_t* data = frame.body + sizeof(reply);
                 if (!unflattenLocked(data, reply.dataSize, data + reply.dataSize, reply.objectCount,
                                      &frame.fds, waiter->reply)) {
-                    return false;
+                    return kProtocolError;
                 }
                 waiter->status = android::OK;
             }
@@ -501,11 +600,10 @@ bool BinderConnection::routeFrames(std::vector<FrameRef>* frames, std::vector<Bi
 
         const auto t = load<wire::TransactionBody>(frame.body);
         auto target = mExports.find(t.target);
-        if (target == mExports.end()) return false;
+        if (target == mExports.end()) return kProtocolError;
         BinderTask task;
-        task.connection = this;
-        task.target = target->second.binder;
         task.targetId = t.target;
+        task.frameBytes = frame.size;
         task.txid = t.txid;
         task.code = t.code;
         task.flags = t.flags;
@@ -514,9 +612,16 @@ bool BinderConnection::routeFrames(std::vector<FrameRef>* frames, std::vector<Bi
         if (!unflattenLocked(data, t.dataSize, data + t.dataSize, t.objectCount, &frame.fds,
                              task.data.get())) {
             discard->push_back(std::move(task));
-            return false;
+            return kProtocolError;
         }
-        ++mActiveIncoming;
+        if (!chargeIncomingLocked(task.frameBytes)) {
+            ALOGW("Binder: pid %d (uid %u) queued %" PRIu64 " calls (%zu bytes) without pause",
+                  mPeerPid, static_cast<unsigned>(mPeerUid), mActiveIncoming, mIncomingBytes);
+            discard->push_back(std::move(task));
+            return "too many calls queued";
+        }
+        CallTarget& held = mCallTargets[t.target];
+        if (held.calls++ == 0) held.binder = target->second.binder;
         if (isOneway(t.flags)) {
             auto [queue, inserted] = mAsync.try_emplace(t.target);
             if (!inserted) {
@@ -526,14 +631,47 @@ bool BinderConnection::routeFrames(std::vector<FrameRef>* frames, std::vector<Bi
         } else if (t.context != 0) {
             auto waiter = mWaiters.find(t.context);
             if (waiter != mWaiters.end() && !waiter->second->done) {
+                task.connection = this;
                 waiter->second->nested.push_back(std::move(task));
                 waiter->second->cv.notify_one();
                 continue;
             }
         }
+        task.connection = this;
         runnable->push_back(std::move(task));
     }
+    return nullptr;
+}
+
+bool BinderConnection::chargeIncomingLocked(uint32_t frameBytes) {
+    if (mActiveIncoming >= kHardQueuedCalls ||
+        (mIncomingBytes >= kHardQueuedBytes && !mPeerSendsOutOfLine)) {
+        return false;
+    }
+    ++mActiveIncoming;
+    mIncomingBytes += frameBytes;
+    mUidQueued = BinderRuntime::instance().chargeUid(mPeerUid, {1, frameBytes}, true,
+                                                     {mActiveIncoming, mIncomingBytes});
     return true;
+}
+
+bool BinderConnection::overQueueBoundLocked() const {
+    if (mActiveIncoming >= kMaxQueuedCalls || mIncomingBytes >= kMaxQueuedBytes) return true;
+    return mActiveIncoming > 0 && (mUidQueued.calls >= BinderRuntime::kMaxQueuedCallsPerUid ||
+                                   mUidQueued.bytes >= BinderRuntime::kMaxQueuedBytesPerUid);
+}
+
+bool BinderConnection::belowResumeMarkLocked() const {
+    if (mActiveIncoming == 0) return true;
+    return mActiveIncoming <= kResumeQueuedCalls && mIncomingBytes <= kResumeQueuedBytes &&
+           mUidQueued.calls <= BinderRuntime::kMaxQueuedCallsPerUid / 2 &&
+           mUidQueued.bytes <= BinderRuntime::kMaxQueuedBytesPerUid / 2;
+}
+
+sp<IBinder> BinderConnection::callTarget(uint64_t targetId) {
+    Mutex::Autolock lock(mLock);
+    auto it = mCallTargets.find(targetId);
+    return it != mCallTargets.end() ? it->second.binder : nullptr;
 }
 
 bool BinderConnection::unflattenLocked(const uint8_t* data, uint32_t dataSize,
@@ -633,8 +771,15 @@ status_t BinderConnection::sendParcel(uint32_t type, void* body, size_t bodySize
                                       uint32_t* dataSize, uint32_t* objectCount, uint32_t* fdCount,
                                       const Parcel& data) {
     const size_t objects = data.mObjects.size();
-    const uint64_t total = bodySize + static_cast<uint64_t>(data.mDataSize) + objects * 4;
-    if (total > wire::kMaxFrameBody) return android::FAILED_TRANSACTION;
+    const uint64_t payloadSize = static_cast<uint64_t>(data.mDataSize) + objects * 4;
+    const uint64_t total = bodySize + payloadSize;
+    // A parcel too large for a frame travels in a sealed memfd, to receivers that accept that.
+    const bool outOfLine = total > wire::kMaxFrameBody;
+    if (outOfLine && (payloadSize > wire::kMaxOutOfLineBytes ||
+                      !BinderRuntime::acceptsOutOfLine(geteuid(), mPeerUid))) {
+        return android::FAILED_TRANSACTION;
+    }
+    const size_t maxFds = wire::kMaxFdsPerFrame - (outOfLine ? 1 : 0);
     *dataSize = static_cast<uint32_t>(data.mDataSize);
     *objectCount = static_cast<uint32_t>(objects);
 
@@ -665,7 +810,7 @@ status_t BinderConnection::sendParcel(uint32_t type, void* body, size_t bodySize
                     exported = true;
                 }
             } else if (record.type == wire::kRecordFd && record.value < data.mFds.size()) {
-                if (fds.size() >= wire::kMaxFdsPerFrame) return android::FAILED_TRANSACTION;
+                if (fds.size() >= maxFds) return android::FAILED_TRANSACTION;
                 out.type = wire::kWireFd;
                 out.value = fds.size();
                 fds.push_back(data.mFds[record.value].fd);
@@ -680,6 +825,16 @@ status_t BinderConnection::sendParcel(uint32_t type, void* body, size_t bodySize
     *fdCount = static_cast<uint32_t>(fds.size());
     if (exported) BinderRuntime::instance().startPool();
 
+    if (outOfLine) {
+        unique_fd memfd = sealedPayload(payload, data.mDataSize, offsets.data(), objects * 4);
+        if (memfd.get() < 0) return android::FAILED_TRANSACTION;
+        fds.insert(fds.begin(), memfd.get());
+        wire::FrameHeader header{type == wire::kFrameTransaction ? wire::kFrameTransactionOutOfLine
+                                                                 : wire::kFrameReplyOutOfLine,
+                                 static_cast<uint32_t>(bodySize)};
+        iovec iov[2] = {{&header, sizeof(header)}, {body, bodySize}};
+        return writeFrame(iov, 2, fds.data(), fds.size());
+    }
     wire::FrameHeader header{type, static_cast<uint32_t>(total)};
     iovec iov[4];
     int iovcnt = 0;
@@ -865,39 +1020,62 @@ bool BinderConnection::flushPending() {
 
 void BinderConnection::execute(BinderTask task) {
     IPCThreadState* threadState = IPCThreadState::self();
-    while (task.target != nullptr) {
+    while (task.connection != nullptr) {
         const bool oneway = isOneway(task.flags);
         Parcel reply;
+        // Held from mCallTargets: the target cannot go while one of its calls is in progress.
+        sp<IBinder> target = callTarget(task.targetId);
         const IPCThreadState::SavedState saved =
                 threadState->beginIncoming(this, task.txid, mPeerPid, mPeerUid, task.flags);
-        const status_t status = task.target->transact(task.code, *task.data, &reply, task.flags);
+        const status_t status =
+                target != nullptr ? target->transact(task.code, *task.data, &reply, task.flags)
+                                  : android::DEAD_OBJECT;
         threadState->endIncoming(saved);
         task.data.reset();
         if (!oneway) sendReply(task.txid, status, reply);
         BinderTask next;
-        finishIncoming(task.targetId, oneway, &next);
+        finishIncoming(task, &next);
         task = std::move(next);
     }
 }
 
-void BinderConnection::finishIncoming(uint64_t targetId, bool oneway, BinderTask* next) {
+void BinderConnection::finishIncoming(const BinderTask& task, BinderTask* next) {
+    BinderRuntime& runtime = BinderRuntime::instance();
+    sp<IBinder> dropped;
     bool idle;
+    bool rearm = false;
     {
         Mutex::Autolock lock(mLock);
         if (mActiveIncoming > 0) --mActiveIncoming;
-        if (oneway) {
-            auto it = mAsync.find(targetId);
+        mIncomingBytes -= std::min<size_t>(mIncomingBytes, task.frameBytes);
+        mUidQueued = runtime.chargeUid(mPeerUid, {1, task.frameBytes}, false, {});
+        auto held = mCallTargets.find(task.targetId);
+        if (held != mCallTargets.end() && --held->second.calls == 0) {
+            dropped = std::move(held->second.binder);
+            mCallTargets.erase(held);
+        }
+        if (isOneway(task.flags)) {
+            auto it = mAsync.find(task.targetId);
             if (it != mAsync.end()) {
                 if (it->second.empty()) {
                     mAsync.erase(it);
                 } else {
                     *next = std::move(it->second.front());
                     it->second.pop_front();
+                    next->connection = this;
                 }
+            }
+        }
+        if (mPaused && belowResumeMarkLocked()) {
+            mPaused = false;
+            if (!mDead && !mReading && !mArmed && runtime.poolStarted()) {
+                mArmed = true;
+                rearm = true;
             }
         }
         idle = idleLocked();
     }
+    if (rearm) runtime.rearm(this);
     if (idle) markDead(nullptr);
 }
 
@@ -906,6 +1084,7 @@ void BinderConnection::markDead(const char* reason) {
     std::vector<sp<BpBinder>> proxies;
     std::unordered_map<uint64_t, Export> exports;
     std::unordered_map<uint64_t, std::deque<BinderTask>> async;
+    std::vector<sp<IBinder>> targets;
     {
         Mutex::Autolock lock(mLock);
         if (mDead) return;
@@ -926,6 +1105,24 @@ void BinderConnection::markDead(const char* reason) {
         exports.swap(mExports);
         mExportIds.clear();
         async.swap(mAsync);
+        // The one-way calls still queued are dropped with the connection.
+        BinderRuntime::QueueTotals droppedCalls;
+        for (auto& [targetId, queue] : async) {
+            for (const BinderTask& task : queue) {
+                ++droppedCalls.calls;
+                droppedCalls.bytes += task.frameBytes;
+                auto held = mCallTargets.find(targetId);
+                if (held != mCallTargets.end() && --held->second.calls == 0) {
+                    targets.push_back(std::move(held->second.binder));
+                    mCallTargets.erase(held);
+                }
+            }
+        }
+        mActiveIncoming -= std::min<uint64_t>(mActiveIncoming, droppedCalls.calls);
+        mIncomingBytes -= std::min(mIncomingBytes, droppedCalls.bytes);
+        if (droppedCalls.calls > 0) {
+            mUidQueued = BinderRuntime::instance().chargeUid(mPeerUid, droppedCalls, false, {});
+        }
     }
     if (reason != nullptr) {
         ALOGW("Binder: closing the connection with pid %d: %s", mPeerPid, reason);

@@ -16,6 +16,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "binder/BinderRuntime.h"
 #include "binder/BinderTask.h"
 #include "threads/Mutex.h"
 
@@ -41,8 +42,33 @@ namespace Halo::OS {
 // dropped when the count reaches 0. A proxy for a peer object counts the times it was received
 // and returns that count when it is destroyed. Object 0 of an accepted connection is the
 // published service.
+//
+// Incoming calls are bounded (docs/reliability.md, "Bounds"): the calls read from a connection
+// that have not finished yet -- waiting for a thread, waiting behind an earlier one-way call to
+// the same object, or running -- are counted in calls and in bytes of their frames, per
+// connection and per peer uid. A connection whose count reaches a mark is no longer read (it
+// stays out of the pool's epoll set) until its calls have drained below the resume mark; the
+// peer's further frames wait in the socket and in the peer's output queue, as calls wait for room
+// in the kernel's one-way buffer on a device. Nothing is dropped and nothing is reordered.
 class BinderConnection : public android::RefBase {
 public:
+    // A connection with this many incoming calls, or calls of this many bytes, in progress is
+    // paused; one read may take it past the mark by what that read holds (64 KiB, or one frame).
+    static constexpr size_t kMaxQueuedCalls = 1024;
+    static constexpr size_t kMaxQueuedBytes = 1024 * 1024;
+    // A paused connection is read again once it is at or below both of these.
+    static constexpr size_t kResumeQueuedCalls = kMaxQueuedCalls / 2;
+    static constexpr size_t kResumeQueuedBytes = kMaxQueuedBytes / 2;
+    // A thread waiting for a reply reads its connection even while it is paused (the reply may
+    // be behind the queued calls). A call that arrives while the connection already has this
+    // many calls or bytes in progress closes the connection; for a peer trusted with
+    // out-of-line parcels (one call may be 64 MiB) only the calls count.
+    static constexpr size_t kHardQueuedCalls = 4 * kMaxQueuedCalls;
+    static constexpr size_t kHardQueuedBytes = 4 * kMaxQueuedBytes;
+    // The read buffer: this large normally; it grows to hold one large frame and, once it is
+    // over four times this size with no large frame pending, shrinks back.
+    static constexpr size_t kReadChunk = 64 * 1024;
+
     // Takes ownership of the connected socket `fd`. `root` is the published object the peer
     // reaches as object 0 (accepted connections); a connecting client passes null.
     BinderConnection(android::base::unique_fd fd, const android::sp<android::IBinder>& root);
@@ -92,9 +118,6 @@ public:
     // holds no lock of this connection.
     void markDead(const char* reason);
 
-    // Epoll arming bookkeeping for the runtime (see BinderRuntime).
-    bool takeArmedForRearm();
-
 private:
     struct Waiter {
         uint64_t txid = 0;
@@ -118,10 +141,12 @@ private:
     };
 
     struct FrameRef {
-        uint32_t type;
+        uint32_t type;  // kFrameTransaction, kFrameReply or kFrameRelease
         const uint8_t* body;
         uint32_t size;
         std::vector<android::base::unique_fd> fds;
+        // The body of an out-of-line frame: its fixed part and the memfd's content.
+        std::vector<uint8_t> outOfLine;
     };
 
     struct PendingOutput {
@@ -166,8 +191,15 @@ private:
     void releaseReadingToken();
     ReadResult readSome(bool block);
     bool extractFrames(std::vector<FrameRef>* frames);
-    bool routeFrames(std::vector<FrameRef>* frames, std::vector<BinderTask>* runnable,
-                     std::vector<BinderTask>* discard) REQUIRES(mLock);
+    // Rebuilds the body of an out-of-line frame whose fixed part is `fixed` (`size` bytes) from
+    // the memfd first in mReceivedFds, into frame->outOfLine. False (logged) when the peer may
+    // not send out of line or the memfd is missing, not sealed, or not of the announced size.
+    bool readOutOfLine(uint32_t type, const uint8_t* fixed, uint32_t size, FrameRef* frame);
+    // Returns null, or why the frames break the protocol. What must be destroyed outside the
+    // lock goes to `discard` and `dropped`.
+    const char* routeFrames(std::vector<FrameRef>* frames, std::vector<BinderTask>* runnable,
+                            std::vector<BinderTask>* discard,
+                            std::vector<android::sp<android::IBinder>>* dropped) REQUIRES(mLock);
     // Rebuilds a parcel from wire data: proxies for the peer's objects, our own objects for
     // returned references, descriptors from the frame. False for a reference to an object we did
     // not export.
@@ -178,12 +210,26 @@ private:
     uint64_t exportLocked(const android::sp<android::IBinder>& binder) REQUIRES(mLock);
     // A client connection that nobody uses any more (no proxies, no exports, no calls) closes.
     bool idleLocked() const REQUIRES(mLock);
-    void finishIncoming(uint64_t targetId, bool oneway, BinderTask* next);
+    // Accounts a finished incoming call, resumes reading the connection when it was paused and
+    // has drained, and for a one-way call moves the next one queued for the same object to
+    // `next`.
+    void finishIncoming(const BinderTask& task, BinderTask* next);
+    // Counts a call that was read against this connection's and its uid's bounds. Returns false
+    // when it arrives over the hard bound.
+    bool chargeIncomingLocked(uint32_t frameBytes) REQUIRES(mLock);
+    // Whether the connection must not be read now.
+    bool overQueueBoundLocked() const REQUIRES(mLock);
+    // Whether a paused connection may be read again.
+    bool belowResumeMarkLocked() const REQUIRES(mLock);
+    // The target of an incoming call in progress (held in mCallTargets).
+    android::sp<android::IBinder> callTarget(uint64_t targetId);
 
     android::base::unique_fd mFd;
     const bool mIsClient;
     pid_t mPeerPid;
     uid_t mPeerUid;
+    // Whether the peer may send parcels out of line (BinderRuntime::acceptsOutOfLine).
+    bool mPeerSendsOutOfLine = false;
     uint64_t mKey = 0;
 
     // The read buffer belongs to the holder of the reading token.
@@ -198,12 +244,25 @@ private:
     bool mArmed GUARDED_BY(mLock) = true;
     uint64_t mNextTxid GUARDED_BY(mLock) = 0;
     uint64_t mNextExportId GUARDED_BY(mLock) = 1;
+    bool mPaused GUARDED_BY(mLock) = false;
+    // Incoming calls in progress (see the class comment) and the bytes of their frames.
     uint64_t mActiveIncoming GUARDED_BY(mLock) = 0;
+    size_t mIncomingBytes GUARDED_BY(mLock) = 0;
+    // The peer uid's totals as of this connection's last change of its own.
+    BinderRuntime::QueueTotals mUidQueued GUARDED_BY(mLock);
     std::unordered_map<uint64_t, Waiter*> mWaiters GUARDED_BY(mLock);
     std::unordered_map<uint64_t, Export> mExports GUARDED_BY(mLock);
     std::unordered_map<const android::IBinder*, uint64_t> mExportIds GUARDED_BY(mLock);
     std::unordered_map<uint64_t, ProxyEntry> mProxies GUARDED_BY(mLock);
-    // One-way calls per object: present while one runs; later ones wait here in order.
+    // The targets of the incoming calls in progress, one reference each whatever the number of
+    // calls, and how many calls name each.
+    struct CallTarget {
+        android::sp<android::IBinder> binder;
+        uint64_t calls = 0;
+    };
+    std::unordered_map<uint64_t, CallTarget> mCallTargets GUARDED_BY(mLock);
+    // One-way calls per object: present while one runs; later ones wait here in order. Queued
+    // tasks hold no reference to this connection (filled in when they run).
     std::unordered_map<uint64_t, std::deque<BinderTask>> mAsync GUARDED_BY(mLock);
 
     // Frames left by threads that found another thread writing; that thread (mWriterActive)

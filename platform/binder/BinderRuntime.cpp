@@ -14,6 +14,7 @@
 
 #include <log/log.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <mutex>
@@ -149,6 +150,38 @@ size_t BinderRuntime::connectionsOfUid(uid_t uid) const {
         if (connection->peerUid() == uid && !connection->isDead()) ++count;
     }
     return count;
+}
+
+BinderRuntime::QueueTotals BinderRuntime::chargeUid(uid_t uid, QueueTotals delta, bool add,
+                                                    QueueTotals connection) {
+    Mutex::Autolock lock(mQueueLock);
+    QueueTotals& totals = mUidQueues[uid];
+    QueueTotals& now = mQueueStats.now;
+    if (add) {
+        totals.calls += delta.calls;
+        totals.bytes += delta.bytes;
+        now.calls += delta.calls;
+        now.bytes += delta.bytes;
+        QueueTotals& perUid = mQueueStats.peakPerUid;
+        perUid.calls = std::max(perUid.calls, totals.calls);
+        perUid.bytes = std::max(perUid.bytes, totals.bytes);
+        QueueTotals& perConnection = mQueueStats.peakPerConnection;
+        perConnection.calls = std::max(perConnection.calls, connection.calls);
+        perConnection.bytes = std::max(perConnection.bytes, connection.bytes);
+    } else {
+        totals.calls -= std::min(totals.calls, delta.calls);
+        totals.bytes -= std::min(totals.bytes, delta.bytes);
+        now.calls -= std::min(now.calls, delta.calls);
+        now.bytes -= std::min(now.bytes, delta.bytes);
+    }
+    const QueueTotals result = totals;
+    if (totals.calls == 0 && totals.bytes == 0) mUidQueues.erase(uid);
+    return result;
+}
+
+BinderRuntime::QueueStats BinderRuntime::queueStats() const {
+    Mutex::Autolock lock(mQueueLock);
+    return mQueueStats;
 }
 
 void BinderRuntime::unregisterConnection(BinderConnection* connection) {

@@ -37,6 +37,40 @@ public:
     // ones are closed as soon as they are accepted.
     static constexpr size_t kMaxConnectionsPerUid = 128;
 
+    // Bounds on the incoming calls in progress (see BinderConnection) of all connections whose
+    // peer runs as one uid. While its uid is over one of them, a connection is not read as long
+    // as it has calls of its own in progress; it is read again once its own calls are done or
+    // the uid is back at half the bounds. So one app's connections together cannot queue more
+    // than this, whatever their number.
+    static constexpr size_t kMaxQueuedCallsPerUid = 8192;
+    static constexpr size_t kMaxQueuedBytesPerUid = 8 * 1024 * 1024;
+
+    struct QueueTotals {
+        size_t calls = 0;
+        size_t bytes = 0;
+    };
+    // Adds `delta` to the incoming calls in progress of `uid` (subtracts it when `add` is false)
+    // and returns the uid's totals after the change. `connection`: the totals of the connection
+    // that changed, after the change (recorded for the peaks of queueStats()).
+    QueueTotals chargeUid(uid_t uid, QueueTotals delta, bool add, QueueTotals connection);
+    // The incoming calls in progress of the whole process now, and the most that one connection
+    // and one uid have had in progress at once since the process started (for tests and
+    // diagnostics).
+    struct QueueStats {
+        QueueTotals now;
+        QueueTotals peakPerConnection;
+        QueueTotals peakPerUid;
+    };
+    QueueStats queueStats() const;
+
+    // Whether a process running as `receiver` accepts parcels carried out of line (in a memfd,
+    // see docs/wire.md) from a peer running as `sender`: root, and processes of its own uid.
+    // Senders ask it too, and send a parcel over the frame limit only to receivers that accept
+    // it (otherwise the call fails with FAILED_TRANSACTION).
+    static bool acceptsOutOfLine(uid_t sender, uid_t receiver) {
+        return sender == 0 || sender == receiver;
+    }
+
     // Adds a connection to the epoll set; it stays registered until unregisterConnection.
     void registerConnection(const android::sp<BinderConnection>& connection);
     void unregisterConnection(BinderConnection* connection);
@@ -113,6 +147,11 @@ private:
     std::atomic<int> mIdle{0};
     std::atomic<bool> mStopping{false};
     std::atomic<uint32_t> mThreadCounter{0};
+
+    // Taken with a connection's lock held; nothing else is locked under it.
+    mutable Mutex mQueueLock;
+    std::unordered_map<uid_t, QueueTotals> mUidQueues GUARDED_BY(mQueueLock);
+    QueueStats mQueueStats GUARDED_BY(mQueueLock);
 
     Mutex mFlushLock;
     bool mFlusherStarted GUARDED_BY(mFlushLock) = false;

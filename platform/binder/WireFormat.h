@@ -44,13 +44,20 @@ struct FrameHeader {
 static_assert(sizeof(FrameHeader) == 8, "frame headers are 8 bytes");
 
 constexpr uint32_t kMaxFrameBody = 1u << 20;  // 1 MiB; a larger frame closes the connection
-constexpr uint32_t kMaxFdsPerFrame = 253;     // SCM_MAX_FD
+// The most parcel data and offsets one out-of-line frame may carry in its memfd.
+constexpr uint64_t kMaxOutOfLineBytes = 64u << 20;  // 64 MiB
+constexpr uint32_t kMaxFdsPerFrame = 253;           // SCM_MAX_FD
 constexpr size_t kMaxPendingFds = 1024;
 
 enum FrameType : uint32_t {
     kFrameTransaction = B_PACK_CHARS('T', 'R', 'N', 'S'),
     kFrameReply = B_PACK_CHARS('R', 'P', 'L', 'Y'),
     kFrameRelease = B_PACK_CHARS('R', 'L', 'S', 'E'),
+    // A transaction or reply whose parcel is too large for a frame: the body is only the fixed
+    // part (TransactionBody or ReplyBody); the data and offsets are the whole content of a
+    // sealed memfd sent as the frame's first descriptor, before the parcel's own descriptors.
+    kFrameTransactionOutOfLine = B_PACK_CHARS('T', 'R', 'N', 'M'),
+    kFrameReplyOutOfLine = B_PACK_CHARS('R', 'P', 'L', 'M'),
 };
 
 // Body of a transaction frame, followed by `dataSize` bytes of parcel data and `objectCount`

@@ -101,13 +101,21 @@ TEST_F(BinderIpcTest, ValuesNullObjectsAndDescriptorsCrossProcesses) {
     ASSERT_EQ(5, read(readEnd.get(), buffer, sizeof(buffer)));
     EXPECT_STREQ("abcde", buffer);
 
-    // Frames are limited to 1 MiB: a request just below the limit goes through both ways, one
-    // above it fails on the caller's side without breaking the connection.
+    // Frames are limited to 1 MiB; a larger parcel between root peers travels in a sealed memfd
+    // (5 MB both ways here), one over 64 MiB fails on the caller's side without breaking the
+    // connection.
     std::vector<uint8_t> large((1 << 20) - 4096, 0x33);
     std::vector<uint8_t> bytesOut;
     ASSERT_TRUE(service->echoBytes(large, &bytesOut).isOk());
     EXPECT_EQ(large, bytesOut);
-    large.resize((1 << 20) + 1);
+    large.resize(5 << 20);
+    for (size_t i = 0; i < large.size(); ++i) large[i] = static_cast<uint8_t>(i * 7);
+    ASSERT_TRUE(service->echoBytes(large, &bytesOut).isOk());
+    EXPECT_EQ(large, bytesOut);
+    const String16 longText(std::string(5 << 19, 'x').c_str());
+    ASSERT_TRUE(service->echoString(longText, &text).isOk());
+    EXPECT_EQ(longText, text);
+    large.resize((64 << 20) + 1);
     Status tooLarge = service->echoBytes(large, &bytesOut);
     EXPECT_EQ(android::FAILED_TRANSACTION, tooLarge.transactionError());
     EXPECT_EQ(7, echoed(service, 7));

@@ -1,16 +1,21 @@
 #include <binder/IServiceManager.h>
 #include <binder/test/BnTestCallback.h>
 #include <binder/test/ITestService.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <random>
+#include <thread>
 
 #include "BinderTestEnvironment.h"
+#include "binder/BinderConnection.h"
 
 namespace Halo::OS::testing {
 namespace {
@@ -92,11 +97,17 @@ Bytes objectRecord(uint32_t type, uint64_t value) {
 
 class RawClient {
 public:
-    explicit RawClient(const std::string& path) : mFd(socket(AF_UNIX, SOCK_STREAM, 0)) {
+    // Connects as `uid`: the kernel gives the service the credentials of the thread that
+    // connects, so a thread of its own takes that effective uid (only itself) and connects.
+    explicit RawClient(const std::string& path, uid_t uid = 0)
+        : mFd(socket(AF_UNIX, SOCK_STREAM, 0)) {
         sockaddr_un addr{};
         addr.sun_family = AF_UNIX;
         strncpy(addr.sun_path, path.c_str(), sizeof(addr.sun_path) - 1);
-        EXPECT_EQ(0, connect(mFd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)));
+        std::thread([&] {
+            if (uid != 0) ASSERT_EQ(0, syscall(SYS_setresuid, -1, uid, -1));
+            EXPECT_EQ(0, connect(mFd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)));
+        }).join();
     }
     ~RawClient() { close(mFd); }
 
@@ -132,6 +143,23 @@ public:
     }
 
     void shutdownWrite() { shutdown(mFd, SHUT_WR); }
+
+    // Sends `bytes` with `fd` (unless -1) attached to the first byte.
+    void sendWithFd(const Bytes& bytes, int fd) {
+        iovec iov{const_cast<uint8_t*>(bytes.data()), bytes.size()};
+        msghdr msg{};
+        msg.msg_iov = &iov;
+        msg.msg_iovlen = 1;
+        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
+        if (fd >= 0) {
+            msg.msg_control = control;
+            msg.msg_controllen = sizeof(control);
+            cmsghdr* cmsg = CMSG_FIRSTHDR(&msg);
+            *cmsg = cmsghdr{CMSG_LEN(sizeof(int)), SOL_SOCKET, SCM_RIGHTS};
+            memcpy(CMSG_DATA(cmsg), &fd, sizeof(fd));
+        }
+        EXPECT_EQ(static_cast<ssize_t>(bytes.size()), sendmsg(mFd, &msg, MSG_NOSIGNAL));
+    }
 
 private:
     int mFd;
@@ -288,6 +316,87 @@ TEST_F(BinderRobustnessTest, PeerThatStopsReadingDoesNotBlockTheService) {
     EXPECT_TRUE(service->echoInt(13, &out).isOk());
     EXPECT_EQ(13, out);
     stalled.kill(SIGKILL);
+}
+
+TEST_F(BinderRobustnessTest, OnewayFloodIsHeldBackWithoutLossWhileOthersAreServed) {
+    sp<ITestService> service = startService<ITestService>("serve", "test");
+    ASSERT_NE(nullptr, service);
+    // An app's one-way calls pile up behind one that does not return until released.
+    constexpr int32_t kFlood = 10000;
+    ASSERT_EQ("sent", startPeer({"flood", "test", std::to_string(kFlood)}, 10123).readLine());
+    const int32_t mark = BinderConnection::kMaxQueuedCalls;
+    // queueStats(): calls in progress now, then the peak calls and bytes of one connection.
+    std::vector<int32_t> stats;
+    EXPECT_TRUE(eventually([&] { return service->queueStats(&stats).isOk() && stats[0] >= mark; }));
+    int32_t out = 0;
+    EXPECT_TRUE(service->echoInt(14, &out).isOk());  // another client is served meanwhile
+
+    // Released, every call arrives once and in order.
+    ASSERT_TRUE(service->release().isOk());
+    std::vector<int32_t> recorded;
+    ASSERT_TRUE(service->recorded(kFlood, &recorded).isOk());
+    std::vector<int32_t> expected(kFlood);
+    for (int32_t i = 0; i < kFlood; ++i) expected[i] = i;
+    EXPECT_EQ(expected, recorded);
+    // No connection ever had more than the marks and one read (of calls of 56 bytes or more).
+    ASSERT_TRUE(service->queueStats(&stats).isOk());
+    EXPECT_LE(stats[1], mark + int32_t(BinderConnection::kReadChunk / 56));
+    EXPECT_LE(size_t(stats[2]), BinderConnection::kMaxQueuedBytes + BinderConnection::kReadChunk);
+}
+
+TEST_F(BinderRobustnessTest, OutOfLineParcelsComeOnlyFromTrustedPeersInSealedMemfds) {
+    sp<ITestService> service = startService<ITestService>("serve", "test");
+    ASSERT_NE(nullptr, service);
+    // An app's runtime does not send a parcel over the frame limit to a root service: the call
+    // fails in the app and its connection stays usable.
+    PeerProcess& app = startPeer({"echo-bytes", "test", "5242880", "16"}, 10123);
+    EXPECT_EQ("exception -129", app.readLine());
+    EXPECT_EQ("ok", app.readLine());
+
+    // Raw out-of-line pings: only a sealed memfd of the announced size from root is answered.
+    // Seals -1: a pipe instead of a memfd; -2: no descriptor.
+    constexpr int kSeals = F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_WRITE | F_SEAL_SEAL;
+    constexpr off_t kSize = 2 << 20;
+    const struct {
+        const char* what;
+        uid_t uid;
+        int seals;
+        off_t size;
+        int64_t announced;
+    } cases[] = {
+            {"sealed memfd from root", 0, kSeals, kSize, kSize},
+            {"sealed memfd from an app", 10123, kSeals, kSize, kSize},
+            {"memfd without the write seal", 0, kSeals & ~F_SEAL_WRITE, kSize, kSize},
+            {"memfd shorter than announced", 0, kSeals, kSize, kSize + 4},
+            {"memfd over 64 MiB", 0, kSeals, (64 << 20) + 4, (64 << 20) + 4},
+            {"pipe instead of a memfd", 0, -1, 0, kSize},
+            {"no descriptor", 0, -2, 0, kSize},
+    };
+    for (const auto& c : cases) {
+        android::base::unique_fd fd(c.seals >= 0 ? memfd_create("test", MFD_ALLOW_SEALING) : -1);
+        int ends[2] = {-1, -1};
+        if (c.seals == -1) ASSERT_EQ(0, pipe(ends));
+        if (c.seals >= 0) {
+            ASSERT_EQ(0, ftruncate(fd.get(), c.size));
+            ASSERT_EQ(0, fcntl(fd.get(), F_ADD_SEALS, c.seals));
+        }
+        TransactionFrame ping;
+        ping.txid = 9;
+        ping.dataSizeOverride = c.announced;
+        Bytes frame = ping.encode();
+        frame[0] = 'M';  // 'TRNS' becomes 'TRNM' (little-endian)
+        RawClient raw(socketPath("test"), c.uid);
+        raw.sendWithFd(frame, c.seals == -1 ? ends[0] : fd.get());
+        if (c.seals == -1) close(ends[0]), close(ends[1]);
+        if (c.what == cases[0].what) {
+            const Bytes reply = raw.receive(8 + 24);
+            EXPECT_TRUE(reply.size() == 32u && get32(reply, 8) == 9u) << c.what;
+        } else {
+            EXPECT_TRUE(raw.closedByPeer()) << c.what;
+        }
+        int32_t out = 0;
+        EXPECT_TRUE(service->echoInt(16, &out).isOk()) << c.what;
+    }
 }
 
 }  // namespace

@@ -8,6 +8,10 @@
 //   call-uid NAME                  print "<uid> <pid>" as the TestService NAME sees this process
 //   check-permission NAME PERM...  print 1 or 0 per permission: NAME's checkCallingPermission
 //   keep NAME                      hand a callback to NAME (keepCallback), print "ready", wait
+//   echo-bytes NAME SIZE...        echoBytes of SIZE bytes per SIZE; prints "ok" (echoed whole) or
+//                                  "exception N" for each
+//   flood NAME COUNT               one-way hold() to NAME, then COUNT one-way record(0..COUNT-1),
+//                                  print "sent", wait
 //
 // Exit status: 0 on success, 2 for bad usage, 3 when a service is missing or a call fails.
 
@@ -116,6 +120,31 @@ int main(int argc, char** argv) {
         sp<binder::test::ITestService> service = testService(name);
         if (service == nullptr || !service->keepCallback(new Callback()).isOk()) return 3;
         printf("ready\n");
+        fflush(stdout);
+        for (;;) pause();
+    }
+    if (mode == "echo-bytes") {
+        sp<binder::test::ITestService> service = testService(name);
+        if (service == nullptr) return 3;
+        for (int i = 3; i < argc; ++i) {
+            const std::vector<uint8_t> bytes(static_cast<size_t>(atol(argv[i])), 0x42);
+            std::vector<uint8_t> out;
+            const Status status = service->echoBytes(bytes, &out);
+            if (status.isOk() && out == bytes) {
+                printf("ok\n");
+            } else {
+                printf("exception %d\n", status.exceptionCode());
+            }
+        }
+        return 0;
+    }
+    if (mode == "flood" && argc == 4) {
+        sp<binder::test::ITestService> service = testService(name);
+        if (service == nullptr || !service->hold().isOk()) return 3;
+        for (int32_t i = 0, count = atoi(argv[3]); i < count; ++i) {
+            if (!service->record(i).isOk()) return 3;
+        }
+        printf("sent\n");
         fflush(stdout);
         for (;;) pause();
     }

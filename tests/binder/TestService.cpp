@@ -10,6 +10,8 @@
 #include <chrono>
 #include <string>
 
+#include "binder/BinderRuntime.h"
+
 namespace Halo::OS::testing {
 
 using android::IBinder;
@@ -177,6 +179,27 @@ Status TestService::deaths(int32_t waitForAtLeast, int32_t* out) {
     mChanged.wait_for(lock.unique(), kWaitLimit,
                       [&]() NO_THREAD_SAFETY_ANALYSIS { return mDeaths >= waitForAtLeast; });
     *out = mDeaths;
+    return Status::ok();
+}
+
+Status TestService::hold() {
+    Mutex::Autolock lock(mLock);
+    mChanged.wait_for(lock.unique(), kWaitLimit,
+                      [&]() NO_THREAD_SAFETY_ANALYSIS { return mReleased; });
+    return Status::ok();
+}
+
+Status TestService::release() {
+    Mutex::Autolock lock(mLock);
+    mReleased = true;
+    mChanged.notify_all();
+    return Status::ok();
+}
+
+Status TestService::queueStats(std::vector<int32_t>* out) {
+    const BinderRuntime::QueueStats stats = BinderRuntime::instance().queueStats();
+    *out = {int32_t(stats.now.calls), int32_t(stats.peakPerConnection.calls),
+            int32_t(stats.peakPerConnection.bytes)};
     return Status::ok();
 }
 

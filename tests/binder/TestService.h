@@ -55,6 +55,9 @@ public:
     android::binder::Status spam(int32_t count, int32_t bytes, int32_t* out) override;
     android::binder::Status watchKeptCallback() override;
     android::binder::Status deaths(int32_t waitForAtLeast, int32_t* out) override;
+    android::binder::Status hold() override;
+    android::binder::Status release() override;
+    android::binder::Status queueStats(std::vector<int32_t>* out) override;
 
 private:
     class DeathCounter : public android::IBinder::DeathRecipient {
@@ -72,6 +75,7 @@ private:
     android::sp<binder::test::ITestCallback> mKept GUARDED_BY(mLock);
     android::sp<DeathCounter> mDeathCounter GUARDED_BY(mLock);
     int32_t mDeaths GUARDED_BY(mLock) = 0;
+    bool mReleased GUARDED_BY(mLock) = false;
 };
 
 }  // namespace Halo::OS::testing

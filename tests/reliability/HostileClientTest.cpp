@@ -1,7 +1,7 @@
-// Clients that misbehave: one that calls and never reads, one that opens hundreds of
-// connections, one that registers thousands of listeners and dies, very long keys, huge values
-// and a schema with thousands of keys. The daemon keeps serving the others, its memory and
-// descriptors stay bounded, and what a dead client left behind is gone.
+// Clients that misbehave: one that calls and never reads, one that floods one-way calls, one
+// that opens hundreds of connections, one that registers thousands of listeners and dies, very long
+// keys, huge values and a schema with thousands of keys. The daemon keeps serving the others, its
+// memory and descriptors stay bounded, and what a dead client left behind is gone.
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
@@ -41,6 +41,32 @@ TEST_F(HostileClientTest, CallerThatNeverReadsIsCutOffWhileOthersAreServed) {
     stalled->kill(SIGUSR1);
     EXPECT_EQ("closed", stalled->readLine(kLineTimeout).value_or("none"));
     EXPECT_EQ("ok 2", call({"getInteger", "beta_sys"}, kBetaUid));
+}
+
+TEST_F(HostileClientTest, OnewayFloodsKillNeitherTheDaemonNorTheAppInfoService) {
+    startDevice();
+    ASSERT_EQ("ok 1", call({"getInteger", "alpha_sys"}, kAlphaUid));
+    const long daemonBefore = residentKb(mDaemon->pid());
+    const long appInfoBefore = residentKb(mAppInfo->pid());
+
+    // More pings than a strong reference count can hold, from an app without any permission,
+    // at the service and at prefs-appinfo (which answers the daemon's permission checks).
+    const std::string count = "1100000";
+    constexpr uid_t kIntruderUid = 10099;
+    std::unique_ptr<ChildProcess> atDaemon = hostile({"flood", count}, kIntruderUid);
+    std::vector<std::string> args = clientArgs({"flood", count}, kIntruderUid);
+    std::replace(args.begin(), args.end(), std::string(kService), std::string(kInquirer));
+    ChildProcess atAppInfo(args);
+    EXPECT_EQ("ok", call({"setInteger", "alpha_sys", "7"}, kAlphaUid));
+    EXPECT_EQ("sent " + count, atDaemon->readLine(kLineTimeout).value_or("none"));
+    EXPECT_EQ("sent " + count, atAppInfo.readLine(kLineTimeout).value_or("none"));
+
+    EXPECT_EQ("ok", call({"setInteger", "alpha_sys", "8"}, kAlphaUid));
+    EXPECT_EQ("ok 8", call({"getInteger", "alpha_sys"}, kAlphaUid));
+    EXPECT_EQ("ok 2", call({"getInteger", "beta_sys"}, kBetaUid));
+    // Queued, the pings would take hundreds of MB.
+    EXPECT_LT(residentKb(mDaemon->pid()) - daemonBefore, 64 * 1024);
+    EXPECT_LT(residentKb(mAppInfo->pid()) - appInfoBefore, 64 * 1024);
 }
 
 TEST_F(HostileClientTest, HundredsOfConnectionsNeitherStarveOthersNorLeak) {
@@ -140,6 +166,36 @@ TEST_F(HostileClientTest, SchemaWithThousandsOfKeysIsAppliedWhileOthersAreServed
               query(mDataDir + "/system.db",
                     "SELECT count(*) FROM preferences WHERE key LIKE "
                     "'huge\\_%' ESCAPE '\\'"));
+    EXPECT_EQ("ok 2", call({"getInteger", "beta_sys"}, kBetaUid));
+}
+
+TEST_F(HostileClientTest, RestartListsOverTheFrameLimitArriveAtStart) {
+    // 20 packages of 600 keys and one of 12000 (1.3 MB each way), carried out of line; with
+    // PREFS_LARGE_LISTS=full 2000 packages of 50 keys and one of 100000 (docs/reliability.md).
+    const bool full = getenv("PREFS_LARGE_LISTS") != nullptr;
+    const int packages = full ? 2000 : 20;
+    const int hugeKeys = full ? 100000 : 12000;
+    std::vector<std::string> keys;
+    for (int k = 0; k < (full ? 50 : 600); ++k) keys.push_back("pXXXX_" + std::to_string(k));
+    // Package p is the text of package XXXX of uid 29999 with the number and the uid replaced.
+    const std::string model = packageText(29999, "com.example.pXXXX", keys);
+    for (int p = 0; p < packages; ++p) {
+        std::string text = model;
+        for (size_t at; (at = text.find("XXXX")) != std::string::npos;) {
+            text.replace(at, 4, std::to_string(p));
+        }
+        text.replace(text.find("29999"), 5, std::to_string(20000 + p));
+        writePackage("com.example.p" + std::to_string(p) + ".json", text);
+    }
+    std::vector<std::string> huge;
+    for (int i = 0; i < hugeKeys; ++i) huge.push_back("huge_" + std::to_string(i));
+    writePackage("com.example.huge.json", packageText(10070, "com.example.huge", huge));
+    startDevice();
+    const std::string last = "p" + std::to_string(packages - 1) + "_" + keys.back().substr(6);
+    EXPECT_TRUE(eventually([&] {
+        return call({"getInteger", last}, 20000 + packages - 1) == "ok 0";
+    }));
+    EXPECT_TRUE(eventually([&] { return call({"getInteger", huge.back()}, 10070) == "ok 0"; }));
     EXPECT_EQ("ok 2", call({"getInteger", "beta_sys"}, kBetaUid));
 }
 

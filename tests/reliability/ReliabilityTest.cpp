@@ -43,8 +43,11 @@ void ReliabilityTest::TearDown() {
 }
 
 void ReliabilityTest::startAppInfo() {
-    mAppInfo = startLogged(mLogPath,
-                           {PREFS_APPINFO, "--packages", mPackagesDir, "--binder-dir", mBinderDir});
+    // The daemon's small ASan quarantine, so that its resident size means the same.
+    mAppInfo = startLogged(
+            mLogPath, {PREFS_APPINFO, "--packages", mPackagesDir, "--binder-dir", mBinderDir}, 0,
+            "ASAN_OPTIONS=\"${ASAN_OPTIONS:+$ASAN_OPTIONS:}quarantine_size_mb=4\"; "
+            "export ASAN_OPTIONS; ");
     ASSERT_TRUE(waitForSocket(mBinderDir + "/" + kInquirer, *mAppInfo));
 }
 

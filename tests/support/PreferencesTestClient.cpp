@@ -26,6 +26,9 @@
 //                         a byte, prints "sent", waits for SIGUSR1, then reads until the service
 //                         closes the connection and prints "closed" (or "open" when nothing ends
 //                         within a minute)
+//   flood COUNT           sends one-way pings on a raw connection in batches of 1000 until COUNT
+//                         are sent or the service closes it, blocking whenever the service reads
+//                         no further, and prints "sent N"; works with any service
 //   longkey LENGTH        calls getInteger, setInteger, getType and registerListener with a key of
 //                         LENGTH characters; prints "METHOD RESULT" per call
 //   bigvalue KEY LENGTH   setString(KEY, LENGTH letters), then getString(KEY); prints
@@ -312,7 +315,8 @@ void connections(Service&, Args& a) {
     waitForever();
 }
 
-// A two-way transaction frame (docs/wire.md) carrying `data`.
+// A transaction frame (docs/wire.md) carrying `data` to the published object; txid 0 makes it
+// one-way.
 std::vector<uint8_t> transactionFrame(uint64_t txid, uint32_t code, const android::Parcel& data) {
     std::vector<uint8_t> frame;
     auto put32 = [&](uint32_t value) {
@@ -328,7 +332,7 @@ std::vector<uint8_t> transactionFrame(uint64_t txid, uint32_t code, const androi
     put64(0);  // target: the published object
     put64(0);  // context
     put32(code);
-    put32(0);  // flags: two-way
+    put32(txid == 0 ? android::IBinder::FLAG_ONEWAY : 0);
     put32(static_cast<uint32_t>(data.dataSize()));
     put32(0);  // objects
     put32(0);  // descriptors
@@ -366,6 +370,22 @@ void stall(Service&, Args& a) {
         if (n == 0 || (n < 0 && errno == ECONNRESET)) break;
     }
     say("closed");
+}
+
+void flood(Service&, Args& a) {
+    const long count = std::strtol(a.next().c_str(), nullptr, 10);
+    const int fd = connectRaw();
+    if (fd < 0) exit(3);
+    const std::vector<uint8_t> ping =
+            transactionFrame(0, android::IBinder::PING_TRANSACTION, android::Parcel());
+    std::vector<uint8_t> batch;
+    for (int i = 0; i < 1000; ++i) batch.insert(batch.end(), ping.begin(), ping.end());
+    long sent = 0;
+    while (sent < count && send(fd, batch.data(), batch.size(), MSG_NOSIGNAL) ==
+                                   static_cast<ssize_t>(batch.size())) {
+        sent += 1000;
+    }
+    say("sent " + std::to_string(sent));
 }
 
 void longKey(Service& s, Args& a) {
@@ -440,6 +460,7 @@ const std::map<std::string, Op>& operations() {
         (*made)["badlisteners"] = badListeners;
         (*made)["connections"] = connections;
         (*made)["stall"] = stall;
+        (*made)["flood"] = flood;
         (*made)["longkey"] = longKey;
         (*made)["bigvalue"] = bigValue;
         (*made)["watch"] = watch;

@@ -43,4 +43,12 @@ interface ITestService {
     // Links a death recipient to the kept callback; deaths() is how many times it was told.
     void watchKeptCallback();
     int deaths(int waitForAtLeast);
+
+    // hold() runs until release() is called (or a few seconds pass), so the one-way calls that
+    // follow it on the caller's connection wait in the runtime's queue meanwhile.
+    oneway void hold();
+    void release();
+    // BinderRuntime::queueStats() of the serving process: calls in progress now, the most calls
+    // and bytes one connection had in progress.
+    int[] queueStats();
 }
