@@ -27,8 +27,6 @@ constexpr const char* kSystemDbName = "system";
 constexpr const char* kUserDbPrefix = "user";
 constexpr const char* kDbExtension = ".db";
 // Files SQLite keeps beside a database while it is open or after a crash.
-constexpr const char* kCompanionSuffixes[] = {"-journal", "-wal", "-shm"};
-
 // Names of user database files; group 1 is the user id. Compiled once, at load time.
 const std::regex kUserDbFilePattern("^user([0-9]+)\\.db$", std::regex::ECMAScript);
 
@@ -272,6 +270,10 @@ std::string Sqlite3PreferencesDb::getUserDbPath(unsigned int userId) const {
     return std::string(kDatabaseDirectory) + kUserDbPrefix + std::to_string(userId) + kDbExtension;
 }
 
+bool Sqlite3PreferencesDb::mayOpenDatabase(const std::string& /*path*/) const {
+    return true;
+}
+
 std::string Sqlite3PreferencesDb::getSystemDbPath() const {
     return std::string(kDatabaseDirectory) + kSystemDbName + kDbExtension;
 }
@@ -510,7 +512,7 @@ int32_t Sqlite3PreferencesDb::initializeSystemDb() {
     mSystemDb->state = DbState::Opening;
 
     const std::string path = getSystemDbPath();
-    if (sqlite3_open(path.c_str(), &mSystemDb->db) != SQLITE_OK) {
+    if (!mayOpenDatabase(path) || sqlite3_open(path.c_str(), &mSystemDb->db) != SQLITE_OK) {
         ALOGE("Failed to open db");
         Telemetry::report("systemdbinit_error");
         // The handle of a failed open is only good for its error message.
@@ -849,6 +851,10 @@ int32_t Sqlite3PreferencesDb::initializeUserDb(unsigned int userId) {
     record.values.clear();
 
     const std::string path = getUserDbPath(userId);
+    if (!mayOpenDatabase(path)) {
+        Telemetry::report("userdbinit_error");
+        return -2;
+    }
     const int opened = sqlite3_open(path.c_str(), &record.db);
     if (opened != SQLITE_OK) {
         ALOGE("Failed to open db for %d, path %s: error: %d, %s", userId, path.c_str(), opened,
