@@ -852,6 +852,8 @@ int32_t Sqlite3PreferencesDb::initializeUserDb(unsigned int userId) {
 
     const std::string path = getUserDbPath(userId);
     if (!mayOpenDatabase(path)) {
+        ALOGE("Failed to open db for %d, path %s: error: %d, %s", userId, path.c_str(),
+              SQLITE_CANTOPEN, sqlite3_errstr(SQLITE_CANTOPEN));
         Telemetry::report("userdbinit_error");
         return -2;
     }
