@@ -1,9 +1,12 @@
+#define LOG_TAG "PreferencesService"
+
 #include "binder/BinderServiceManager.h"
 
 #include <binder/BpBinder.h>
 #include <binder/IPCThreadState.h>
 #include <binder/PermissionCache.h>
 #include <dirent.h>
+#include <log/log.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -52,6 +55,13 @@ bool isListening(const std::string& path) {
 
 }  // namespace
 
+BinderServiceManager::BinderServiceManager() {
+    Mutex::Autolock lock(mLock);
+    // The permission controller decides what every caller may do: on a device only the system
+    // serves it.
+    mTrustedUids["permission"] = {0, geteuid()};
+}
+
 std::string BinderServiceManager::directory() {
     const char* env = getenv("BINDER_DIR");
     std::string dir = (env != nullptr && env[0] != '\0') ? env : "/run/binder";
@@ -80,23 +90,56 @@ sp<IBinder> BinderServiceManager::checkService(const String16& name) const {
     const std::string utf8 = toUtf8(name);
     if (!isValidName(utf8)) return nullptr;
     const std::string path = directory() + "/" + utf8;
+    sp<IBinder> known;
     {
         Mutex::Autolock lock(mLock);
         auto local = mLocal.find(path);
-        if (local != mLocal.end()) return local->second;
-        auto cached = mCache.find(path);
-        if (cached != mCache.end()) {
-            sp<IBinder> service = cached->second;
-            android::BpBinder* proxy = service->remoteBinder();
-            if (proxy != nullptr && !proxy->connection()->probeDead()) return service;
-            mCache.erase(cached);
+        if (local != mLocal.end()) {
+            known = local->second;
+        } else if (auto cached = mCache.find(path); cached != mCache.end()) {
+            android::BpBinder* proxy = cached->second->remoteBinder();
+            if (proxy != nullptr && !proxy->connection()->probeDead()) {
+                known = cached->second;
+            } else {
+                mCache.erase(cached);
+            }
         }
     }
-    sp<IBinder> service = BinderConnection::connectTo(path);
+    if (known != nullptr) return trusted(utf8, known);
+    // An untrusted server is not cached: its connection closes as soon as the proxy goes.
+    sp<IBinder> service = trusted(utf8, BinderConnection::connectTo(path));
     if (service == nullptr) return nullptr;
     Mutex::Autolock lock(mLock);
     mCache[path] = service;
     return service;
+}
+
+void BinderServiceManager::setTrustedServerUids(const String16& name,
+                                                const std::vector<uid_t>& uids) {
+    Mutex::Autolock lock(mLock);
+    mTrustedUids[toUtf8(name)] = uids;
+}
+
+sp<IBinder> BinderServiceManager::trusted(const std::string& name,
+                                          const sp<IBinder>& service) const {
+    uid_t server = 0;
+    if (!android::getServerUid(service, &server)) return nullptr;
+    Mutex::Autolock lock(mLock);
+    auto restriction = mTrustedUids.find(name);
+    if (restriction == mTrustedUids.end() ||
+        std::find(restriction->second.begin(), restriction->second.end(), server) !=
+                restriction->second.end()) {
+        mLoggedUntrusted.erase(name);
+        return service;
+    }
+    auto [logged, first] = mLoggedUntrusted.emplace(name, server);
+    if (first || logged->second != server) {
+        logged->second = server;
+        ALOGW("Binder: ignoring the service %s: it is served by uid %u, which is not trusted to "
+              "serve it",
+              name.c_str(), server);
+    }
+    return nullptr;
 }
 
 android::status_t BinderServiceManager::addService(const String16& name, const sp<IBinder>& service,
@@ -176,6 +219,13 @@ sp<IServiceManager> defaultServiceManager() {
         gServiceManagerRuntime = runtime;
     }
     return *gServiceManager;
+}
+
+bool getServerUid(const sp<IBinder>& binder, uid_t* outUid) {
+    if (binder == nullptr) return false;
+    BpBinder* proxy = binder->remoteBinder();
+    *outUid = proxy != nullptr ? proxy->connection()->peerUid() : geteuid();
+    return true;
 }
 
 bool checkCallingPermission(const String16& permission) {

@@ -6,11 +6,16 @@
 #include <utils/String8.h>
 #include <utils/Vector.h>
 
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdlib>
 #include <utility>
+#include <vector>
 
 #include "client/BinderStatusConversion.h"
 #include "client/PreferencesConnection.h"
+#include "threads/Mutex.h"
 
 namespace Halo::OS {
 
@@ -108,7 +113,45 @@ std::unique_ptr<PreferencesConnection> makeConnection(const android::sp<android:
     return std::make_unique<PreferencesConnection>(binder);
 }
 
+Mutex gTrustLock;
+std::vector<uid_t>* gTrustedUids GUARDED_BY(gTrustLock) = nullptr;
+
+// Root, this process, PREFS_TRUSTED_UIDS and the uids given to trustServerUid. A malformed entry
+// of the variable is skipped.
+std::vector<uid_t> trustedServerUids() {
+    std::vector<uid_t> uids = {0, geteuid()};
+    if (const char* listed = getenv("PREFS_TRUSTED_UIDS"); listed != nullptr) {
+        for (const char* at = listed; *at != '\0';) {
+            char* end = nullptr;
+            errno = 0;
+            const unsigned long long uid = strtoull(at, &end, 10);
+            const bool number = end != at && *at != '-' && errno == 0 && uid < UINT32_MAX;
+            if (number && (*end == ',' || *end == '\0')) uids.push_back(static_cast<uid_t>(uid));
+            while (*end != '\0' && *end != ',') ++end;
+            at = *end == ',' ? end + 1 : end;
+        }
+    }
+    Mutex::Autolock lock(gTrustLock);
+    if (gTrustedUids != nullptr)
+        uids.insert(uids.end(), gTrustedUids->begin(), gTrustedUids->end());
+    return uids;
+}
+
+// The service manager, with `name` restricted to trusted servers.
+android::sp<android::IServiceManager> restrictedServiceManager(const String16& name) {
+    android::sp<android::IServiceManager> services = android::defaultServiceManager();
+    services->setTrustedServerUids(name, trustedServerUids());
+    return services;
+}
+
 }  // namespace
+
+void PreferencesClient::trustServerUid(uint32_t uid) {
+    Mutex::Autolock lock(gTrustLock);
+    // Never freed: a connect may run on a thread that outlives static destruction.
+    if (gTrustedUids == nullptr) gTrustedUids = new std::vector<uid_t>();
+    gTrustedUids->push_back(static_cast<uid_t>(uid));
+}
 
 void PreferencesClient::useBinderDirectory(const std::string& directory) {
     setenv("BINDER_DIR", directory.c_str(), 1);
@@ -116,8 +159,8 @@ void PreferencesClient::useBinderDirectory(const std::string& directory) {
 
 std::unique_ptr<PreferencesClient> PreferencesClient::connect(const std::string& name,
                                                               PreferencesStatus* status) {
-    std::shared_ptr<PreferencesConnection> connection =
-            makeConnection(android::defaultServiceManager()->getService(toString16(name)), status);
+    std::shared_ptr<PreferencesConnection> connection = makeConnection(
+            restrictedServiceManager(toString16(name))->getService(toString16(name)), status);
     if (connection == nullptr) return nullptr;
     return std::unique_ptr<PreferencesClient>(new PreferencesClient(std::move(connection)));
 }
@@ -125,7 +168,7 @@ std::unique_ptr<PreferencesClient> PreferencesClient::connect(const std::string&
 std::unique_ptr<PreferencesClient> PreferencesClient::tryConnect(const std::string& name,
                                                                  PreferencesStatus* status) {
     std::shared_ptr<PreferencesConnection> connection = makeConnection(
-            android::defaultServiceManager()->checkService(toString16(name)), status);
+            restrictedServiceManager(toString16(name))->checkService(toString16(name)), status);
     if (connection == nullptr) return nullptr;
     return std::unique_ptr<PreferencesClient>(new PreferencesClient(std::move(connection)));
 }

@@ -36,8 +36,16 @@ public:
     // process-wide BINDER_DIR; by default /run/binder).
     static void useBinderDirectory(const std::string& directory);
 
-    // Connects to the service published under `name`, waiting up to about five seconds for it
-    // to appear. Null when it does not; then `status` (if given) is Unreachable.
+    // Also trusts a service served by `uid` in later connect and tryConnect calls of this
+    // process. Always trusted: root, this process's effective uid and the uids listed in the
+    // environment variable PREFS_TRUSTED_UIDS (decimal, separated by commas). A service served
+    // by any other uid (the kernel's credentials of its socket) is treated as not published, and
+    // the Binder runtime logs one line naming it and the uid.
+    static void trustServerUid(uint32_t uid);
+
+    // Connects to the service published under `name` by a trusted uid (see trustServerUid),
+    // waiting up to about five seconds for it to appear. Null when it does not; then `status`
+    // (if given) is Unreachable.
     static std::unique_ptr<PreferencesClient> connect(const std::string& name = kServiceName,
                                                       PreferencesStatus* status = nullptr);
     // As connect, without waiting.

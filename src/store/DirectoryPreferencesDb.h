@@ -11,6 +11,11 @@ namespace Halo::OS {
 // "/data/nimbus/preferences/": "system.db" and "userN.db" in `directory`. The daemon uses it for
 // its --data-dir; tests use it with temporary directories. Like the base store, it does not
 // create the directory: it must exist before initialize().
+//
+// A database is only opened when it and the files SQLite keeps beside it (journal, write-ahead
+// log, shared memory) are regular files of this process's effective uid that group and others
+// may not write, or do not exist yet: a file planted by someone else is never read or applied.
+// A refused database fails to open as when SQLite cannot open it (logged with the reason).
 class DirectoryPreferencesDb : public Sqlite3PreferencesDb {
 public:
     // `directory` may end with a slash or not.
@@ -22,6 +27,9 @@ public:
 
     // The directory, without a trailing slash (except for "/").
     const std::string& directory() const { return mDirectory; }
+
+protected:
+    bool mayOpenDatabase(const std::string& path) const override;
 
 private:
     std::string mDirectory;

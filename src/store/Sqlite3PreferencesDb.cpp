@@ -27,8 +27,6 @@ constexpr const char* kSystemDbName = "system";
 constexpr const char* kUserDbPrefix = "user";
 constexpr const char* kDbExtension = ".db";
 // Files SQLite keeps beside a database while it is open or after a crash.
-constexpr const char* kCompanionSuffixes[] = {"-journal", "-wal", "-shm"};
-
 // Names of user database files; group 1 is the user id. Compiled once, at load time.
 const std::regex kUserDbFilePattern("^user([0-9]+)\\.db$", std::regex::ECMAScript);
 
@@ -267,6 +265,10 @@ const char* Sqlite3PreferencesDb::getQueryCreatePreferencesMapTable() const {
 
 std::string Sqlite3PreferencesDb::getUserDbPath(unsigned int userId) const {
     return std::string(kDatabaseDirectory) + kUserDbPrefix + std::to_string(userId) + kDbExtension;
+}
+
+bool Sqlite3PreferencesDb::mayOpenDatabase(const std::string& /*path*/) const {
+    return true;
 }
 
 std::string Sqlite3PreferencesDb::getSystemDbPath() const {
@@ -508,7 +510,7 @@ int32_t Sqlite3PreferencesDb::initializeSystemDb() {
     mSystemDb->state = DbState::Opening;
 
     const std::string path = getSystemDbPath();
-    if (sqlite3_open(path.c_str(), &mSystemDb->db) != SQLITE_OK) {
+    if (!mayOpenDatabase(path) || sqlite3_open(path.c_str(), &mSystemDb->db) != SQLITE_OK) {
         ALOGE("Failed to open db");
         Telemetry::report("systemdbinit_error");
         // The handle stays with the record (state Opening): later queries on it fail as queries
@@ -843,6 +845,12 @@ int32_t Sqlite3PreferencesDb::initializeUserDb(unsigned int userId) {
     record.values.clear();
 
     const std::string path = getUserDbPath(userId);
+    if (!mayOpenDatabase(path)) {
+        ALOGE("Failed to open db for %d, path %s: error: %d, %s", userId, path.c_str(),
+              SQLITE_CANTOPEN, sqlite3_errstr(SQLITE_CANTOPEN));
+        Telemetry::report("userdbinit_error");
+        return -2;
+    }
     const int opened = sqlite3_open(path.c_str(), &record.db);
     if (opened != SQLITE_OK) {
         ALOGE("Failed to open db for %d, path %s: error: %d, %s", userId, path.c_str(), opened,

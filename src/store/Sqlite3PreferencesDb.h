@@ -242,6 +242,14 @@ public:
     void setQueryLogging(bool enabled) { mQueryLogging = enabled; }
 
 protected:
+    // The files SQLite keeps beside a database, named by appending these to its path.
+    static constexpr const char* kCompanionSuffixes[] = {"-journal", "-wal", "-shm"};
+
+    // Asked before the database at `path` (system or user) is opened: false keeps it closed,
+    // and the open fails as when SQLite cannot open the file. The reason is the override's to
+    // log. This store opens every path.
+    virtual bool mayOpenDatabase(const std::string& path) const;
+
     // Appends the user ids of the "userN.db" files in `directory`; false when it cannot be read.
     static bool getUserIdsInDirectory(const std::string& directory,
                                       std::vector<unsigned int>& userIds);

@@ -5,6 +5,7 @@
 #include <binder/test/ITestService.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <limits>
@@ -13,6 +14,7 @@
 #include "BinderTestEnvironment.h"
 #include "TestService.h"
 #include "support/FdCapture.h"
+#include "support/LogCapture.h"
 
 namespace Halo::OS::testing {
 namespace {
@@ -25,6 +27,19 @@ using android::String16;
 using android::binder::Status;
 using binder::test::ITestCallback;
 using binder::test::ITestService;
+
+// How many lines of `text` contain `fragment`.
+int countLines(const std::string& text, const std::string& fragment) {
+    int count = 0;
+    size_t start = 0;
+    while (start < text.size()) {
+        size_t end = text.find('\n', start);
+        if (end == std::string::npos) end = text.size();
+        count += text.substr(start, end - start).find(fragment) != std::string::npos;
+        start = end + 1;
+    }
+    return count;
+}
 
 // A callback that records the thread it runs on and, when given a service, calls it again from
 // inside the callback (a call nested two levels deep).
@@ -465,6 +480,48 @@ TEST_F(BinderPermissionTest, RootAndSelfAreGrantedOthersAskThePermissionService)
     PeerProcess& root = startPeer({"check-permission", "test", "com.example.permission.OTHER"});
     EXPECT_EQ("1", root.readLine());
     EXPECT_EQ(0, root.wait());
+}
+
+// A restricted name is trusted only from the uids it is restricted to (by the kernel's
+// credentials of the server's socket); "permission" starts restricted to root and this process.
+TEST_F(BinderPermissionTest, RestrictedNamesAreTrustedOnlyFromTheirServerUids) {
+    const String16 permission("com.example.permission.READ");
+    const sp<android::IServiceManager> services = android::defaultServiceManager();
+    // A directory everybody may write, so an app can publish the names.
+    ASSERT_EQ(0, chmod(mDir.path().c_str(), 01777));
+    startPeer({"serve", "impostor"}, 12345);
+    PeerProcess& controller = startPeer(
+            {"serve-permission", "permission", "12345", "com.example.permission.READ"}, 12345);
+    const sp<IBinder> impostor = services->getService(String16("impostor"));
+    ASSERT_NE(nullptr, impostor);
+    uid_t server = 0;
+    ASSERT_TRUE(android::getServerUid(impostor, &server));
+    EXPECT_EQ(12345u, server);
+    ASSERT_TRUE(android::getServerUid(new android::BBinder(), &server));
+    EXPECT_EQ(geteuid(), server);
+    struct stat st {};
+    ASSERT_TRUE(eventually([&] { return stat(mDir.file("permission").c_str(), &st) == 0; }));
+
+    LogCapture log;
+    EXPECT_FALSE(android::PermissionCache::checkPermission(permission, 1, 12345));
+    EXPECT_EQ(nullptr, services->checkService(String16("permission")));
+    services->setTrustedServerUids(String16("impostor"), {0});
+    EXPECT_EQ(nullptr, services->checkService(String16("impostor")));
+    EXPECT_FALSE(services->isDeclared(String16("impostor")));
+    const std::string text = log.text();
+    for (const char* name : {"permission", "impostor"}) {
+        EXPECT_EQ(1, countLines(text, std::string("Binder: ignoring the service ") + name +
+                                              ": it is served by uid 12345, which is not "
+                                              "trusted to serve it"))
+                << text;
+    }
+
+    services->setTrustedServerUids(String16("impostor"), {0, 12345});
+    EXPECT_EQ(impostor, services->checkService(String16("impostor")));
+    services->setTrustedServerUids(String16("permission"), {0, 12345});
+    EXPECT_TRUE(android::PermissionCache::checkPermission(permission, 1, 12345));
+    EXPECT_EQ("asked 12345", controller.readLine());
+    services->setTrustedServerUids(String16("permission"), {0, geteuid()});
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "daemon/DaemonFixture.h"
@@ -237,6 +238,25 @@ TEST_F(DaemonLifecycleTest, RefusesToStartWithOneLineSayingWhy) {
             "preferencesd: socket directory " + rootOnly + " is not writable: Permission denied\n",
             true, kAppUid);
 
+    // Directories others may write (or, for the store, that belong to someone else).
+    const std::string open = mRoot.file("open");
+    std::filesystem::create_directories(open);
+    for (const auto& [mode, owner, binder] : std::vector<std::tuple<mode_t, uid_t, bool>>{
+                 {0777, 0, true}, {01777, 0, true}, {0770, 0, false}, {0700, kAppUid, false}}) {
+        ASSERT_EQ(0, chmod(open.c_str(), mode));
+        ASSERT_EQ(0, chown(open.c_str(), owner, owner));
+        char problem[128];
+        snprintf(problem, sizeof(problem),
+                 "may be written by users other than its owner (uid %u, mode %04o)", owner, mode);
+        const std::string what = binder ? "socket directory " : "data directory ";
+        expectEnds(daemonArgs({binder ? "--binder-dir" : "--data-dir", open}), 1,
+                   "preferencesd: " + what + open + " " +
+                           (owner == 0 ? std::string(problem)
+                                       : "belongs to uid " + std::to_string(owner) +
+                                                 ", not to uid 0 that runs preferencesd") +
+                           "\n");
+    }
+
     // Files named on the command line that cannot be used.
     expectEnds(daemonArgs({"--property-file", mRoot.file("missing.prop")}), 1,
                "preferencesd: cannot read the property file " + mRoot.file("missing.prop") + "\n",
@@ -251,7 +271,8 @@ TEST_F(DaemonLifecycleTest, RefusesToStartWithOneLineSayingWhy) {
                  {{"--verbose"}, "unknown option '--verbose'"},
                  {{"--threads=12x"}, "option '--threads' needs a number from 1 to 256, got '12x'"},
                  {{"--property", "novalue"}, "option '--property' needs KEY=VALUE, got 'novalue'"},
-                 {{"--data-dir"}, "option '--data-dir' needs a value"}}) {
+                 {{"--data-dir"}, "option '--data-dir' needs a value"},
+                 {{"--trusted-uid=-1"}, "option '--trusted-uid' needs a uid, got '-1'"}}) {
         std::vector<std::string> argv = {PREFERENCESD};
         argv.insert(argv.end(), option.begin(), option.end());
         expectEnds(argv, 2, "preferencesd: " + message + " (see preferencesd --help)\n");

@@ -147,6 +147,12 @@ void touch(const std::string& path) {
     std::ofstream(path) << "x";
 }
 
+std::string readFile(const std::string& path) {
+    std::string text;
+    std::getline(std::ifstream(path), text, '\0');
+    return text;
+}
+
 // The tables of an older store, before its `preferences` table is created.
 constexpr const char* kOldTables =
         "CREATE TABLE packages (package_uid INTEGER NOT NULL, package_name TEXT NOT NULL PRIMARY "
@@ -510,6 +516,52 @@ TEST_F(StoreLifecycleTest, StoreThatCannotOpenItsDatabaseFailsCleanly) {
     EXPECT_TRUE(hasLogLine(log.text(), 'E', "Unable to prepare or bind statement (scope System)"))
             << log.text();
     // A later attempt in an existing directory succeeds from a fresh record.
+    mStore.reset();
+    openStore();
+}
+
+// A database, or a file SQLite keeps beside it, that is not a private regular file of the
+// store's uid is never opened: that database fails as one SQLite cannot open, and stays as it is.
+TEST_F(StoreLifecycleTest, DatabaseFilesOfOthersAreNotOpened) {
+    ASSERT_EQ(0, declare(kAppUid, kApp, "theme", Scope::User, Type::String, true, "dark"));
+    struct Planted {
+        const char* name;
+        uid_t owner;
+        mode_t mode;
+    };
+    for (const Planted& planted : std::vector<Planted>{{"user10.db", kAppUid, 0600},
+                                                       {"user10.db", 0, 0666},
+                                                       {"user10.db-journal", kAppUid, 0600},
+                                                       {"user10.db-wal", 0, 0620},
+                                                       {"user10.db-shm", 0, 0602},
+                                                       {"user10.db", 0, 0}}) {
+        const std::string path = mDir.file(planted.name);
+        std::ofstream(path) << "planted";
+        if (planted.mode == 0) {
+            ASSERT_EQ(0, rename(path.c_str(), (path + ".target").c_str()));
+            ASSERT_EQ(0, symlink((path + ".target").c_str(), path.c_str()));
+        } else {
+            ASSERT_EQ(0, chown(path.c_str(), planted.owner, planted.owner));
+            ASSERT_EQ(0, chmod(path.c_str(), planted.mode));
+        }
+        LogCapture log;
+        EXPECT_EQ(-2, mStore->initializeUserDb(10)) << planted.name;
+        EXPECT_TRUE(log.contains("Refusing to open " + mDir.file("user10.db") + ": " + path))
+                << log.text();
+        EXPECT_EQ(nullptr, mStore->getDbForScope(Scope::User, 10u));
+        EXPECT_EQ("planted", readFile(planted.mode == 0 ? path + ".target" : path));
+        EXPECT_EQ("dark", read(0u, "theme")) << "other users are served";
+        unlink(path.c_str());
+        unlink((path + ".target").c_str());
+    }
+    EXPECT_EQ(0, mStore->initializeUserDb(10));
+
+    // The system database likewise.
+    closeStore();
+    ASSERT_EQ(0, chown(mDir.file("system.db").c_str(), kAppUid, kAppUid));
+    mStore = std::make_unique<DirectoryPreferencesDb>(mDir.path());
+    EXPECT_EQ(-2, mStore->initialize());
+    ASSERT_EQ(0, chown(mDir.file("system.db").c_str(), 0, 0));
     mStore.reset();
     openStore();
 }

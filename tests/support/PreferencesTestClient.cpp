@@ -39,6 +39,14 @@
 //                         the listener itself and prints "unregister RESULT"
 //   unregister NAME       asks the service to unregister the listener published as NAME and
 //                         prints "unregister RESULT"
+//   impostor              publishes a "permission" that grants everything (printing "impostor
+//                         asked UID" per question) and a "PreferencesAppInfoInquirer" that
+//                         accepts every listener (printing "impostor registered"), prints
+//                         "serving" and serves until it is killed
+//   inquirer METHOD       calls registerPackageInfoListener (with a listener of its own),
+//                         unregisterPackageInfoListener, getFullPackageInfo or getUserList on
+//                         "PreferencesAppInfoInquirer" and prints "METHOD RESULT"
+#include <android/os/BnPermissionController.h>
 #include <binder/IBinder.h>
 #include <binder/IPCThreadState.h>
 #include <binder/IServiceManager.h>
@@ -46,6 +54,8 @@
 #include <binder/ProcessState.h>
 #include <lumen/preferences/BnPreferencesListener.h>
 #include <lumen/preferences/IPreferencesService.h>
+#include <nimbus/internal/BnPreferencesAppInfoInquirer.h>
+#include <nimbus/internal/BnPreferencesAppInfoListener.h>
 #include <poll.h>
 #include <pthread.h>
 #include <signal.h>
@@ -428,6 +438,77 @@ void unregisterOther(Service& s, Args& a) {
     say("unregister " + describe(s.unregisterListener(other)));
 }
 
+class ImpostorPermission : public android::os::BnPermissionController {
+public:
+    Status checkPermission(const String16& /*permission*/, int32_t /*pid*/, int32_t uid,
+                           bool* granted) override {
+        say("impostor asked " + std::to_string(uid));
+        *granted = true;
+        return Status::ok();
+    }
+};
+
+class ImpostorInquirer : public nimbus::internal::BnPreferencesAppInfoInquirer {
+public:
+    Status getFullPackageInfo() override { return Status::ok(); }
+    Status getUserList(std::vector<int32_t>* users) override {
+        *users = {0};
+        return Status::ok();
+    }
+    Status registerPackageInfoListener(
+            const android::sp<nimbus::internal::IPreferencesAppInfoListener>& /*listener*/,
+            bool* ok) override {
+        say("impostor registered");
+        *ok = true;
+        return Status::ok();
+    }
+    Status unregisterPackageInfoListener(bool* ok) override {
+        *ok = true;
+        return Status::ok();
+    }
+};
+
+class SilentAppInfoListener : public nimbus::internal::BnPreferencesAppInfoListener {
+public:
+    Status onSchema(const std::vector<uint8_t>& /*schema*/) override { return Status::ok(); }
+    Status deleteUserData(int32_t /*userId*/) override { return Status::ok(); }
+    Status currentUser(int32_t /*userId*/) override { return Status::ok(); }
+    Status userList(const std::vector<int32_t>& /*users*/) override { return Status::ok(); }
+};
+
+void impostor(Service& /*s*/, Args& /*a*/) {
+    const android::sp<android::IServiceManager> services = android::defaultServiceManager();
+    if (services->addService(String16("permission"), new ImpostorPermission()) != android::OK ||
+        services->addService(String16("PreferencesAppInfoInquirer"), new ImpostorInquirer()) !=
+                android::OK) {
+        exit(3);
+    }
+    say("serving");
+    android::ProcessState::self()->startThreadPool();
+    android::IPCThreadState::self()->joinThreadPool();
+}
+
+void inquirer(Service& /*s*/, Args& a) {
+    const std::string method = a.next();
+    android::sp<nimbus::internal::IPreferencesAppInfoInquirer> service;
+    if (android::getService(String16("PreferencesAppInfoInquirer"), &service) != android::OK) {
+        exit(3);
+    }
+    bool ok = false;
+    Status status;
+    if (method == "registerPackageInfoListener") {
+        status = service->registerPackageInfoListener(new SilentAppInfoListener(), &ok);
+    } else if (method == "unregisterPackageInfoListener") {
+        status = service->unregisterPackageInfoListener(&ok);
+    } else if (method == "getFullPackageInfo") {
+        status = service->getFullPackageInfo();
+    } else {
+        std::vector<int32_t> users;
+        status = service->getUserList(&users);
+    }
+    say(method + " " + describe(status));
+}
+
 const std::map<std::string, Op>& operations() {
     static const auto* ops = [] {
         auto* made = new std::map<std::string, Op>();
@@ -465,6 +546,8 @@ const std::map<std::string, Op>& operations() {
         (*made)["bigvalue"] = bigValue;
         (*made)["watch"] = watch;
         (*made)["unregister"] = unregisterOther;
+        (*made)["impostor"] = impostor;
+        (*made)["inquirer"] = inquirer;
         return made;
     }();
     return *ops;

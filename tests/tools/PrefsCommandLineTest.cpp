@@ -37,8 +37,12 @@ TEST(PrefsCommandLineTest, CommandsTakeTheirArgumentsFlavoursAndTypes) {
     EXPECT_EQ(PreferencesTarget::Flavour::User, get.target.flavour());
     EXPECT_EQ(10, get.target.userId());
 
+    Request trusting = parsed({"--trusted-uid", "1000", "--trusted-uid=10123", "type", "k1"});
+    EXPECT_EQ((std::vector<uint32_t>{1000, 10123}), trusting.trustedUids);
+
     Request plain = parsed({"get", "k1"});
     EXPECT_TRUE(plain.binderDir.empty());
+    EXPECT_TRUE(plain.trustedUids.empty());
     EXPECT_FALSE(plain.type.has_value());
     EXPECT_EQ(PreferencesTarget::Flavour::Caller, plain.target.flavour());
 
@@ -106,6 +110,9 @@ TEST(PrefsCommandLineTest, UsageErrorsAreOneLineAndNameTheProblem) {
     EXPECT_EQ("missing command (see 'prefs --help')", refused({}));
     EXPECT_NE(std::string::npos, refused({"--binder-dir"}).find("--binder-dir needs"));
     EXPECT_NE(std::string::npos, refused({"--binder-dir="}).find("--binder-dir needs"));
+    for (const char* uid : {"--trusted-uid=-1", "--trusted-uid=4294967295", "--trusted-uid=x"}) {
+        EXPECT_NE(std::string::npos, refused({uid, "get", "k"}).find("--trusted-uid needs a uid"));
+    }
     EXPECT_NE(std::string::npos, refused({"--verbose", "get", "k"}).find("unknown option"));
     EXPECT_NE(std::string::npos, refused({"fetch", "k"}).find("unknown command 'fetch'"));
     EXPECT_NE(std::string::npos, refused({"help", "fetch"}).find("unknown command 'fetch'"));

@@ -1,6 +1,7 @@
 #include "DaemonOptions.h"
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <string_view>
 
@@ -29,6 +30,9 @@ Options:
                          before start-up; --property values are applied after it
   --telemetry-lib PATH   loads the platform's telemetry library from PATH
   --threads N            the most Binder threads serving calls at once, 1 to 256 (default 15)
+  --trusted-uid UID      also trusts the services "permission" and "PreferencesAppInfoInquirer"
+                         when served by UID (always trusted: root and the daemon's own uid); a
+                         service served by any other uid is ignored and logged; may be repeated
   -h, --help             prints this text and exits
 
 Properties given with --property or --property-file are defaults: a "persist." property that the
@@ -36,7 +40,9 @@ service wrote before (kept in DATA-DIR/persist.properties) overrides them, as on
 
 Exit status: 0 after a clean shutdown or --help; 1 when the daemon cannot start (data or socket
 directory not usable, another daemon already serving, an unreadable property file or telemetry
-library); 2 for a wrong command line.
+library, a socket or data directory that users other than its owner may write); 2 for a wrong
+command line. Such a directory is only accepted, with a warning, when it belongs to the
+unprivileged uid that runs the daemon.
 )";
 
 // Options that take a value, and where each value goes.
@@ -48,7 +54,8 @@ enum class Option {
     Property,
     PropertyFile,
     Telemetry,
-    Threads
+    Threads,
+    TrustedUid
 };
 
 bool lookup(std::string_view name, Option* option) {
@@ -57,6 +64,7 @@ bool lookup(std::string_view name, Option* option) {
             {"--legacy-dir", Option::LegacyDir},    {"--config-dir", Option::ConfigDir},
             {"--property", Option::Property},       {"--property-file", Option::PropertyFile},
             {"--telemetry-lib", Option::Telemetry}, {"--threads", Option::Threads},
+            {"--trusted-uid", Option::TrustedUid},
     };
     for (const auto& [text, value] : kOptions) {
         if (text == name) {
@@ -136,6 +144,18 @@ DaemonOptions::Outcome DaemonOptions::parse(int argc, const char* const* argv, s
                     return Outcome::Error;
                 }
                 threads = static_cast<size_t>(count);
+                break;
+            }
+            case Option::TrustedUid: {
+                char* end = nullptr;
+                errno = 0;
+                const unsigned long long uid = std::strtoull(value.c_str(), &end, 10);
+                // (uid_t)-1 means "no uid" to the kernel.
+                if (errno != 0 || *end != '\0' || value[0] == '-' || uid >= UINT32_MAX) {
+                    *error = "option '--trusted-uid' needs a uid, got '" + value + "'";
+                    return Outcome::Error;
+                }
+                trustedUids.push_back(static_cast<uid_t>(uid));
                 break;
             }
         }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <sys/types.h>
 #include <cstddef>
 #include <string>
 #include <utility>
@@ -11,10 +12,10 @@ namespace Halo::OS {
 //
 //   preferencesd [--binder-dir DIR] [--data-dir DIR] [--legacy-dir DIR] [--config-dir DIR]
 //                [--property KEY=VALUE]... [--property-file FILE] [--telemetry-lib PATH]
-//                [--threads N] [--help]
+//                [--threads N] [--trusted-uid UID]... [--help]
 //
 // Every option also takes the form --option=VALUE. An option given twice keeps its last value,
-// except --property, which adds one property each time.
+// except --property and --trusted-uid, which add one entry each time.
 struct DaemonOptions {
     static constexpr const char* kDefaultDataDir = "/data/nimbus/preferences/";
     static constexpr const char* kDefaultLegacyDir = "/data/nimbus/settings/";
@@ -48,6 +49,9 @@ struct DaemonOptions {
     std::string telemetryLib;
     // The most Binder threads that serve calls at once.
     size_t threads = kDefaultThreads;
+    // Uids trusted to serve "permission" and "PreferencesAppInfoInquirer" besides root and the
+    // daemon's own uid, in the order given.
+    std::vector<uid_t> trustedUids;
 };
 
 }  // namespace Halo::OS

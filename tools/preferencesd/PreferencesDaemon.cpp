@@ -16,7 +16,9 @@
 #include <memory>
 #include <system_error>
 #include <utility>
+#include <vector>
 
+#include "binder/DirectoryTrust.h"
 #include "intake/PreferencesDeviceConfig.h"
 #include "intake/PreferencesVersionManager.h"
 #include "keymanager/PreferencesKeyManager.h"
@@ -28,6 +30,9 @@ namespace Halo::OS {
 namespace {
 
 constexpr const char* kDefaultBinderDir = "/run/binder";
+// The services whose answers the daemon acts on: whoever serves them decides every caller's
+// permissions and the installed packages.
+constexpr const char* kTrustedServices[] = {"permission", "PreferencesAppInfoInquirer"};
 
 std::string withoutTrailingSlashes(std::string path) {
     while (path.size() > 1 && path.back() == '/') path.pop_back();
@@ -54,6 +59,26 @@ bool makeDirectory(const std::string& directory, mode_t mode, const char* what,
     }
     if (created) chmod(directory.c_str(), mode);
     return true;
+}
+
+// False, with the reason in `*error`, when others may write `directory` (see DirectoryTrust);
+// a directory of the unprivileged uid that runs the daemon is only warned about.
+bool checkWriters(const std::string& directory, const char* what, std::string* error) {
+    std::string problem;
+    switch (DirectoryTrust::check(directory, &problem)) {
+        case DirectoryTrust::Verdict::Trusted:
+            return true;
+        case DirectoryTrust::Verdict::Warn:
+            ALOGW("preferencesd: %s %s %s; accepted because it belongs to the uid running "
+                  "preferencesd",
+                  what, directory.c_str(), problem.c_str());
+            return true;
+        case DirectoryTrust::Verdict::Refused:
+        case DirectoryTrust::Verdict::Missing:
+            break;
+    }
+    *error = std::string(what) + " " + directory + " " + problem;
+    return false;
 }
 
 }  // namespace
@@ -87,7 +112,15 @@ bool PreferencesDaemon::prepareBinderDir(std::string* error) {
                 withoutTrailingSlashes(env != nullptr && env[0] != '\0' ? env : kDefaultBinderDir);
     }
     // Clients of every uid look services up here.
-    if (!makeDirectory(mBinderDir, 0755, "socket directory", error)) return false;
+    if (!makeDirectory(mBinderDir, 0755, "socket directory", error) ||
+        !checkWriters(mBinderDir, "socket directory", error)) {
+        return false;
+    }
+    std::vector<uid_t> trusted = {0, geteuid()};
+    trusted.insert(trusted.end(), mOptions.trustedUids.begin(), mOptions.trustedUids.end());
+    for (const char* name : kTrustedServices) {
+        android::defaultServiceManager()->setTrustedServerUids(android::String16(name), trusted);
+    }
     if (access(mBinderDir.c_str(), W_OK | X_OK) != 0) {
         *error = "socket directory " + mBinderDir + " is not writable: " + strerror(errno);
         return false;
@@ -117,7 +150,16 @@ bool PreferencesDaemon::prepareBinderDir(std::string* error) {
 bool PreferencesDaemon::prepareDataDir(std::string* error) {
     mDataDir = withoutTrailingSlashes(mOptions.dataDir);
     // The preferences of every user: private to the service.
-    if (!makeDirectory(mDataDir, 0700, "data directory", error)) return false;
+    if (!makeDirectory(mDataDir, 0700, "data directory", error) ||
+        !checkWriters(mDataDir, "data directory", error)) {
+        return false;
+    }
+    struct stat st {};
+    if (stat(mDataDir.c_str(), &st) == 0 && st.st_uid != geteuid()) {
+        *error = "data directory " + mDataDir + " belongs to uid " + std::to_string(st.st_uid) +
+                 ", not to uid " + std::to_string(geteuid()) + " that runs preferencesd";
+        return false;
+    }
     if (access(mDataDir.c_str(), R_OK | W_OK | X_OK) != 0) {
         *error = "data directory " + mDataDir + " is not writable: " + strerror(errno);
         return false;

@@ -47,10 +47,13 @@ public:
     PreferencesDaemon& operator=(const PreferencesDaemon&) = delete;
 
     // False, with one line in `*error` that says what to fix, when the daemon cannot run: a
-    // directory that cannot be created or written, another daemon serving in the service
+    // directory that cannot be created or written, or that users other than its owner may write
+    // (accepted with a warning when it belongs to the unprivileged uid running the daemon), a
+    // data directory of another uid, another daemon serving in the service
     // directory or using the data directory, an unreadable property file, persisted property
     // file or telemetry library. Sets BINDER_DIR when --binder-dir was given, so it must run
-    // before any other thread starts.
+    // before any other thread starts. Restricts "permission" and "PreferencesAppInfoInquirer" to
+    // servers running as root, the daemon's uid or a --trusted-uid.
     bool prepare(std::string* error);
 
     // Constructs the service and runs its start-up steps. A step that fails is logged and the

@@ -1,5 +1,9 @@
 #include "prefs-appinfo/AppInfoCommandLine.h"
 
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+
 namespace Halo::OS {
 
 bool AppInfoCommandLine::parse(const std::vector<std::string>& words, Options* options,
@@ -14,7 +18,10 @@ bool AppInfoCommandLine::parse(const std::vector<std::string>& words, Options* o
         const size_t equals = word.find('=');
         const std::string name = word.substr(0, equals);
         std::string* target = nullptr;
-        if (name == "--packages") {
+        std::string uid;
+        if (name == "--system-uid") {
+            target = &uid;
+        } else if (name == "--packages") {
             target = &options->packagesDir;
         } else if (name == "--binder-dir") {
             target = &options->binderDir;
@@ -28,10 +35,19 @@ bool AppInfoCommandLine::parse(const std::vector<std::string>& words, Options* o
         } else if (i + 1 < words.size()) {
             *target = words[++i];
         } else {
-            *error = name + " needs a directory";
+            *error = name + (target == &uid ? " needs a uid" : " needs a directory");
             return false;
         }
-        if (target->empty()) {
+        if (target == &uid) {
+            char* end = nullptr;
+            errno = 0;
+            const unsigned long long value = std::strtoull(uid.c_str(), &end, 10);
+            if (uid.empty() || uid[0] == '-' || *end != '\0' || errno != 0 || value >= UINT32_MAX) {
+                *error = "--system-uid needs a uid, got '" + uid + "'";
+                return false;
+            }
+            options->systemUids.push_back(static_cast<uid_t>(value));
+        } else if (target->empty()) {
             *error = name + " needs a directory";
             return false;
         }
@@ -44,7 +60,7 @@ bool AppInfoCommandLine::parse(const std::vector<std::string>& words, Options* o
 }
 
 std::string AppInfoCommandLine::usage() {
-    return "usage: prefs-appinfo --packages DIR [--binder-dir DIR]\n"
+    return "usage: prefs-appinfo --packages DIR [--binder-dir DIR] [--system-uid UID]...\n"
            "\n"
            "Plays the device's app-info service (\"PreferencesAppInfoInquirer\") and permission\n"
            "controller (\"permission\") for the preferences service, from a folder of package\n"
@@ -57,7 +73,14 @@ std::string AppInfoCommandLine::usage() {
            "                    Files added, changed or removed later install, update or\n"
            "                    uninstall their package at once.\n"
            "  --binder-dir DIR  the directory of the Binder services (default: $BINDER_DIR,\n"
-           "                    else /run/binder)\n";
+           "                    else /run/binder); refused when users other than its\n"
+           "                    owner may write it, unless it belongs to the (non-root) uid\n"
+           "                    running prefs-appinfo, which is only warned about\n"
+           "  --system-uid UID  a uid that may register the package listener, unregister it\n"
+           "                    or ask for the full package list, besides root and\n"
+           "                    application id 1000 (for a preferences daemon that does not\n"
+           "                    run as root); may be repeated. Other callers get a security\n"
+           "                    exception.\n";
 }
 
 }  // namespace Halo::OS

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <string>
 #include <vector>
 
@@ -7,10 +9,10 @@ namespace Halo::OS {
 
 // The command line of the device simulator:
 //
-//   prefs-appinfo --packages DIR [--binder-dir DIR]
+//   prefs-appinfo --packages DIR [--binder-dir DIR] [--system-uid UID]...
 //   prefs-appinfo --help
 //
-// Options take their value as the next word or after '='.
+// Options take their value as the next word or after '='; --system-uid may be repeated.
 class AppInfoCommandLine {
 public:
     struct Options {
@@ -18,6 +20,8 @@ public:
         std::string packagesDir;
         // Empty: the environment's BINDER_DIR (or the runtime's default) stays in force.
         std::string binderDir;
+        // Uids that may register the listener besides root and application id 1000.
+        std::vector<uid_t> systemUids;
     };
 
     // Parses the words after the program name. On a usage error returns false and sets `error`

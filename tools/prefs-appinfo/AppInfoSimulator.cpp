@@ -33,9 +33,9 @@ std::string describe(const PackageFile& package) {
 
 }  // namespace
 
-AppInfoSimulator::AppInfoSimulator(std::string packagesDir)
+AppInfoSimulator::AppInfoSimulator(std::string packagesDir, std::vector<uid_t> systemUids)
     : mPackagesDir(std::move(packagesDir)),
-      mInquirer(new AppInfoInquirerService(this)),
+      mInquirer(new AppInfoInquirerService(this, std::move(systemUids))),
       mPermissions(new PermissionControllerService(&mCatalog)) {}
 
 AppInfoSimulator::~AppInfoSimulator() {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <nimbus/internal/IPreferencesAppInfoListener.h>
+#include <sys/types.h>
 #include <utils/StrongPointer.h>
 
 #include <cstdint>
@@ -36,7 +37,9 @@ public:
     static constexpr const char* kPermissionServiceName = "permission";
     static constexpr const char* kUsersFileName = "users.json";
 
-    explicit AppInfoSimulator(std::string packagesDir);
+    // `systemUids`: uids besides root and application id 1000 that may register a listener (see
+    // AppInfoInquirerService).
+    AppInfoSimulator(std::string packagesDir, std::vector<uid_t> systemUids);
     // Stops following the folder.
     ~AppInfoSimulator();
     AppInfoSimulator(const AppInfoSimulator&) = delete;

@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "binder/BinderServiceManager.h"
+#include "binder/DirectoryTrust.h"
 #include "prefs-appinfo/AppInfoCommandLine.h"
 #include "prefs-appinfo/AppInfoSimulator.h"
 #include "process/ProcessSignals.h"
@@ -27,6 +29,24 @@ int main(int argc, char** argv) {
         return 0;
     }
     if (!options.binderDir.empty()) setenv("BINDER_DIR", options.binderDir.c_str(), 1);
+    // Whoever may write the service directory could take the names this process publishes.
+    const std::string binderDir = Halo::OS::BinderServiceManager::directory();
+    std::string problem;
+    switch (Halo::OS::DirectoryTrust::check(binderDir, &problem)) {
+        case Halo::OS::DirectoryTrust::Verdict::Trusted:
+        case Halo::OS::DirectoryTrust::Verdict::Missing:  // created with a safe mode on publish
+            break;
+        case Halo::OS::DirectoryTrust::Verdict::Warn:
+            fprintf(stderr,
+                    "prefs-appinfo: warning: socket directory %s %s; accepted because it belongs "
+                    "to the uid running prefs-appinfo\n",
+                    binderDir.c_str(), problem.c_str());
+            break;
+        case Halo::OS::DirectoryTrust::Verdict::Refused:
+            fprintf(stderr, "prefs-appinfo: socket directory %s %s\n", binderDir.c_str(),
+                    problem.c_str());
+            return 1;
+    }
 
     // Taken before any thread starts, whatever disposition was inherited (a background job
     // starts with SIGINT ignored), so every thread inherits the mask and sigwait below is the one
@@ -35,7 +55,7 @@ int main(int argc, char** argv) {
 
     int status = 0;
     {
-        Halo::OS::AppInfoSimulator simulator(options.packagesDir);
+        Halo::OS::AppInfoSimulator simulator(options.packagesDir, options.systemUids);
         android::ProcessState::self()->startThreadPool();
         if (!simulator.start(&error)) {
             fprintf(stderr, "prefs-appinfo: %s\n", error.c_str());

@@ -290,22 +290,32 @@ bool PrefsCommandLine::parse(const std::vector<std::string>& words, Request* req
             }
             return true;
         }
-        if (name != "--binder-dir") {
+        if (name != "--binder-dir" && name != "--trusted-uid") {
             *error = "unknown option " + name + " (see 'prefs --help')";
             return false;
         }
+        std::string value;
         if (inlineValue) {
-            request->binderDir = *inlineValue;
+            value = *inlineValue;
         } else if (i + 1 < words.size()) {
-            request->binderDir = words[++i];
-        } else {
-            *error = "--binder-dir needs a directory (see 'prefs --help')";
+            value = words[++i];
+        }
+        if (name == "--binder-dir") {
+            if (value.empty()) {
+                *error = "--binder-dir needs a directory (see 'prefs --help')";
+                return false;
+            }
+            request->binderDir = value;
+            continue;
+        }
+        char* end = nullptr;
+        errno = 0;
+        const unsigned long long uid = std::strtoull(value.c_str(), &end, 10);
+        if (value.empty() || value[0] == '-' || *end != '\0' || errno != 0 || uid >= UINT32_MAX) {
+            *error = "--trusted-uid needs a uid, got '" + value + "' (see 'prefs --help')";
             return false;
         }
-        if (request->binderDir.empty()) {
-            *error = "--binder-dir needs a directory (see 'prefs --help')";
-            return false;
-        }
+        request->trustedUids.push_back(static_cast<uint32_t>(uid));
     }
     if (i == words.size()) {
         *error = "missing command (see 'prefs --help')";
@@ -350,7 +360,7 @@ bool PrefsCommandLine::parse(const std::vector<std::string>& words, Request* req
 }
 
 std::string PrefsCommandLine::overview() {
-    return "usage: prefs [--binder-dir DIR] COMMAND [ARGS]\n"
+    return "usage: prefs [--binder-dir DIR] [--trusted-uid UID]... COMMAND [ARGS]\n"
            "\n"
            "Reads and writes preferences through the preferences service, as the user that runs\n"
            "it (run it with setpriv --reuid=UID --regid=UID --clear-groups to act as an app).\n"
@@ -366,8 +376,14 @@ std::string PrefsCommandLine::overview() {
            "  help [COMMAND]                                      this text, or a command's\n"
            "\n"
            "options:\n"
-           "  --binder-dir DIR  the directory of the Binder services (default: $BINDER_DIR,\n"
-           "                    else /run/binder)\n"
+           "  --binder-dir DIR   the directory of the Binder services (default: $BINDER_DIR,\n"
+           "                     else /run/binder). Refused when users other than its owner\n"
+           "                     may write it (anyone could then pose as the service), unless\n"
+           "                     it belongs to the non-root uid running prefs (a warning)\n"
+           "  --trusted-uid UID  also trust a PreferencesService served by UID; may be\n"
+           "                     repeated. Trusted without it: root, the uid running prefs\n"
+           "                     and the uids in $PREFS_TRUSTED_UIDS (separated by commas).\n"
+           "                     A service served by any other uid counts as not reachable.\n"
            "\n"
            "exit status: 0 ok, 1 the service refused, 2 usage error, 3 service not reachable\n";
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -10,6 +11,8 @@
 namespace Halo::OS {
 
 // The command line of `prefs`:
+//
+// Options before the command: [--binder-dir DIR] [--trusted-uid UID]...
 //
 //   prefs [--binder-dir DIR] get KEY [--type TYPE] [--user N | --current]
 //   prefs [--binder-dir DIR] set KEY VALUE [--type TYPE] [--user N | --current]
@@ -31,6 +34,8 @@ public:
         Command command = Command::Help;
         // Empty: the environment's BINDER_DIR (or the runtime's default) stays in force.
         std::string binderDir;
+        // --trusted-uid: uids trusted to serve PreferencesService besides the defaults.
+        std::vector<uint32_t> trustedUids;
         // Help: the command whose help is asked for; nothing for the overview.
         std::optional<Command> helpTopic;
         // get, set, type, reset: the key; set: the value text; profile: the word.

@@ -10,6 +10,8 @@
 #include <cmath>
 #include <optional>
 
+#include "binder/BinderServiceManager.h"
+#include "binder/DirectoryTrust.h"
 #include "process/ProcessSignals.h"
 #include "threads/Mutex.h"
 
@@ -96,6 +98,24 @@ int PrefsTool::run(const std::vector<std::string>& words) {
         return kExitOk;
     }
     if (!request.binderDir.empty()) PreferencesClient::useBinderDirectory(request.binderDir);
+    for (uint32_t uid : request.trustedUids) PreferencesClient::trustServerUid(uid);
+    // Whoever may write the service directory could pose as the service.
+    const std::string binderDir = BinderServiceManager::directory();
+    std::string problem;
+    switch (DirectoryTrust::check(binderDir, &problem)) {
+        case DirectoryTrust::Verdict::Trusted:
+        case DirectoryTrust::Verdict::Missing:  // then the service is not reachable either
+            break;
+        case DirectoryTrust::Verdict::Warn:
+            fprintf(mErr,
+                    "prefs: warning: socket directory %s %s; accepted because it belongs to the "
+                    "uid running prefs\n",
+                    binderDir.c_str(), problem.c_str());
+            break;
+        case DirectoryTrust::Verdict::Refused:
+            fprintf(mErr, "prefs: socket directory %s %s\n", binderDir.c_str(), problem.c_str());
+            return kExitUnreachable;
+    }
     if (request.command == Command::Watch) {
         // Taken before any Binder thread exists, whatever disposition was inherited (a
         // background job starts with SIGINT ignored), so that every thread inherits the mask and

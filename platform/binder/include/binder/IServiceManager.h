@@ -2,8 +2,11 @@
 
 #include <binder/IBinder.h>
 #include <binder/IInterface.h>
+#include <sys/types.h>
 #include <utils/String16.h>
 #include <utils/Vector.h>
+
+#include <vector>
 
 namespace android {
 
@@ -39,6 +42,17 @@ public:
     // True when the service is published and reachable now.
     virtual bool isDeclared(const String16& name) = 0;
 
+    // Host extension, standing in for the device's service manager and SELinux, which decide
+    // there who may publish a name. From now on `name` is only trusted when the process serving
+    // it runs as one of `uids` (the kernel's peer credentials of its socket; a service this
+    // process published itself is served by this process's effective uid). getService,
+    // checkService, waitForService and isDeclared treat the name served by anyone else as absent,
+    // and log one line naming the service and the uid, once for each server found. Replaces the
+    // uids set earlier for the name; an empty list trusts nobody. A name never restricted is
+    // trusted whoever serves it, except "permission" (see PermissionCache), which is restricted to
+    // root and this process's effective uid until set otherwise. listServices is not filtered.
+    virtual void setTrustedServerUids(const String16& name, const std::vector<uid_t>& uids) = 0;
+
 protected:
     IBinder* onAsBinder() override { return nullptr; }
 };
@@ -56,6 +70,10 @@ status_t getService(const String16& name, sp<INTERFACE>* outService) {
     }
     return NAME_NOT_FOUND;
 }
+
+// The uid of the process that serves `binder`: this process's effective uid for a local object,
+// the kernel's peer credentials of the connection for a proxy. False for null.
+bool getServerUid(const sp<IBinder>& binder, uid_t* outUid);
 
 // Whether the calling identity holds `permission` (see PermissionCache).
 bool checkCallingPermission(const String16& permission);

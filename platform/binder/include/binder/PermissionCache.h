@@ -10,7 +10,11 @@ namespace android {
 // Checks of operating-system permissions. Root (uid 0) and the process itself are always granted.
 // Any other caller is asked of the service "permission"
 // (android.os.IPermissionController.checkPermission(permission, pid, uid)); when that service is
-// not published (looked up without waiting) or cannot be reached, the permission is denied.
+// not published (looked up without waiting) or cannot be reached, the permission is denied. The
+// look-up goes through the service manager, which trusts "permission" only when it is served by
+// root or this process's effective uid unless the process said otherwise
+// (IServiceManager::setTrustedServerUids): a "permission" served by anyone else counts as absent,
+// so it denies.
 //
 // Grants are remembered per (permission, uid), as on the device, so that a caller that holds a
 // permission pays the round trip to the permission service once: a refusal is never remembered,
