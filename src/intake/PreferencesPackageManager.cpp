@@ -10,8 +10,10 @@
 
 #include <cstdio>
 #include <exception>
+#include <optional>
 #include <string>
 
+#include "intake/BoundedCall.h"
 #include "model/KeySourceDomain.h"
 #include "model/PreferencesSchemaListBuilder.h"
 #include "telemetry/Telemetry.h"
@@ -40,6 +42,13 @@ bool parseJson(const std::string& text, Json::Value& out) {
 android::binder::Status detachedStatus() {
     return android::binder::Status::fromExceptionCode(android::binder::Status::EX_ILLEGAL_STATE,
                                                       "preferences package manager is gone");
+}
+
+// What a user event gets when it was held for a start-up that never finished.
+android::binder::Status stoppingStatus() {
+    return android::binder::Status::fromExceptionCode(
+            android::binder::Status::EX_ILLEGAL_STATE,
+            "preferences package manager stopped before its start-up finished");
 }
 
 }  // namespace
@@ -89,6 +98,12 @@ PreferencesPackageManager::PreferencesPackageManager(
 }
 
 PreferencesPackageManager::~PreferencesPackageManager() {
+    {
+        Mutex::Autolock lock(mGateMutex);
+        mGateClosed = true;
+    }
+    // Held events return before the listener is detached: detaching waits for them.
+    mGateChanged.notify_all();
     // First, so that no Binder thread is inside this object while it is taken apart.
     mListener->detach();
     stop();
@@ -131,10 +146,9 @@ void PreferencesPackageManager::stop() {
         }
         client = std::move(mClient);
     }
-    if (service != nullptr) {
-        bool unregistered = false;
-        service->unregisterPackageInfoListener(&unregistered);
-    }
+    if (service != nullptr) unregisterWithin(service);
+    // Events held for a start-up that did not finish are dropped.
+    wakeHeldEvents();
     // The empty list wakes a waiting worker, which then sees running cleared and ends. It goes
     // through the key manager like any list; with no schemas and no flags it registers nothing
     // and removes nothing.
@@ -153,9 +167,17 @@ void PreferencesPackageManager::onConnected(const android::sp<AppInfoInquirer>& 
         if (!mRunning) return;
         generation = mConnectionGeneration;
     }
-    bool ok = false;
-    const Status status = service->registerPackageInfoListener(mListener, &ok);
-    if (!status.isOk() || !ok) {
+    const android::sp<AppInfoListener> listener = mListener;
+    const std::optional<bool> registered =
+            BoundedCall::run<bool>(kAppInfoCallLimit, [service, listener] {
+                bool ok = false;
+                return service->registerPackageInfoListener(listener, &ok).isOk() && ok;
+            });
+    if (!registered.has_value()) {
+        ALOGE("The app-info service did not answer the listener registration within %lld ms",
+              static_cast<long long>(kAppInfoCallLimit.count()));
+    }
+    if (!registered.value_or(false)) {
         ALOGE("Failed to register package info listener");
         return;
     }
@@ -169,10 +191,44 @@ void PreferencesPackageManager::onConnected(const android::sp<AppInfoInquirer>& 
             mListening = true;
         }
     }
-    if (withdraw) {
+    if (withdraw) unregisterWithin(service);
+}
+
+void PreferencesPackageManager::unregisterWithin(const android::sp<AppInfoInquirer>& service) {
+    const std::optional<bool> answered = BoundedCall::run<bool>(kAppInfoCallLimit, [service] {
         bool unregistered = false;
         service->unregisterPackageInfoListener(&unregistered);
+        return true;
+    });
+    if (!answered.has_value()) {
+        ALOGE("The app-info service did not answer the listener unregistration within %lld ms",
+              static_cast<long long>(kAppInfoCallLimit.count()));
     }
+}
+
+void PreferencesPackageManager::holdEvents() {
+    Mutex::Autolock lock(mGateMutex);
+    mEventsHeld = true;
+}
+
+void PreferencesPackageManager::releaseEvents() {
+    {
+        Mutex::Autolock lock(mGateMutex);
+        mEventsHeld = false;
+    }
+    mGateChanged.notify_all();
+}
+
+void PreferencesPackageManager::wakeHeldEvents() {
+    // Taken so that a waiter cannot miss the change it is about to wait for.
+    { Mutex::Autolock lock(mGateMutex); }
+    mGateChanged.notify_all();
+}
+
+bool PreferencesPackageManager::waitUntilReleased() {
+    Mutex::Autolock lock(mGateMutex);
+    while (mEventsHeld && !mGateClosed && mRunning) mGateChanged.wait(lock.unique());
+    return !mEventsHeld && !mGateClosed;
 }
 
 void PreferencesPackageManager::onDisconnected() {
@@ -205,14 +261,17 @@ android::binder::Status PreferencesPackageManager::onSchema(const std::vector<ui
 }
 
 android::binder::Status PreferencesPackageManager::currentUser(int userId) {
+    if (!waitUntilReleased()) return stoppingStatus();
     return toStatus(mKeyManager->currentUser(static_cast<unsigned int>(userId)));
 }
 
 android::binder::Status PreferencesPackageManager::userList(const std::vector<int>& users) {
+    if (!waitUntilReleased()) return stoppingStatus();
     return toStatus(mKeyManager->userList(users));
 }
 
 android::binder::Status PreferencesPackageManager::deleteUserData(int userId) {
+    if (!waitUntilReleased()) return stoppingStatus();
     return toStatus(mKeyManager->deleteUserData(static_cast<unsigned int>(userId)));
 }
 
@@ -234,7 +293,9 @@ bool PreferencesPackageManager::dump(int fd) {
 void PreferencesPackageManager::process() {
     do {
         std::unique_ptr<PreferencesSchemaList> list;
-        if (mQueue.dequeue(list)) mKeyManager->process(list, KeySourceDomain::Application);
+        if (mQueue.dequeue(list) && waitUntilReleased()) {
+            mKeyManager->process(list, KeySourceDomain::Application);
+        }
     } while (!mQueue.isTerminated() && mRunning);
 }
 

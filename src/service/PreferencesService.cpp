@@ -104,7 +104,10 @@ PreferencesService::PreferencesService()
 
 PreferencesService::PreferencesService(std::shared_ptr<PreferencesKeyManager> keyManager)
     : mKeyManager(std::move(keyManager)),
-      mPackageManager(std::make_unique<PreferencesPackageManager>(mKeyManager)) {}
+      mPackageManager(std::make_unique<PreferencesPackageManager>(mKeyManager, false)) {
+    mPackageManager->holdEvents();
+    mPackageManager->start();
+}
 
 PreferencesService::~PreferencesService() {
     mOverrides.reset();
@@ -355,6 +358,10 @@ bool PreferencesService::upgradeToLatestVersion() {
 void PreferencesService::handleProfileAndTraceOnBoot() {
     applyOnBootSwitch(kProfileOnBootKey, &PreferencesService::setProfiling);
     applyOnBootSwitch(kTraceOnBootKey, &PreferencesService::setTracing);
+}
+
+void PreferencesService::startupFinished() {
+    if (mPackageManager != nullptr) mPackageManager->releaseEvents();
 }
 
 void PreferencesService::applyOnBootSwitch(const char* key,

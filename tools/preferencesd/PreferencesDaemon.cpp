@@ -172,6 +172,7 @@ void PreferencesDaemon::start() {
               PreferencesVersionManager::kLatestVersion);
     }
     mService->handleProfileAndTraceOnBoot();
+    mService->startupFinished();
 }
 
 bool PreferencesDaemon::publish(std::string* error) {

@@ -21,7 +21,7 @@ namespace Halo::OS {
 //   (main starts the Binder thread pool)
 //   start()     constructs the service on a store in the data directory and runs its start-up
 //               steps: migrateLegacyKeys, injectNativeServiceKeys, upgradeToLatestVersion,
-//               handleProfileAndTraceOnBoot
+//               handleProfileAndTraceOnBoot; then lets the app-info events through
 //   publish()   makes the service reachable as "PreferencesService": from then on its socket
 //               exists
 //   shutdown()  removes the socket, refuses new calls, waits for the calls under way, and
