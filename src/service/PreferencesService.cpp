@@ -360,6 +360,11 @@ void PreferencesService::handleProfileAndTraceOnBoot() {
     applyOnBootSwitch(kTraceOnBootKey, &PreferencesService::setTracing);
 }
 
+void PreferencesService::setStoreRecovery(std::string text) {
+    Mutex::Autolock lock(mNoticeMutex);
+    mStoreRecovery = std::move(text);
+}
+
 void PreferencesService::startupFinished() {
     if (mPackageManager != nullptr) mPackageManager->releaseEvents();
 }
@@ -490,6 +495,10 @@ android::status_t PreferencesService::dump(int fd, const android::Vector<String1
         dprintf(fd, "      KeyManager exists:           %s\n", trueFalse(mKeyManager != nullptr));
         dprintf(fd, "      PackageManager exists:       %s\n",
                 trueFalse(mPackageManager != nullptr));
+        Mutex::Autolock lock(mNoticeMutex);
+        if (!mStoreRecovery.empty()) {
+            dprintf(fd, "      Store recovered at start:    %s\n", mStoreRecovery.c_str());
+        }
     }
     if ((sections & kDumpPackageManager) != 0 && mPackageManager != nullptr) {
         mPackageManager->dump(fd);

@@ -17,6 +17,7 @@
 #include "keymanager/PreferencesKeyManager.h"
 #include "model/PreferencesKeyInfo.h"
 #include "service/PreferencesOverrides.h"
+#include "threads/Mutex.h"
 
 namespace Halo::OS {
 
@@ -165,6 +166,10 @@ public:
     // Lets the app-info events through: those that waited, then every later one. Call once the
     // start-up steps have run.
     void startupFinished();
+    // Records what the host did to a store it found damaged at start (for example "system.db was
+    // damaged (file is not a database); moved to ..."). The dump's summary then shows it on a line
+    // "      Store recovered at start:    <text>"; without it the summary is unchanged.
+    void setStoreRecovery(std::string text) EXCLUDES(mNoticeMutex);
 
     // ---- Profiling and tracing ----
 
@@ -226,6 +231,9 @@ private:
     std::unique_ptr<PreferencesPackageManager> mPackageManager;
     // Stays empty: the override operations are process-wide and need no instance.
     std::unique_ptr<PreferencesOverrides> mOverrides;
+    // Set by the host before publishing; read by dumps on Binder threads.
+    Mutex mNoticeMutex;
+    std::string mStoreRecovery GUARDED_BY(mNoticeMutex);
 };
 
 }  // namespace Halo::OS
