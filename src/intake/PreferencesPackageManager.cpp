@@ -2,6 +2,7 @@
 
 #include "intake/PreferencesPackageManager.h"
 
+#include <binder/IPCThreadState.h>
 #include <binder/IServiceManager.h>
 #include <binder/PermissionCache.h>
 #include <json/reader.h>
@@ -10,6 +11,7 @@
 
 #include <cstdio>
 #include <exception>
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -44,7 +46,7 @@ android::binder::Status detachedStatus() {
                                                       "preferences package manager is gone");
 }
 
-// What a user event gets when it was held for a start-up that never finished.
+// What a user event gets once the manager is being destroyed.
 android::binder::Status stoppingStatus() {
     return android::binder::Status::fromExceptionCode(
             android::binder::Status::EX_ILLEGAL_STATE,
@@ -99,10 +101,11 @@ PreferencesPackageManager::PreferencesPackageManager(
 
 PreferencesPackageManager::~PreferencesPackageManager() {
     {
+        // Kept user events are dropped: the start-up they waited for did not finish.
         Mutex::Autolock lock(mGateMutex);
         mGateClosed = true;
+        mHeldUserEvents.clear();
     }
-    // Held events return before the listener is detached: detaching waits for them.
     mGateChanged.notify_all();
     // First, so that no Binder thread is inside this object while it is taken apart.
     mListener->detach();
@@ -147,7 +150,7 @@ void PreferencesPackageManager::stop() {
         client = std::move(mClient);
     }
     if (service != nullptr) unregisterWithin(service);
-    // Events held for a start-up that did not finish are dropped.
+    // A worker waiting for the gate ends.
     wakeHeldEvents();
     // The empty list wakes a waiting worker, which then sees running cleared and ends. It goes
     // through the key manager like any list; with no schemas and no flags it registers nothing
@@ -212,11 +215,51 @@ void PreferencesPackageManager::holdEvents() {
 }
 
 void PreferencesPackageManager::releaseEvents() {
-    {
-        Mutex::Autolock lock(mGateMutex);
-        mEventsHeld = false;
+    // Events that arrive while a batch is applied join the next batch; the gate opens only when
+    // none is left, so every event is applied in the order it arrived.
+    for (;;) {
+        std::vector<HeldEvent> batch;
+        {
+            Mutex::Autolock lock(mGateMutex);
+            if (mHeldUserEvents.empty()) {
+                mEventsHeld = false;
+                break;
+            }
+            batch.swap(mHeldUserEvents);
+        }
+        // Applied as their callers: the key manager checks the app-info service's permissions,
+        // which may mean asking the permission service, another process.
+        const std::optional<bool> applied =
+                BoundedCall::run<bool>(kAppInfoCallLimit, [batch = std::move(batch)] {
+                    for (const HeldEvent& event : batch) {
+                        android::IPCThreadState::self()->restoreCallingIdentity(event.caller);
+                        event.apply();
+                    }
+                    return true;
+                });
+        if (!applied.has_value()) {
+            ALOGE("The app-info events of the start-up were not applied within %lld ms; they "
+                  "finish in the background",
+                  static_cast<long long>(kAppInfoCallLimit.count()));
+        }
     }
     mGateChanged.notify_all();
+}
+
+android::binder::Status PreferencesPackageManager::applyUserEvent(std::function<int()> apply) {
+    {
+        Mutex::Autolock lock(mGateMutex);
+        if (mGateClosed) return stoppingStatus();
+        if (mEventsHeld) {
+            // The calls are one-way: nobody waits for this status.
+            const android::IPCThreadState* ipc = android::IPCThreadState::self();
+            const int64_t caller = (static_cast<int64_t>(ipc->getCallingUid()) << 32) |
+                                   static_cast<uint32_t>(ipc->getCallingPid());
+            mHeldUserEvents.push_back(HeldEvent{caller, std::move(apply)});
+            return Status::ok();
+        }
+    }
+    return toStatus(apply());
 }
 
 void PreferencesPackageManager::wakeHeldEvents() {
@@ -261,18 +304,20 @@ android::binder::Status PreferencesPackageManager::onSchema(const std::vector<ui
 }
 
 android::binder::Status PreferencesPackageManager::currentUser(int userId) {
-    if (!waitUntilReleased()) return stoppingStatus();
-    return toStatus(mKeyManager->currentUser(static_cast<unsigned int>(userId)));
+    return applyUserEvent([keyManager = mKeyManager, userId] {
+        return keyManager->currentUser(static_cast<unsigned int>(userId));
+    });
 }
 
 android::binder::Status PreferencesPackageManager::userList(const std::vector<int>& users) {
-    if (!waitUntilReleased()) return stoppingStatus();
-    return toStatus(mKeyManager->userList(users));
+    return applyUserEvent(
+            [keyManager = mKeyManager, users] { return keyManager->userList(users); });
 }
 
 android::binder::Status PreferencesPackageManager::deleteUserData(int userId) {
-    if (!waitUntilReleased()) return stoppingStatus();
-    return toStatus(mKeyManager->deleteUserData(static_cast<unsigned int>(userId)));
+    return applyUserEvent([keyManager = mKeyManager, userId] {
+        return keyManager->deleteUserData(static_cast<unsigned int>(userId));
+    });
 }
 
 android::binder::Status PreferencesPackageManager::toStatus(int result) {

@@ -10,6 +10,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -34,8 +35,8 @@ namespace Halo::OS {
 //
 // A host that must run start-up steps before any app-info event is applied holds the events
 // (holdEvents() before start(), releaseEvents() once the steps have run): meanwhile user events
-// wait on their Binder thread and the worker applies no schema list, so the outcome does not
-// depend on when the app-info service answers.
+// are kept in arrival order (their one-way calls return at once) and the worker applies no
+// schema list, so the outcome does not depend on when the app-info service sends them.
 //
 // The two-way calls to the app-info service (registering and unregistering the listener) are
 // waited for at most kAppInfoCallLimit each, so a stopped or hung app-info service delays
@@ -81,7 +82,7 @@ public:
     explicit PreferencesPackageManager(const std::shared_ptr<PreferencesKeyManager>& keyManager);
     // Keeps `keyManager` (shared with the service) and makes the listener; starts when `start`.
     PreferencesPackageManager(const std::shared_ptr<PreferencesKeyManager>& keyManager, bool start);
-    // Drops the events that are held, detaches the listener, then stops.
+    // Drops the kept user events, detaches the listener, then stops.
     ~PreferencesPackageManager();
 
     PreferencesPackageManager(const PreferencesPackageManager&) = delete;
@@ -95,10 +96,13 @@ public:
     // connection and joins the worker. Does nothing when not running.
     void stop() EXCLUDES(mWorkerMutex, mStateMutex);
 
-    // From now on app-info events wait until releaseEvents(): user events block their Binder
-    // thread, and queued schema lists stay in the queue. Call before start().
+    // From now on app-info events wait until releaseEvents(): user events are kept, and queued
+    // schema lists stay in the queue. Call before start().
     void holdEvents() EXCLUDES(mGateMutex);
-    // Lets the held events and every later one through.
+    // Applies the kept user events in the order they arrived, each with the calling identity it
+    // came with, and returns once none is left (or, should applying them take longer than
+    // kAppInfoCallLimit, lets them finish in the background); then lets the worker and every
+    // later event through.
     void releaseEvents() EXCLUDES(mGateMutex);
 
     // Parses a schema-list document and queues it for the worker. Returns Status::ok() when a
@@ -106,8 +110,8 @@ public:
     // document; the bytes are dropped either way.
     Status onSchema(const std::vector<uint8_t>& schema);
     // The key manager's operation of the same name; 0 gives Status::ok(), any other result r
-    // the service-specific error r. While events are held they wait; an event that was held when
-    // the manager stopped is dropped with the exception EX_ILLEGAL_STATE.
+    // the service-specific error r. While events are held the event is kept for releaseEvents()
+    // and the result is Status::ok(); during destruction it is dropped with EX_ILLEGAL_STATE.
     Status currentUser(int userId);
     Status userList(const std::vector<int>& users);
     Status deleteUserData(int userId);
@@ -129,10 +133,19 @@ private:
     static Status toStatus(int result);
     // Unregisters the listener from `service`, waiting at most kAppInfoCallLimit for the answer.
     void unregisterWithin(const android::sp<AppInfoInquirer>& service);
-    // Waits while events are held. True when the event may be applied, false when the manager
-    // stopped (or is being destroyed) while it was held.
+    // A user event kept while events are held: its caller (a calling-identity token) and the
+    // key manager operation. `apply` holds its own reference to the key manager.
+    struct HeldEvent {
+        int64_t caller;
+        std::function<int()> apply;
+    };
+
+    // Applies a user event now, or keeps it while events are held.
+    Status applyUserEvent(std::function<int()> apply) EXCLUDES(mGateMutex);
+    // The worker's wait while events are held. True when the list may be applied, false when the
+    // manager stopped (or is being destroyed) meanwhile.
     bool waitUntilReleased() EXCLUDES(mGateMutex);
-    // Wakes the events waiting for the gate so that they look at it again.
+    // Wakes a worker waiting for the gate so that it looks at it again.
     void wakeHeldEvents() EXCLUDES(mGateMutex);
 
     // Guards the flags below and the client pointer.
@@ -160,6 +173,7 @@ private:
     std::condition_variable mGateChanged;
     bool mEventsHeld GUARDED_BY(mGateMutex) = false;
     bool mGateClosed GUARDED_BY(mGateMutex) = false;
+    std::vector<HeldEvent> mHeldUserEvents GUARDED_BY(mGateMutex);
 };
 
 }  // namespace Halo::OS
