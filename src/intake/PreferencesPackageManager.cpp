@@ -46,13 +46,6 @@ android::binder::Status detachedStatus() {
                                                       "preferences package manager is gone");
 }
 
-// What a user event gets once the manager is being destroyed.
-android::binder::Status stoppingStatus() {
-    return android::binder::Status::fromExceptionCode(
-            android::binder::Status::EX_ILLEGAL_STATE,
-            "preferences package manager stopped before its start-up finished");
-}
-
 }  // namespace
 
 // ---- AppInfoListener ----
@@ -249,7 +242,7 @@ void PreferencesPackageManager::releaseEvents() {
 android::binder::Status PreferencesPackageManager::applyUserEvent(std::function<int()> apply) {
     {
         Mutex::Autolock lock(mGateMutex);
-        if (mGateClosed) return stoppingStatus();
+        if (mGateClosed) return detachedStatus();
         if (mEventsHeld) {
             // The calls are one-way: nobody waits for this status.
             const android::IPCThreadState* ipc = android::IPCThreadState::self();

@@ -40,7 +40,9 @@ namespace Halo::OS {
 //
 // The two-way calls to the app-info service (registering and unregistering the listener) are
 // waited for at most kAppInfoCallLimit each, so a stopped or hung app-info service delays
-// start() and stop() by that much and never blocks them.
+// start() and stop() by that much and never blocks them. A registration answered after the limit
+// still reaches the app-info service (its events flow), but the manager counts itself as
+// listening only from the next connection on.
 //
 // Threads: start(), stop() and the destructor come from the service's thread (they are
 // serialised among themselves); the listener's calls arrive on Binder threads, the connection
@@ -111,7 +113,8 @@ public:
     Status onSchema(const std::vector<uint8_t>& schema);
     // The key manager's operation of the same name; 0 gives Status::ok(), any other result r
     // the service-specific error r. While events are held the event is kept for releaseEvents()
-    // and the result is Status::ok(); during destruction it is dropped with EX_ILLEGAL_STATE.
+    // and the result is Status::ok(); during destruction it is dropped with EX_ILLEGAL_STATE, as a
+    // detached listener's calls are.
     Status currentUser(int userId);
     Status userList(const std::vector<int>& users);
     Status deleteUserData(int userId);

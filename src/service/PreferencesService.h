@@ -52,8 +52,9 @@ namespace Halo::OS {
 // stops the package manager and releases the key manager; no Binder thread may still be inside
 // the service then.
 //
-// Threads: Binder threads call in concurrently; the service adds no lock (the key manager
-// serialises). The start-up steps run on the host's thread.
+// Threads: Binder threads call in concurrently; the service adds no lock around calls (the key
+// manager serialises; mNoticeMutex guards only the store-recovery note). The start-up steps run
+// on the host's thread.
 class PreferencesService : public lumen::preferences::BnPreferencesService {
 public:
     using Status = android::binder::Status;
