@@ -150,7 +150,10 @@ bool PreferencesLegacyKeysMigrationManager::migrateLegacyKeys() {
 }
 
 Status PreferencesLegacyKeysMigrationManager::getLegacyKeysMigrationStatus() const {
-    if (mKeyManager == nullptr) return Status::NoStatus;
+    // A fresh store has not declared the key yet: no status, without a refused read in the log.
+    if (mKeyManager == nullptr || !mKeyManager->isDeclared(kMigrationStatusKey)) {
+        return Status::NoStatus;
+    }
     std::string value;
     // The status key is declared as an integer; the read names that type.
     if (mKeyManager->getWithoutPermissionCheck(kMigrationStatusKey, value,

@@ -2,14 +2,19 @@
 
 #include "intake/PreferencesPackageManager.h"
 
+#include <binder/IPCThreadState.h>
 #include <binder/IServiceManager.h>
 #include <binder/PermissionCache.h>
 #include <json/value.h>
 #include <log/log.h>
 
 #include <cstdio>
+#include <exception>
+#include <functional>
+#include <optional>
 #include <string>
 
+#include "intake/BoundedCall.h"
 #include "model/JsonParsing.h"
 #include "model/KeySourceDomain.h"
 #include "model/PreferencesSchemaListBuilder.h"
@@ -75,6 +80,13 @@ PreferencesPackageManager::PreferencesPackageManager(
 }
 
 PreferencesPackageManager::~PreferencesPackageManager() {
+    {
+        // Kept user events are dropped: the start-up they waited for did not finish.
+        Mutex::Autolock lock(mGateMutex);
+        mGateClosed = true;
+        mHeldUserEvents.clear();
+    }
+    mGateChanged.notify_all();
     // First, so that no Binder thread is inside this object while it is taken apart.
     mListener->detach();
     stop();
@@ -117,10 +129,9 @@ void PreferencesPackageManager::stop() {
         }
         client = std::move(mClient);
     }
-    if (service != nullptr) {
-        bool unregistered = false;
-        service->unregisterPackageInfoListener(&unregistered);
-    }
+    if (service != nullptr) unregisterWithin(service);
+    // A worker waiting for the gate ends.
+    wakeHeldEvents();
     // The empty list wakes a waiting worker, which then sees running cleared and ends. It goes
     // through the key manager like any list; with no schemas and no flags it registers nothing
     // and removes nothing.
@@ -139,9 +150,17 @@ void PreferencesPackageManager::onConnected(const android::sp<AppInfoInquirer>& 
         if (!mRunning) return;
         generation = mConnectionGeneration;
     }
-    bool ok = false;
-    const Status status = service->registerPackageInfoListener(mListener, &ok);
-    if (!status.isOk() || !ok) {
+    const android::sp<AppInfoListener> listener = mListener;
+    const std::optional<bool> registered =
+            BoundedCall::run<bool>(kAppInfoCallLimit, [service, listener] {
+                bool ok = false;
+                return service->registerPackageInfoListener(listener, &ok).isOk() && ok;
+            });
+    if (!registered.has_value()) {
+        ALOGE("The app-info service did not answer the listener registration within %lld ms",
+              static_cast<long long>(kAppInfoCallLimit.count()));
+    }
+    if (!registered.value_or(false)) {
         ALOGE("Failed to register package info listener");
         return;
     }
@@ -155,10 +174,84 @@ void PreferencesPackageManager::onConnected(const android::sp<AppInfoInquirer>& 
             mListening = true;
         }
     }
-    if (withdraw) {
+    if (withdraw) unregisterWithin(service);
+}
+
+void PreferencesPackageManager::unregisterWithin(const android::sp<AppInfoInquirer>& service) {
+    const std::optional<bool> answered = BoundedCall::run<bool>(kAppInfoCallLimit, [service] {
         bool unregistered = false;
         service->unregisterPackageInfoListener(&unregistered);
+        return true;
+    });
+    if (!answered.has_value()) {
+        ALOGE("The app-info service did not answer the listener unregistration within %lld ms",
+              static_cast<long long>(kAppInfoCallLimit.count()));
     }
+}
+
+void PreferencesPackageManager::holdEvents() {
+    Mutex::Autolock lock(mGateMutex);
+    mEventsHeld = true;
+}
+
+void PreferencesPackageManager::releaseEvents() {
+    // Events that arrive while a batch is applied join the next batch; the gate opens only when
+    // none is left, so every event is applied in the order it arrived.
+    for (;;) {
+        std::vector<HeldEvent> batch;
+        {
+            Mutex::Autolock lock(mGateMutex);
+            if (mHeldUserEvents.empty()) {
+                mEventsHeld = false;
+                break;
+            }
+            batch.swap(mHeldUserEvents);
+        }
+        // Applied as their callers: the key manager checks the app-info service's permissions,
+        // which may mean asking the permission service, another process.
+        const std::optional<bool> applied =
+                BoundedCall::run<bool>(kAppInfoCallLimit, [batch = std::move(batch)] {
+                    for (const HeldEvent& event : batch) {
+                        android::IPCThreadState::self()->restoreCallingIdentity(event.caller);
+                        event.apply();
+                    }
+                    return true;
+                });
+        if (!applied.has_value()) {
+            ALOGE("The app-info events of the start-up were not applied within %lld ms; they "
+                  "finish in the background",
+                  static_cast<long long>(kAppInfoCallLimit.count()));
+        }
+    }
+    mGateChanged.notify_all();
+}
+
+android::binder::Status PreferencesPackageManager::applyUserEvent(std::function<int()> apply) {
+    {
+        Mutex::Autolock lock(mGateMutex);
+        if (mGateClosed) return detachedStatus();
+        if (mEventsHeld) {
+            // The calls are one-way: nobody waits for this status.
+            const android::IPCThreadState* ipc = android::IPCThreadState::self();
+            const int64_t caller = (static_cast<int64_t>(ipc->getCallingUid()) << 32) |
+                                   static_cast<uint32_t>(ipc->getCallingPid());
+            mHeldUserEvents.push_back(HeldEvent{caller, std::move(apply)});
+            return Status::ok();
+        }
+    }
+    return toStatus(apply());
+}
+
+void PreferencesPackageManager::wakeHeldEvents() {
+    // Taken so that a waiter cannot miss the change it is about to wait for.
+    { Mutex::Autolock lock(mGateMutex); }
+    mGateChanged.notify_all();
+}
+
+bool PreferencesPackageManager::waitUntilReleased() {
+    Mutex::Autolock lock(mGateMutex);
+    while (mEventsHeld && !mGateClosed && mRunning) mGateChanged.wait(lock.unique());
+    return !mEventsHeld && !mGateClosed;
 }
 
 void PreferencesPackageManager::onDisconnected() {
@@ -192,15 +285,20 @@ android::binder::Status PreferencesPackageManager::onSchema(const std::vector<ui
 }
 
 android::binder::Status PreferencesPackageManager::currentUser(int userId) {
-    return toStatus(mKeyManager->currentUser(static_cast<unsigned int>(userId)));
+    return applyUserEvent([keyManager = mKeyManager, userId] {
+        return keyManager->currentUser(static_cast<unsigned int>(userId));
+    });
 }
 
 android::binder::Status PreferencesPackageManager::userList(const std::vector<int>& users) {
-    return toStatus(mKeyManager->userList(users));
+    return applyUserEvent(
+            [keyManager = mKeyManager, users] { return keyManager->userList(users); });
 }
 
 android::binder::Status PreferencesPackageManager::deleteUserData(int userId) {
-    return toStatus(mKeyManager->deleteUserData(static_cast<unsigned int>(userId)));
+    return applyUserEvent([keyManager = mKeyManager, userId] {
+        return keyManager->deleteUserData(static_cast<unsigned int>(userId));
+    });
 }
 
 android::binder::Status PreferencesPackageManager::toStatus(int result) {
@@ -222,7 +320,7 @@ void PreferencesPackageManager::process() {
     do {
         std::unique_ptr<PreferencesSchemaList> list;
         // Without a key manager (a service built without one) lists are dropped.
-        if (mQueue.dequeue(list) && mKeyManager != nullptr) {
+        if (mQueue.dequeue(list) && waitUntilReleased() && mKeyManager != nullptr) {
             mKeyManager->process(list, KeySourceDomain::Application);
         }
     } while (!mQueue.isTerminated() && mRunning);

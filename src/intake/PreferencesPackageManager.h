@@ -8,7 +8,9 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -31,11 +33,22 @@ namespace Halo::OS {
 // grants that the process remembers (android::PermissionCache), since package changes are how
 // they change.
 //
+// A host that must run start-up steps before any app-info event is applied holds the events
+// (holdEvents() before start(), releaseEvents() once the steps have run): meanwhile user events
+// are kept in arrival order (their one-way calls return at once) and the worker applies no
+// schema list, so the outcome does not depend on when the app-info service sends them.
+//
+// The two-way calls to the app-info service (registering and unregistering the listener) are
+// waited for at most kAppInfoCallLimit each, so a stopped or hung app-info service delays
+// start() and stop() by that much and never blocks them. A registration answered after the limit
+// still reaches the app-info service (its events flow), but the manager counts itself as
+// listening only from the next connection on.
+//
 // Threads: start(), stop() and the destructor come from the service's thread (they are
 // serialised among themselves); the listener's calls arrive on Binder threads, the connection
 // callbacks on the client's connection thread and on death-notification threads; dump() may come
 // from any thread. mStateMutex is never held while calling into the key manager or making a
-// Binder call, and is never held while the client is destroyed.
+// Binder call, and is never held while the client is destroyed. mGateMutex is taken alone.
 class PreferencesPackageManager {
 public:
     using Status = android::binder::Status;
@@ -43,6 +56,8 @@ public:
 
     static constexpr const char* kAppInfoServiceName = "PreferencesAppInfoInquirer";
     static constexpr std::chrono::milliseconds kRetryInterval{50};
+    // The longest wait for the app-info service's answer to a registration or unregistration.
+    static constexpr std::chrono::milliseconds kAppInfoCallLimit{5000};
 
     // The object registered with the app-info service. Forwards its four calls to the manager's
     // operations of the same name. The app-info service may keep it (and call it) after the
@@ -70,7 +85,7 @@ public:
     // Keeps `keyManager` (shared with the service; may be null, then received lists are dropped)
     // and makes the listener; starts when `start`.
     PreferencesPackageManager(const std::shared_ptr<PreferencesKeyManager>& keyManager, bool start);
-    // Detaches the listener, then stops.
+    // Drops the kept user events, detaches the listener, then stops.
     ~PreferencesPackageManager();
 
     PreferencesPackageManager(const PreferencesPackageManager&) = delete;
@@ -84,12 +99,23 @@ public:
     // connection and joins the worker. Does nothing when not running.
     void stop() EXCLUDES(mWorkerMutex, mStateMutex);
 
+    // From now on app-info events wait until releaseEvents(): user events are kept, and queued
+    // schema lists stay in the queue. Call before start().
+    void holdEvents() EXCLUDES(mGateMutex);
+    // Applies the kept user events in the order they arrived, each with the calling identity it
+    // came with, and returns once none is left (or, should applying them take longer than
+    // kAppInfoCallLimit, lets them finish in the background); then lets the worker and every
+    // later event through.
+    void releaseEvents() EXCLUDES(mGateMutex);
+
     // Parses a schema-list document and queues it for the worker. Returns Status::ok() when a
     // list was queued, and the exception EX_BAD_PARCELABLE (-2) when the bytes are not a JSON
     // document; the bytes are dropped either way.
     Status onSchema(const std::vector<uint8_t>& schema);
     // The key manager's operation of the same name; 0 gives Status::ok(), any other result r
-    // the service-specific error r.
+    // the service-specific error r. While events are held the event is kept for releaseEvents()
+    // and the result is Status::ok(); during destruction it is dropped with EX_ILLEGAL_STATE, as a
+    // detached listener's calls are.
     Status currentUser(int userId);
     Status userList(const std::vector<int>& users);
     Status deleteUserData(int userId);
@@ -109,6 +135,22 @@ private:
     void onConnected(const android::sp<AppInfoInquirer>& service) EXCLUDES(mStateMutex);
     void onDisconnected() EXCLUDES(mStateMutex);
     static Status toStatus(int result);
+    // Unregisters the listener from `service`, waiting at most kAppInfoCallLimit for the answer.
+    void unregisterWithin(const android::sp<AppInfoInquirer>& service);
+    // A user event kept while events are held: its caller (a calling-identity token) and the
+    // key manager operation. `apply` holds its own reference to the key manager.
+    struct HeldEvent {
+        int64_t caller;
+        std::function<int()> apply;
+    };
+
+    // Applies a user event now, or keeps it while events are held.
+    Status applyUserEvent(std::function<int()> apply) EXCLUDES(mGateMutex);
+    // The worker's wait while events are held. True when the list may be applied, false when the
+    // manager stopped (or is being destroyed) meanwhile.
+    bool waitUntilReleased() EXCLUDES(mGateMutex);
+    // Wakes a worker waiting for the gate so that it looks at it again.
+    void wakeHeldEvents() EXCLUDES(mGateMutex);
 
     // Guards the flags below and the client pointer.
     Mutex mStateMutex;
@@ -128,6 +170,14 @@ private:
     // Counts the deaths of the app-info service, so that a registration that finishes after
     // the death of the service it was made with does not count as listening.
     uint64_t mConnectionGeneration GUARDED_BY(mStateMutex) = 0;
+
+    // The gate of app-info events: held by holdEvents() until releaseEvents(); closed for good
+    // by the destructor.
+    Mutex mGateMutex;
+    std::condition_variable mGateChanged;
+    bool mEventsHeld GUARDED_BY(mGateMutex) = false;
+    bool mGateClosed GUARDED_BY(mGateMutex) = false;
+    std::vector<HeldEvent> mHeldUserEvents GUARDED_BY(mGateMutex);
 };
 
 }  // namespace Halo::OS

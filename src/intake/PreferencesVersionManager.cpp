@@ -111,7 +111,8 @@ int PreferencesVersionManager::getCurrentVersion() {
 }
 
 int PreferencesVersionManager::getPrefStoreVersion() const {
-    if (mKeyManager == nullptr) return -1;
+    // A fresh store has not declared the key yet: no version, without a refused read in the log.
+    if (mKeyManager == nullptr || !mKeyManager->isDeclared(kVersionKey)) return -1;
     std::string value;
     // The version key is declared as an integer; the read names that type.
     if (mKeyManager->getWithoutPermissionCheck(kVersionKey, value,

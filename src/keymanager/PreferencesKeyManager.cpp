@@ -357,11 +357,19 @@ int PreferencesKeyManager::checkOsReadPermission() const {
 }
 
 void PreferencesKeyManager::setLegacyKeys(std::unordered_set<std::string> keys) {
+    Mutex::Autolock lock(mMutex);
     mLegacyKeys = std::move(keys);
 }
 
 bool PreferencesKeyManager::isLegacyKey(const std::string& key) const {
+    Mutex::Autolock lock(mMutex);
     return mLegacyKeys.count(key) != 0;
+}
+
+bool PreferencesKeyManager::isDeclared(const std::string& key) {
+    Mutex::Autolock lock(mMutex);
+    PreferencesKeyInfo::PreferenceScope scope = PreferencesKeyInfo::PreferenceScope::System;
+    return mDb != nullptr && mDb->getPreferenceScope(key, scope, /*quiet=*/true) == 0;
 }
 
 PreferencesKeyManager::Access PreferencesKeyManager::checkKeyAccessLocked(const std::string& key,
@@ -370,7 +378,7 @@ PreferencesKeyManager::Access PreferencesKeyManager::checkKeyAccessLocked(const 
     const uid_t caller = getCallingUid();
     Access access{0, multiuser_get_user_id(uid), std::nullopt};
     *rowReadFailed = false;
-    const bool legacy = isLegacyKey(key);
+    const bool legacy = mLegacyKeys.count(key) != 0;
     if (caller == 0) {
         access.checkingUser = access.user;
         return access;
@@ -482,6 +490,7 @@ int PreferencesKeyManager::get(const std::string& key, std::string& out, Type ty
     if (!isPrivilegedAppId(uid) && checkOsReadPermission() != 0) {
         ALOGE("%s - %d: denied, make sure app has set permission in AndroidManifest.xml",
               key.c_str(), static_cast<int>(uid));
+        Telemetry::reportError("key_get_error", uid, "missing preferences service read permission");
         return -7;
     }
     if (refuseUnknownUser(multiuser_get_user_id(uid), "get", key)) return -9;
@@ -517,18 +526,23 @@ int PreferencesKeyManager::getWithoutPermissionCheck(const std::string& key, std
         if (rowReadFailed) {
             ALOGE("%s, %s: get denied, make sure app key is defined", package().c_str(),
                   key.c_str());
+            Telemetry::reportError("key_get_error", uid,
+                                   "get denied, make sure app key is defined");
         } else {
             ALOGE("%s, %s: get denied due to lack of permission, check app key's permission "
                   "field",
                   package().c_str(), key.c_str());
+            Telemetry::reportError("key_get_error", uid, "missing permission to read preference");
         }
     } else if (getTypeLockedPermitted(key, declared) != 0 || declared != type) {
         ALOGE("%s, %s: get denied due to wrong type, check app's method of call or key type "
               "definition",
               package().c_str(), key.c_str());
+        Telemetry::reportError("key_get_error", uid, "wrong type or undefined key");
         result = -9;
     } else if (mDb->getPreferenceValue(access.user, access.checkingUser, key, value) != 0) {
         ALOGE("%s, %s: get denied, can not be read from database", package().c_str(), key.c_str());
+        Telemetry::reportError("key_get_error", uid, "can not be read from database");
         result = -9;
     } else {
         if (value.has_value()) {
@@ -575,8 +589,12 @@ int PreferencesKeyManager::getType(const std::string& key, Type& out) {
     if (result != 0) {
         if (rowReadFailed) {
             ALOGE("Error reading preference permission from the DB");
+            Telemetry::reportError("key_get_type_error", uid,
+                                   "get denied, make sure app key is defined");
         } else {
             ALOGE("Caller cannot access %s to get its type", key.c_str());
+            Telemetry::reportError("key_get_type_error", uid,
+                                   "missing permission to read preference");
         }
     } else {
         result = getTypeLockedPermitted(key, out);
@@ -597,6 +615,8 @@ int PreferencesKeyManager::reset(const std::string& key) {
     if (!isPrivilegedAppId(uid) && checkOsWritePermission() != 0) {
         ALOGE("%s, key reset: make sure app has set permission in AndroidManifest.xml",
               key.c_str());
+        Telemetry::reportError("key_reset_error", uid,
+                               "missing preferences service write permission");
         return -7;
     }
     if (refuseUnknownUser(multiuser_get_user_id(uid), "reset", key)) return -8;
@@ -608,13 +628,18 @@ int PreferencesKeyManager::reset(const std::string& key) {
     if (result != 0) {
         if (rowReadFailed) {
             ALOGE("%s, %s: get denied, make sure app key is defined", package.c_str(), key.c_str());
+            Telemetry::reportError("key_reset_error", uid,
+                                   "reset denied, make sure app has key defined");
         } else {
             ALOGE("%s, %s: reset denied due to lack of permission, check app key's permission "
                   "field",
                   package.c_str(), key.c_str());
+            Telemetry::reportError("key_reset_error", uid,
+                                   "missing permission to write preference");
         }
     } else if (mDb->clearCurrentPreferenceValue(access.user, key) != 0) {
         ALOGE("unable to clear key value %d, %s", static_cast<int>(uid), key.c_str());
+        Telemetry::reportError("key_reset_error", uid, "can not be cleared in database");
         result = -8;
     } else if (mTracing) {
         mProfiler->recordTrace(std::chrono::time_point_cast<std::chrono::microseconds>(start),

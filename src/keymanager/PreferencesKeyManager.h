@@ -125,10 +125,15 @@ public:
     int checkOsReadPermission() const;
     int checkOsWritePermission() const;
 
-    // Names of the legacy settings keys, which follow their own access rules. Set once at
-    // start-up from the device configuration; empty until then.
+    // Names of the legacy settings keys, which follow their own access rules. Set at start-up
+    // from the device configuration (under mMutex, so Binder threads that are already checking
+    // access see either the old set or the new one); empty until then.
     void setLegacyKeys(std::unordered_set<std::string> keys) EXCLUDES(mMutex);
-    bool isLegacyKey(const std::string& key) const;
+    bool isLegacyKey(const std::string& key) const EXCLUDES(mMutex);
+
+    // True when the store declares `key`. Logs nothing when it does not: callers use it to tell
+    // "not declared yet" (a fresh store) from a refused read.
+    bool isDeclared(const std::string& key) EXCLUDES(mMutex);
 
     // ---- Change notification ----
 
@@ -231,8 +236,7 @@ private:
     std::atomic<bool> mProfiling{false};
     std::atomic<bool> mTracing{false};
     std::atomic<int64_t> mDumpTimeoutMs{kDefaultDumpTimeout.count()};
-    // Written once at start-up, before clients are served; read without mMutex.
-    std::unordered_set<std::string> mLegacyKeys;
+    std::unordered_set<std::string> mLegacyKeys GUARDED_BY(mMutex);
 };
 
 }  // namespace Halo::OS

@@ -106,11 +106,13 @@ PreferencesService::PreferencesService()
 
 PreferencesService::PreferencesService(std::shared_ptr<PreferencesKeyManager> keyManager)
     : mKeyManager(std::move(keyManager)),
-      mPackageManager(std::make_unique<PreferencesPackageManager>(mKeyManager)) {
+      mPackageManager(std::make_unique<PreferencesPackageManager>(mKeyManager, false)) {
     const int64_t timeout = android::base::GetIntProperty<int64_t>(kDumpTimeoutProperty, -1, 0);
     if (timeout >= 0 && mKeyManager != nullptr) {
         mKeyManager->setDumpTimeout(std::chrono::milliseconds(timeout));
     }
+    mPackageManager->holdEvents();
+    mPackageManager->start();
 }
 
 PreferencesService::~PreferencesService() {
@@ -364,6 +366,15 @@ void PreferencesService::handleProfileAndTraceOnBoot() {
     applyOnBootSwitch(kTraceOnBootKey, &PreferencesService::setTracing);
 }
 
+void PreferencesService::setStoreRecovery(std::string text) {
+    Mutex::Autolock lock(mNoticeMutex);
+    mStoreRecovery = std::move(text);
+}
+
+void PreferencesService::startupFinished() {
+    if (mPackageManager != nullptr) mPackageManager->releaseEvents();
+}
+
 void PreferencesService::applyOnBootSwitch(const char* key,
                                            void (PreferencesService::*apply)(bool)) {
     const String16 name(key);
@@ -510,6 +521,10 @@ android::status_t PreferencesService::writeDump(int fd, const android::Vector<St
         dprintf(fd, "      KeyManager exists:           %s\n", trueFalse(mKeyManager != nullptr));
         dprintf(fd, "      PackageManager exists:       %s\n",
                 trueFalse(mPackageManager != nullptr));
+        Mutex::Autolock lock(mNoticeMutex);
+        if (!mStoreRecovery.empty()) {
+            dprintf(fd, "      Store recovered at start:    %s\n", mStoreRecovery.c_str());
+        }
     }
     if ((sections & kDumpPackageManager) != 0 && mPackageManager != nullptr) {
         mPackageManager->dump(fd);

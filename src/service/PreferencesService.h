@@ -17,6 +17,7 @@
 #include "keymanager/PreferencesKeyManager.h"
 #include "model/PreferencesKeyInfo.h"
 #include "service/PreferencesOverrides.h"
+#include "threads/Mutex.h"
 
 namespace Halo::OS {
 
@@ -44,12 +45,16 @@ namespace Halo::OS {
 //
 // Life of a host: construct (the package manager starts connecting to the app-info service at
 // once), run the start-up steps migrateLegacyKeys, injectNativeServiceKeys,
-// upgradeToLatestVersion and handleProfileAndTraceOnBoot on one thread, publish, serve. The
-// constructors run none of the steps. Destruction stops the package manager and releases the key
-// manager; no Binder thread may still be inside the service then.
+// upgradeToLatestVersion and handleProfileAndTraceOnBoot on one thread, call startupFinished(),
+// publish, serve. The constructors run none of the steps. App-info events (users, schema lists)
+// that arrive before startupFinished() wait for it, so they are applied to a store that the steps
+// have prepared ("current_user" declared, versions upgraded) whatever the timing. Destruction
+// stops the package manager and releases the key manager; no Binder thread may still be inside
+// the service then.
 //
-// Threads: Binder threads call in concurrently; the service adds no lock (the key manager
-// serialises). The start-up steps run on the host's thread.
+// Threads: Binder threads call in concurrently; the service adds no lock around calls (the key
+// manager serialises; mNoticeMutex guards only the store-recovery note). The start-up steps run
+// on the host's thread.
 class PreferencesService : public lumen::preferences::BnPreferencesService {
 public:
     using Status = android::binder::Status;
@@ -72,7 +77,8 @@ public:
     static constexpr int kDumpTrace = 64;
 
     // Creates the key manager with its default store (the device's preference databases), then
-    // creates the package manager, which starts connecting to the app-info service.
+    // creates the package manager, which starts connecting to the app-info service and holds its
+    // events until startupFinished().
     PreferencesService();
     // Shares `keyManager`, which must not be null, then creates and starts the package manager
     // as above.
@@ -158,6 +164,13 @@ public:
     // turns profiling (tracing) on and is written back to false; a switch that is off, or that
     // cannot be read, turns it off. Failures are logged only.
     void handleProfileAndTraceOnBoot();
+    // Lets the app-info events through: those that waited, then every later one. Call once the
+    // start-up steps have run.
+    void startupFinished();
+    // Records what the host did to a store it found damaged at start (for example "system.db was
+    // damaged (file is not a database); moved to ..."). The dump's summary then shows it on a line
+    // "      Store recovered at start:    <text>"; without it the summary is unchanged.
+    void setStoreRecovery(std::string text) EXCLUDES(mNoticeMutex);
 
     // ---- Profiling and tracing ----
 
@@ -224,6 +237,9 @@ private:
     std::unique_ptr<PreferencesPackageManager> mPackageManager;
     // Stays empty: the override operations are process-wide and need no instance.
     std::unique_ptr<PreferencesOverrides> mOverrides;
+    // Set by the host before publishing; read by dumps on Binder threads.
+    Mutex mNoticeMutex;
+    std::string mStoreRecovery GUARDED_BY(mNoticeMutex);
 };
 
 }  // namespace Halo::OS

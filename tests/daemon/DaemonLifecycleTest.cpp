@@ -64,6 +64,7 @@ TEST_F(DaemonLifecycleTest, NewStoreIsAtTheLatestVersionAndARestartChangesNoDecl
     struct stat st {};
     ASSERT_EQ(0, stat(mDataDir.c_str(), &st));
     EXPECT_EQ(0700u, st.st_mode & 0777) << "the store is private to the service";
+    EXPECT_THAT(log(), Not(HasSubstr("PreferencesService E "))) << "a healthy start";
 
     const std::string db = dump({"db"});
     EXPECT_THAT(db, HasSubstr("  > Value: preferences_version | 2\n"));
@@ -203,6 +204,46 @@ TEST_F(DaemonLifecycleTest, PackageManagerListensToTheAppInfoServiceUntilShutdow
     EXPECT_THAT(dump({"nodb"}), HasSubstr("      Listening to AppInfoSerivce: True\n"));
     stop();
     EXPECT_EQ("unregistered 1", appInfo.readLine(std::chrono::seconds(60)).value_or("(none)"));
+}
+
+// A stopped app-info service delays the start by the registration's time limit and no more, and
+// SIGTERM stops the daemon during that wait as well as after it.
+TEST_F(DaemonLifecycleTest, AStoppedAppInfoServiceNeitherBlocksTheStartNorTheStop) {
+    ChildProcess appInfo({APPINFO_SERVICE, "--exit-after-ms", "600000"});
+    ASSERT_EQ("ready", appInfo.readLine(std::chrono::seconds(60)).value_or("(none)"));
+    appInfo.kill(SIGSTOP);
+
+    // SIGTERM once the daemon holds its data directory, that is, during its start-up.
+    std::unique_ptr<ChildProcess> starting = startLogged(mLogPath, daemonArgs());
+    ASSERT_TRUE(
+            eventually([&] { return access((mDataDir + "/preferencesd.lock").c_str(), 0) == 0; }));
+    starting->kill(SIGTERM);
+    const int status = starting->wait();
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    EXPECT_FALSE(std::filesystem::exists(socketPath()));
+
+    start();
+    EXPECT_THAT(dump({"nodb"}), HasSubstr("      Listening to AppInfoSerivce: False\n"));
+    EXPECT_EQ("ok 1", call({"getInteger", "test_integer"}));
+    stop();
+    appInfo.kill(SIGCONT);
+}
+
+// A system database that is not one is moved aside: the daemon starts on an empty store and says
+// so in its log and its dump.
+TEST_F(DaemonLifecycleTest, ADamagedStoreIsMovedAsideAndTheDaemonStartsEmpty) {
+    std::filesystem::create_directories(mDataDir);
+    std::ofstream(mDataDir + "/system.db") << std::string(8192, 'x');
+    start();
+    EXPECT_EQ("ok 1", call({"getInteger", "test_integer"}));
+    const std::string summary = dump({"nodb"});
+    EXPECT_THAT(summary,
+                HasSubstr("      Store recovered at start:    system.db was damaged (file is "
+                          "not a database); moved to " +
+                          mDataDir + "/system.db.corrupt-"));
+    EXPECT_THAT(log(), HasSubstr("The preference store " + mDataDir + "/system.db is damaged"));
+    restart();
+    EXPECT_THAT(dump({"nodb"}), Not(HasSubstr("Store recovered")));
 }
 
 TEST_F(DaemonLifecycleTest, RefusesToStartWithOneLineSayingWhy) {

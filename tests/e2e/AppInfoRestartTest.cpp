@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <sys/wait.h>
 
+#include <filesystem>
 #include <string>
 
 #include "e2e/DeviceTest.h"
@@ -58,6 +59,20 @@ TEST_F(AppInfoRestartTest, SchemasAndUserEventsFlowAgainWithoutRestartingTheDaem
     EXPECT_TRUE(answers(kService));
     const int stopped = stopAppInfo(SIGTERM);
     EXPECT_TRUE(WIFEXITED(stopped) && WEXITSTATUS(stopped) == 0) << stopped;
+}
+
+// The current user that prefs-appinfo sends while the daemon is still starting lands in
+// "current_user" on a fresh store, however the start-up and the events interleave.
+TEST_F(AppInfoRestartTest, AFreshStartRecordsTheCurrentUser) {
+    writePackageFile("users.json", "{\"users\": [0, 10], \"current\": 10}");
+    for (int start = 0; start < 3; ++start) {
+        stopDaemon();
+        stopAppInfo(SIGTERM);
+        std::filesystem::remove_all(dataDir());
+        startAppInfo();
+        startDaemon();
+        EXPECT_TRUE(eventually([this] { return currentUser() == "10\n"; })) << currentUser();
+    }
 }
 
 TEST_F(AppInfoRestartTest, WatchEndsOnCtrlCAndWhenTheServiceGoes) {

@@ -7,13 +7,16 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <signal.h>
 #include <atomic>
 #include <chrono>
 #include <deque>
 #include <filesystem>
+#include <optional>
 #include <random>
 #include <thread>
 
+#include "intake/PreferencesVersionManager.h"
 #include "store/DirectoryPreferencesDb.h"
 #include "support/ChildProcess.h"
 #include "support/FdCapture.h"
@@ -75,6 +78,7 @@ public:
         return next();
     }
     void send(const std::string& line) { EXPECT_EQ("sent", command(line)) << line; }
+    void signal(int signal) { mChild.kill(signal); }
     std::string next() {
         if (mEarly.empty()) return mChild.readLine(kWait).value_or("<nothing>");
         std::string line = mEarly.front();
@@ -276,6 +280,49 @@ TEST_F(PackageManagerTest, UserEventsReachTheKeyManager) {
     const Status failed = mManager->deleteUserData(77);
     EXPECT_EQ(Status::EX_SERVICE_SPECIFIC, failed.exceptionCode());
     EXPECT_EQ(-15, failed.serviceSpecificErrorCode());
+}
+
+// A host holds the events until its start-up steps have run: the current user that the app-info
+// service sends at once is applied after "current_user" is declared, not refused before it.
+TEST_F(PackageManagerTest, HeldEventsWaitForTheStartupSteps) {
+    startAppInfo();
+    mManager = std::make_unique<PreferencesPackageManager>(mKeyManager, false);
+    mManager->holdEvents();
+    mManager->start();
+    EXPECT_EQ("registered 1", mAppInfo->next());
+    mAppInfo->send("current 10");
+    // The call is one-way: give an event that is not held the time to be applied (and refused)
+    // before the steps run.
+    eventually([&] { return mKeyManager->getCurrentUser() == 10; }, std::chrono::seconds(2));
+    ASSERT_TRUE(PreferencesVersionManager(mKeyManager).upgradeToLatestVersion());
+    mManager->releaseEvents();
+    EXPECT_TRUE(eventually([&] { return value("current_user") == "10"; }));
+    EXPECT_EQ(10u, mKeyManager->getCurrentUser());
+}
+
+// A stopped app-info service delays registration and unregistration by the call limit at most;
+// each completes once the service runs again.
+TEST_F(PackageManagerTest, AStoppedAppInfoServiceDoesNotBlockStartOrStop) {
+    for (const bool stopWhenListening : {false, true}) {
+        SCOPED_TRACE(stopWhenListening ? "unregistration" : "registration");
+        startAppInfo();
+        if (stopWhenListening) {
+            mManager = std::make_unique<PreferencesPackageManager>(mKeyManager);
+            EXPECT_EQ("registered 1", mAppInfo->next());
+            ASSERT_TRUE(eventually([&] { return listening(); }));
+            mAppInfo->signal(SIGSTOP);
+            mManager->stop();
+        } else {
+            mAppInfo->signal(SIGSTOP);
+            mManager = std::make_unique<PreferencesPackageManager>(mKeyManager);
+            EXPECT_FALSE(listening());
+            mManager->stop();
+        }
+        mManager.reset();
+        mAppInfo->signal(SIGCONT);
+        EXPECT_EQ(stopWhenListening ? "unregistered 1" : "registered 1", mAppInfo->next());
+        mAppInfo.reset();
+    }
 }
 
 TEST_F(PackageManagerTest, DestructionWhileTheAppInfoServiceFlapsNeitherCrashesNorHangs) {

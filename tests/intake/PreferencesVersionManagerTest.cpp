@@ -53,6 +53,15 @@ protected:
     std::optional<std::string> version() { return value(Manager::kVersionKey, Type::Integer); }
 };
 
+// A fresh store has no version key yet; that is no error.
+TEST_F(PreferencesVersionManagerTest, FreshStoreIsUpgradedWithoutErrorLines) {
+    start();
+    LogCapture log;
+    ASSERT_TRUE(Manager(mManager).upgradeToLatestVersion());
+    EXPECT_FALSE(log.contains("PreferencesService E")) << log.text();
+    EXPECT_EQ("2", version());
+}
+
 TEST_F(PreferencesVersionManagerTest, VersionZeroStoreGoesThroughBothStepsOnce) {
     writeOldStore(0);
     start();

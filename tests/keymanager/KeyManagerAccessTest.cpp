@@ -1,6 +1,10 @@
 #include <cutils/multiuser.h>
 #include <gtest/gtest.h>
 
+#include <functional>
+#include <string>
+#include <vector>
+
 #include "keymanager/KeyManagerFixture.h"
 #include "telemetry/Telemetry.h"
 
@@ -157,6 +161,38 @@ TEST_F(KeyManagerAccessTest, TypeQueriesAndReset) {
     EXPECT_EQ("1", rootValue("sys.int", Type::Integer));  // the default again
 }
 
+// Each refused read, type query or reset reports one error event, as refused writes do.
+TEST_F(KeyManagerAccessTest, RefusedReadsAreReported) {
+    struct Case {
+        const char* what;
+        uid_t caller;
+        std::function<int()> call;
+        int code;
+        const char* event;
+    };
+    std::string value;
+    Type type = Type::NoType;
+    const std::vector<Case> cases = {
+            {"get without a row", kStranger,
+             [&] { return mManager->get("sys.int", value, Type::Integer); }, -3, "key_get_error"},
+            {"get of the wrong type", kOwnerApp,
+             [&] { return mManager->get("sys.int", value, Type::Float); }, -9, "key_get_error"},
+            {"get of an undeclared key", 0,
+             [&] { return mManager->get("no.such.key", value, Type::Integer); }, -9,
+             "key_get_error"},
+            {"getType without a row", kStranger, [&] { return mManager->getType("sys.int", type); },
+             -3, "key_get_type_error"},
+            {"reset with a Read row", kReaderApp, [&] { return mManager->reset("sys.int"); }, -3,
+             "key_reset_error"},
+    };
+    for (const Case& c : cases) {
+        mManager->setCaller(c.caller);
+        Telemetry::resetCounts();
+        EXPECT_EQ(c.code, c.call()) << c.what;
+        EXPECT_EQ(1u, Telemetry::count(c.event)) << c.what;
+    }
+}
+
 // Every call decides on the declarations as they are when it runs, whatever changed them.
 TEST_F(KeyManagerAccessTest, ChangedDeclarationsDecideTheNextCall) {
     std::string value;
@@ -200,6 +236,8 @@ TEST_F(KeyManagerAccessTest, OsPermissionsAreCheckedAgainstTheBinderCaller) {
     EXPECT_EQ(-7, mManager->userList({0}));
     EXPECT_EQ(-7, mManager->deleteUserData(10));
     EXPECT_EQ(1u, Telemetry::count("key_set_error"));
+    EXPECT_EQ(1u, Telemetry::count("key_get_error"));
+    EXPECT_EQ(1u, Telemetry::count("key_reset_error"));
     EXPECT_EQ(0u, Telemetry::count("key_set_success"));
     // The audio server's and 2907's application ids skip the OS checks, not the key checks.
     for (uid_t privileged : {1041u, 2907u, multiuser_get_uid(kUser10, 1041)}) {

@@ -7,8 +7,10 @@
 
 #include <cstdint>
 #include <limits>
+#include <string>
 
 #include "service/ServiceFixture.h"
+#include "support/FdCapture.h"
 #include "support/LogCapture.h"
 
 namespace Halo::OS::testing {
@@ -129,6 +131,24 @@ TEST(ServiceWithoutKeyManagerTest, ProfileCommandsSucceedAndLogAnError) {
         EXPECT_TRUE(log.contains("because the key manager is null")) << command;
     }
     EXPECT_FALSE(service->profiling() || service->tracing());
+}
+
+// The summary gains a line only when the host recovered a damaged store.
+TEST_F(ServiceTest, SummaryShowsAStoreRecoveryOnlyAfterOne) {
+    const auto summary = [this] {
+        android::Vector<String16> args;
+        args.push_back(String16("nodb"));
+        return capturedText([&](int fd) { EXPECT_EQ(android::OK, mService->dump(fd, args)); });
+    };
+    const std::string healthy = summary();
+    EXPECT_EQ(std::string::npos, healthy.find("Store recovered"));
+    mService->setStoreRecovery("system.db was damaged (x); moved to y");
+    const std::string line =
+            "      Store recovered at start:    system.db was damaged (x); moved to y\n";
+    const std::string after = "      PackageManager exists:       True\n";
+    std::string expected = healthy;
+    expected.insert(expected.find(after) + after.size(), line);
+    EXPECT_EQ(expected, summary());
 }
 
 }  // namespace

@@ -2,6 +2,8 @@
 
 #include "PreferencesDaemon.h"
 
+#include "StoreRecovery.h"
+
 #include <android-base/properties.h>
 #include <binder/IServiceManager.h>
 #include <log/log.h>
@@ -198,10 +200,26 @@ bool PreferencesDaemon::prepareProperties(std::string* error) {
     return true;
 }
 
-void PreferencesDaemon::start() {
+bool PreferencesDaemon::start(std::string* error) {
+    const std::string systemDb = join(mDataDir, StoreRecovery::kSystemDbName);
+    StoreRecovery recovery(mDataDir);
+    const StoreRecovery::Outcome outcome = recovery.run();
+    if (outcome == StoreRecovery::Outcome::Failed) {
+        *error = "cannot open the preference store " + systemDb + ": " + recovery.problem();
+        return false;
+    }
     auto keyManager = std::make_shared<PreferencesKeyManager>(
             std::make_unique<DirectoryPreferencesDb>(mDataDir));
+    // A store that did not open answers every call with an error: better not to serve at all.
+    if (keyManager->getDatabaseUserVersion() < 0) {
+        *error = "cannot open the preference store " + systemDb;
+        return false;
+    }
     mService = new PreferencesService(std::move(keyManager));
+    if (outcome == StoreRecovery::Outcome::MovedAside) {
+        mService->setStoreRecovery(std::string(StoreRecovery::kSystemDbName) + " was damaged (" +
+                                   recovery.problem() + "); moved to " + recovery.movedTo());
+    }
     if (!mService->migrateLegacyKeys(mOptions.legacyDir)) {
         ALOGW("preferencesd: the legacy settings migration did not finish; it resumes at the next "
               "start");
@@ -214,6 +232,8 @@ void PreferencesDaemon::start() {
               PreferencesVersionManager::kLatestVersion);
     }
     mService->handleProfileAndTraceOnBoot();
+    mService->startupFinished();
+    return true;
 }
 
 bool PreferencesDaemon::publish(std::string* error) {

@@ -19,9 +19,9 @@ namespace Halo::OS {
 //               missing, checked and locked), system properties, telemetry library, device
 //               configuration
 //   (main starts the Binder thread pool)
-//   start()     constructs the service on a store in the data directory and runs its start-up
+//   start()     checks the store, constructs the service on it and runs its start-up
 //               steps: migrateLegacyKeys, injectNativeServiceKeys, upgradeToLatestVersion,
-//               handleProfileAndTraceOnBoot
+//               handleProfileAndTraceOnBoot; then lets the app-info events through
 //   publish()   makes the service reachable as "PreferencesService": from then on its socket
 //               exists
 //   shutdown()  removes the socket, refuses new calls, waits for the calls under way, and
@@ -56,9 +56,11 @@ public:
     // servers running as root, the daemon's uid or a --trusted-uid.
     bool prepare(std::string* error);
 
-    // Constructs the service and runs its start-up steps. A step that fails is logged and the
-    // daemon carries on (a failed legacy migration resumes at the next start). After prepare().
-    void start();
+    // Checks the store (a damaged system database is moved aside, see StoreRecovery), constructs
+    // the service and runs its start-up steps. A step that fails is logged and the daemon carries
+    // on (a failed legacy migration resumes at the next start). False, with one line in `*error`,
+    // when the store can neither be opened nor moved aside. After prepare().
+    bool start(std::string* error);
 
     // Publishes the service. False, with the reason in `*error`, when the socket cannot be made.
     // After start().

@@ -71,7 +71,12 @@ int main(int argc, char** argv) {
     android::ProcessState::self()->setThreadPoolMaxThreadCount(threads);
     android::ProcessState::self()->startThreadPool();
 
-    daemon.start();
+    if (!daemon.start(&error)) {
+        fprintf(stderr, "preferencesd: %s\n", error.c_str());
+        daemon.shutdown();
+        android::IPCThreadState::self()->stopProcess();
+        return 1;
+    }
     if (!stopRequested(stopSignals)) {
         if (!daemon.publish(&error)) {
             fprintf(stderr, "preferencesd: %s\n", error.c_str());
