@@ -148,17 +148,13 @@ TEST(PrefsCommandLineTest, WaitVersionAndWatchValues) {
 }
 
 TEST(PrefsCommandLineTest, DumpArgumentsThatTheServiceKnows) {
-    const struct {
-        std::vector<std::string> args;
-        bool known;
-    } kCases[] = {
-            {{}, true},         {{"all"}, true},    {{"-a"}, true},        {{"nodb"}, true},
-            {{"db"}, true},     {{"--list"}, true}, {{"--profile"}, true}, {{"--trace"}, true},
-            {{"bogus"}, false}, {{"DB"}, false},    {{""}, false},         {{"db", "nodb"}, false},
-    };
-    for (const auto& c : kCases) {
-        EXPECT_EQ(c.known, PrefsCommandLine::isDumpArgument(c.args))
-                << (c.args.empty() ? "(none)" : c.args[0]);
+    for (const char* known : {"all", "-a", "nodb", "db", "--list", "--profile", "--trace"}) {
+        EXPECT_TRUE(PrefsCommandLine::isDumpArgument({known})) << known;
+    }
+    EXPECT_TRUE(PrefsCommandLine::isDumpArgument({}));
+    for (const std::vector<std::string>& args :
+         std::vector<std::vector<std::string>>{{"bogus"}, {"DB"}, {""}, {"db", "nodb"}}) {
+        EXPECT_FALSE(PrefsCommandLine::isDumpArgument(args)) << args[0];
     }
 }
 

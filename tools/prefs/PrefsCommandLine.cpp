@@ -76,7 +76,8 @@ const CommandInfo kCommands[] = {
         {Command::Profile, "profile",
          "usage: prefs profile WORD\n"
          "\n"
-         "Runs a profiling command (root only). WORD is one of:\n"
+         "Runs a profiling command (root only); any other word is a usage error (exit\n"
+         "status 2). WORD is one of:\n"
          "  start-profiling, stop-profiling, reset-profile,\n"
          "  enable-profile-on-boot, disable-profile-on-boot,\n"
          "  start-tracing, stop-tracing, reset-trace,\n"
@@ -417,7 +418,8 @@ std::string PrefsCommandLine::overview() {
            "  --wait SECONDS    how long to wait for the service to appear (default 5)\n"
            "  --version         print the version and exit\n"
            "\n"
-           "exit status: 0 ok, 1 the service refused, 2 usage error, 3 service not reachable\n";
+           "exit status: 0 ok, 1 the service refused (or the output could not be written),\n"
+           "2 usage error, 3 service not reachable\n";
 }
 
 std::string PrefsCommandLine::commandHelp(Command command) {

@@ -146,12 +146,14 @@ int PrefsTool::run(const std::vector<std::string>& words) {
 
 std::unique_ptr<PreferencesClient> PrefsTool::connect(const Request& request, int* exit) {
     using Clock = std::chrono::steady_clock;
+    // A longer wait is a wait without end; beyond it the clock's arithmetic would overflow.
+    constexpr double kMaxWait = 1e9;
     const char* env = getenv("BINDER_DIR");
     const std::string dir = env != nullptr && *env != '\0' ? env : "/run/binder";
     const Clock::time_point start = Clock::now();
     const Clock::time_point deadline =
             start + std::chrono::duration_cast<Clock::duration>(
-                            std::chrono::duration<double>(request.waitSeconds));
+                            std::chrono::duration<double>(std::min(request.waitSeconds, kMaxWait)));
     const Clock::time_point hintAt = start + std::chrono::seconds(1);
     bool hinted = false;
     for (;;) {
