@@ -1,47 +1,28 @@
 #!/usr/bin/env bash
-# Installs the build tree into a temporary prefix and builds a small client against it twice:
-# with pkg-config and with find_package(PreferencesClient). Both are C++20 programs, so a -std
-# flag forced by the package would break them; both must run and find the client library and
-# its private Binder runtime from the prefix.
+# Installs the build tree into a temporary prefix, then builds and runs a C++20 client against
+# it with pkg-config and with find_package(PreferencesClient).
 # Usage: installed_client_test.sh BUILD_DIR SOURCE_DIR CXX [EXTRA_FLAGS]
 set -euo pipefail
-build=$1
-here=$2
-cxx=$3
-extra=${4:-}
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 prefix=$work/prefix
-expected="service unreachable: status -2 (no such service): nothing is published under that name"
+cmake --install "$1" --prefix "$prefix" >/dev/null
+if ls "$prefix"/lib*/libbinder.so* 2>/dev/null; then echo "libbinder.so in the public lib/"; exit 1; fi
 
-cmake --install "$build" --prefix "$prefix" >/dev/null
-# No generic runtime library may land in the public library directory.
-if ls "$prefix"/lib*/libbinder.so* >/dev/null 2>&1; then
-    echo "libbinder.so installed into the public library directory"
-    exit 1
-fi
-
-check() {
-    local output
-    output=$(BINDER_DIR=$work/no-services "$1")
-    if [ "$output" != "$expected" ]; then
-        echo "$1 printed '$output'"
-        exit 1
-    fi
+run() {
+    local out
+    out=$(BINDER_DIR=$work/none "$1")
+    [ "$out" = "service unreachable: status -2 (no such service): nothing is published under that name" ] \
+        || { echo "$1 printed '$out'"; exit 1; }
 }
 
-pc_dir=$(dirname "$(find "$prefix" -name prefsclient.pc)")
-flags=$(PKG_CONFIG_PATH=$pc_dir pkg-config --cflags --libs prefsclient)
+flags=$(PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name prefsclient.pc)") pkg-config --cflags --libs prefsclient)
 case " $flags " in *" -std="*) echo "prefsclient.pc forces a standard: $flags"; exit 1 ;; esac
-# shellcheck disable=SC2086
-"$cxx" -std=c++20 $extra "$here/client.cpp" $flags -o "$work/pc-client"
-check "$work/pc-client"
+"$3" -std=c++20 ${4:-} "$2/client.cpp" $flags -o "$work/pc-client"
+run "$work/pc-client"
 
-mkdir "$work/cmake-client"
-cp "$here/client.cpp" "$work/cmake-client/"
-cp "$here/CMakeLists.txt.in" "$work/cmake-client/CMakeLists.txt"
-cmake -S "$work/cmake-client" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$prefix" \
-    -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_CXX_FLAGS="$extra" -DCMAKE_EXE_LINKER_FLAGS="$extra" \
-    >/dev/null
-cmake --build "$work/cmake-build" >/dev/null
-check "$work/cmake-build/client"
+mkdir "$work/src" && cp "$2/client.cpp" "$work/src/" && cp "$2/CMakeLists.txt.in" "$work/src/CMakeLists.txt"
+cmake -S "$work/src" -B "$work/build" -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_CXX_COMPILER="$3" \
+    -DCMAKE_CXX_FLAGS="${4:-}" -DCMAKE_EXE_LINKER_FLAGS="${4:-}" >/dev/null
+cmake --build "$work/build" >/dev/null
+run "$work/build/client"
