@@ -6,52 +6,105 @@ namespace Halo::OS {
 
 namespace {
 
-// A short lower-case name of the status_t values a client meets.
-std::string statusName(int32_t status) {
-    switch (status) {
-        case android::PERMISSION_DENIED:
-            return "permission denied";
-        case android::NAME_NOT_FOUND:
-            return "no such service";
-        case android::DEAD_OBJECT:
-            return "dead object";
-        case android::FAILED_TRANSACTION:
-            return "failed transaction";
-        case android::UNKNOWN_TRANSACTION:
-            return "unknown transaction";
-        case android::BAD_TYPE:
-            return "bad type";
-        case android::BAD_VALUE:
-            return "bad value";
-        case android::NOT_ENOUGH_DATA:
-            return "not enough data";
-        case android::TIMED_OUT:
-            return "timed out";
-        default:
-            return "error";
+struct CodeText {
+    int32_t code;
+    const char* label;
+    // What the service means by the code; null when there is nothing to add to the label.
+    const char* sentence;
+};
+
+// The codes that the key manager returns through the service, unchanged, as service-specific
+// errors. Reads and writes use different codes for the same refusals: -9 on reads, type look-ups
+// and listener registration, -8 on writes and resets.
+constexpr CodeText kServiceSpecific[] = {
+        {-3, "no permission for this key",
+         "the app's permission for this key does not allow the operation"},
+        {-6, "listener not found", "no listener of this app is registered"},
+        {-7, "OS permission missing",
+         "the app lacks com.nimbus.permission.READ_SETTINGS or WRITE_SETTINGS"},
+        {-8, "write refused",
+         "unknown key, wrong type, a user key of another user, or the store write failed"},
+        {-9, "key not readable",
+         "unknown key, wrong type, a user key of another user, or the store read failed"},
+        {-10, "no place for the result", "the call gave no out-value"},
+        {-13, "listener not registered", "the store could not register the listener"},
+};
+
+// Binder's exception codes. The service itself raises only the two of its profile command.
+constexpr CodeText kExceptions[] = {
+        {-1, "security", nullptr},
+        {-2, "bad parcelable", nullptr},
+        {-3, "illegal argument", "the service does not know this argument (a profile word)"},
+        {-4, "null pointer", nullptr},
+        {-5, "illegal state", nullptr},
+        {-6, "network on main thread", nullptr},
+        {-7, "unsupported operation", "only root may do this (profile commands)"},
+        {-8, "service specific", nullptr},
+        {-9, "parcelable", nullptr},
+        {-128, "has reply header", nullptr},
+        {-129, "transaction failed", nullptr},
+};
+
+// The status_t values a client meets.
+constexpr CodeText kStatuses[] = {
+        {android::PERMISSION_DENIED, "permission denied",
+         "the caller lacks com.nimbus.permission.READ_SETTINGS"},
+        {android::NAME_NOT_FOUND, "no such service", "nothing is published under that name"},
+        {android::DEAD_OBJECT, "dead object", "the service's process went away"},
+        {android::FAILED_TRANSACTION, "failed transaction", nullptr},
+        {android::UNKNOWN_TRANSACTION, "unknown transaction", nullptr},
+        {android::BAD_TYPE, "bad type", "the service named no value type"},
+        {android::BAD_VALUE, "bad value", nullptr},
+        {android::NOT_ENOUGH_DATA, "not enough data", nullptr},
+        {android::TIMED_OUT, "timed out", nullptr},
+};
+
+template <size_t N>
+const CodeText* find(const CodeText (&table)[N], int32_t code) {
+    for (const CodeText& entry : table) {
+        if (entry.code == code) return &entry;
     }
+    return nullptr;
 }
 
-std::string statusText(int32_t status) {
-    return "status " + std::to_string(status) + " (" + statusName(status) + ")";
+std::string sentenceOf(const CodeText* entry) {
+    return entry != nullptr && entry->sentence != nullptr ? entry->sentence : "";
 }
 
 }  // namespace
 
-std::string PreferencesStatus::toString() const {
+PreferencesStatus::Description PreferencesStatus::describe() const {
+    const std::string code = std::to_string(mCode);
     switch (mKind) {
         case Kind::Ok:
-            return "ok";
-        case Kind::ServiceSpecific:
-            return "service-specific error " + std::to_string(mCode);
-        case Kind::Exception:
-            return "exception " + std::to_string(mCode);
+            return {"ok", ""};
+        case Kind::ServiceSpecific: {
+            const CodeText* entry = find(kServiceSpecific, mCode);
+            const std::string status = "service-specific error " + code;
+            if (entry == nullptr) return {status, ""};
+            return {std::string(entry->label) + " (" + status + ")", sentenceOf(entry)};
+        }
+        case Kind::Exception: {
+            const CodeText* entry = find(kExceptions, mCode);
+            const std::string status = "exception " + code;
+            if (entry == nullptr) return {status, ""};
+            return {status + " (" + entry->label + ")", sentenceOf(entry)};
+        }
         case Kind::Failed:
-            return statusText(mCode);
-        case Kind::Unreachable:
-            return "service unreachable: " + statusText(mCode);
+        case Kind::Unreachable: {
+            const CodeText* entry = find(kStatuses, mCode);
+            std::string name = "status " + code + " (" + (entry ? entry->label : "error") + ")";
+            if (mKind == Kind::Unreachable) name = "service unreachable: " + name;
+            return {name, sentenceOf(entry)};
+        }
     }
-    return "";
+    return {"", ""};
+}
+
+std::string PreferencesStatus::toString() const {
+    const Description description = describe();
+    return description.sentence.empty() ? description.name
+                                        : description.name + ": " + description.sentence;
 }
 
 }  // namespace Halo::OS

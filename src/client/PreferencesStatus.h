@@ -41,8 +41,18 @@ public:
     // The service-specific code, exception code or status_t; 0 when ok.
     int32_t code() const { return mCode; }
 
-    // "ok", "service-specific error -9", "exception -7", "status -1 (permission denied)",
-    // "service unreachable: status -32 (dead object)".
+    // The status in words: a short name that names the kind and the code, and a sentence on
+    // what the service meant by it (empty for a code the service never returns).
+    struct Description {
+        std::string name;
+        std::string sentence;
+    };
+    Description describe() const;
+
+    // The description as one line: "<name>: <sentence>", or the name alone without a sentence.
+    // For example "key not readable (service-specific error -9): unknown key, wrong type, or not
+    // readable by this app", "exception -7 (unsupported operation): profile commands are for root
+    // only", "service unreachable: status -2 (no such service)", "ok".
     std::string toString() const;
 
     bool operator==(const PreferencesStatus& other) const {

@@ -99,7 +99,10 @@ TEST_F(AppInfoRestartTest, WatchEndsOnCtrlCAndWhenTheServiceGoes) {
         // An app without the OS read permission may not watch.
         const CommandResult refused = prefs({"watch", "alpha_count", "--count", "1"}, 10999);
         EXPECT_EQ(1, refused.status);
-        EXPECT_EQ("prefs: watch alpha_count: service-specific error -7\n", refused.err);
+        EXPECT_EQ(
+                "prefs: watch alpha_count: OS permission missing (service-specific error -7): "
+                "the app lacks com.nimbus.permission.READ_SETTINGS or WRITE_SETTINGS\n",
+                refused.err);
     }
     ChildProcess watch(prefsArgs({"watch", "alpha_count"}, 10123));
     ASSERT_TRUE(eventually([&] { return registered(watch.pid()); }));
@@ -110,8 +113,13 @@ TEST_F(AppInfoRestartTest, WatchEndsOnCtrlCAndWhenTheServiceGoes) {
     const CommandResult unreachable = prefs({"get", "alpha_count"}, 10123);
     EXPECT_EQ(3, unreachable.status);
     EXPECT_EQ("", unreachable.out);
-    EXPECT_EQ("prefs: connect to PreferencesService in " + binderDir() +
-                      ": service unreachable: status -2 (no such service)\n",
+    // The default wait of five seconds says once what it is waiting for.
+    EXPECT_EQ("prefs: waiting for PreferencesService in " + binderDir() +
+                      " (is preferencesd running?)\n"
+                      "prefs: connect to PreferencesService in " +
+                      binderDir() +
+                      ": service unreachable: status -2 (no such service): "
+                      "nothing is published under that name\n",
               unreachable.err);
 }
 

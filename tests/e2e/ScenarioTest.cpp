@@ -13,6 +13,11 @@
 namespace Halo::OS::testing {
 namespace {
 
+const std::string kNotReadable =
+        "unknown key, wrong type, a user key of another user, or the store read failed";
+const std::string kNoOsPermission =
+        "the app lacks com.nimbus.permission.READ_SETTINGS or WRITE_SETTINGS";
+
 constexpr uid_t kAlpha = 10123;          // com.test.alpha in user 0: reads and writes settings
 constexpr uid_t kAlphaUser10 = 1010123;  // the same app in user 10
 constexpr uid_t kBeta = 10124;           // com.test.beta: reads settings only
@@ -94,7 +99,7 @@ TEST_F(ScenarioTest, AppsReadAndWriteTheirKeysOfEveryTypeAndScope) {
     // An explicit --type skips the type lookup; a type that is not the key's is refused.
     EXPECT_EQ("-42\n", get({"alpha_count", "--type", "integer"}, kAlpha));
     expectRefused(prefs({"get", "alpha_count", "--type", "float"}, kAlpha), "get alpha_count",
-                  "service-specific error -9");
+                  "key not readable (service-specific error -9): " + kNotReadable);
 
     // A value that is not of the key's type is a usage error, and nothing is written.
     const CommandResult notANumber = prefs({"set", "alpha_count", "12abc"}, kAlpha);
@@ -109,15 +114,17 @@ TEST_F(ScenarioTest, AppsReadAndWriteTheirKeysOfEveryTypeAndScope) {
     // Refusals: a key the package may only read, a key of another package (refused at the type
     // lookup), an app without the OS write permission.
     expectRefused(prefs({"set", "alpha_locked", "5"}, kAlpha), "set alpha_locked",
-                  "service-specific error -3");
+                  "no permission for this key (service-specific error -3): "
+                  "the app's permission for this key does not allow the operation");
     EXPECT_EQ("1\n", get({"alpha_locked"}, kAlpha));
     const CommandResult foreign = prefs({"get", "alpha_count"}, kBeta);
     EXPECT_EQ(1, foreign.status);
-    EXPECT_TRUE(std::regex_match(foreign.err, std::regex("prefs: type of alpha_count: "
-                                                         "service-specific error -[0-9]+\n")))
+    EXPECT_TRUE(std::regex_match(foreign.err,
+                                 std::regex("prefs: type of alpha_count: "
+                                            "[a-z ]+ \\(service-specific error -[0-9]+\\): .+\n")))
             << foreign.err;
     expectRefused(prefs({"set", "beta_mode", "manual"}, kBeta), "set beta_mode",
-                  "service-specific error -7");
+                  "OS permission missing (service-specific error -7): " + kNoOsPermission);
     EXPECT_EQ("auto\n", get({"beta_mode"}, kBeta));
 }
 
@@ -137,12 +144,13 @@ TEST_F(ScenarioTest, UsersFlavoursWatchRemovalDumpAndProfile) {
     EXPECT_EQ("7", rootGet({"alpha_count", "--user", "0"}));
     // The current user's value of a user key is another user's for an app of user 0.
     expectRefused(prefs({"get", "alpha_count", "--current"}, kAlpha), "get alpha_count",
-                  "service-specific error -9");
+                  "key not readable (service-specific error -9): " + kNotReadable);
     EXPECT_EQ("11\n", get({"alpha_count", "--current"}, kAlphaUser10));
 
     // A user key of another user is out of an app's reach; a cross-user key is not.
     expectRefused(prefs({"set", "alpha_count", "5", "--user", "10"}, kAlpha), "set alpha_count",
-                  "service-specific error -8");
+                  "write refused (service-specific error -8): "
+                  "unknown key, wrong type, a user key of another user, or the store write failed");
     set({"alpha_label", "from user 0", "--user", "10"}, kAlpha);
     EXPECT_EQ("from user 0\n", get({"alpha_label"}, kAlphaUser10));
     EXPECT_EQ("none\n", get({"alpha_label"}, kAlpha));
@@ -150,18 +158,29 @@ TEST_F(ScenarioTest, UsersFlavoursWatchRemovalDumpAndProfile) {
     EXPECT_EQ("0.750000\n", get({"alpha_ratio"}, kAlphaUser10));
 
     // A watch in another process sees the changes, one line per notification.
+    // With --values each changed key comes with the value read after the notification.
     ChildProcess watch(prefsArgs(
             {"watch", "alpha_count", "alpha_enabled", "--count", "2", "--timeout", "60"}, kAlpha));
+    ChildProcess values(prefsArgs({"watch", "--values", "alpha_count", "--count", "1"}, kAlpha));
     const std::string pidLine = "pid: " + std::to_string(watch.pid()) + ",";
+    const std::string valuesPidLine = "pid: " + std::to_string(values.pid()) + ",";
     ASSERT_TRUE(eventually([&] {
-        return prefs({"dump", "nodb"}).out.find(pidLine) != std::string::npos;
-    })) << "the watch never registered";
+        const std::string dump = prefs({"dump", "nodb"}).out;
+        return dump.find(pidLine) != std::string::npos &&
+               dump.find(valuesPidLine) != std::string::npos;
+    })) << "the watches never registered";
     set({"alpha_count", "8"}, kAlpha);
     EXPECT_EQ("alpha_count", watch.readLine(std::chrono::seconds(60)).value_or("(nothing)"));
+    EXPECT_EQ("alpha_count=8", values.readLine(std::chrono::seconds(60)).value_or("(nothing)"));
     set({"alpha_enabled", "true"}, kAlpha);
     EXPECT_EQ("alpha_enabled", watch.readLine(std::chrono::seconds(60)).value_or("(nothing)"));
-    const int watchStatus = watch.wait();
-    EXPECT_TRUE(WIFEXITED(watchStatus) && WEXITSTATUS(watchStatus) == 0) << watchStatus;
+    for (ChildProcess* process : {&watch, &values}) {
+        const int watchStatus = process->wait();
+        EXPECT_TRUE(WIFEXITED(watchStatus) && WEXITSTATUS(watchStatus) == 0) << watchStatus;
+    }
+    // A key that the caller cannot see is refused rather than watched in vain.
+    expectRefused(prefs({"watch", "alpha_count", "no_such_key"}), "watch no_such_key",
+                  "key not readable (service-specific error -9): " + kNotReadable);
     EXPECT_EQ(std::string::npos, prefs({"dump", "nodb"}).out.find(pidLine))
             << "the watch's listener outlived it";
 
@@ -169,15 +188,31 @@ TEST_F(ScenarioTest, UsersFlavoursWatchRemovalDumpAndProfile) {
     removePackageFile("beta.json");
     ASSERT_TRUE(eventually([this] { return prefs({"type", "beta_mode"}).status == 1; }));
     expectRefused(prefs({"get", "beta_mode", "--type", "string"}), "get beta_mode",
-                  "service-specific error -9");
+                  "key not readable (service-specific error -9): " + kNotReadable);
 
     // Only callers that may read settings get the dump; profiling is for root only.
     const CommandResult refusedDump = prefs({"dump"}, kStranger);
     EXPECT_EQ(1, refusedDump.status);
     EXPECT_EQ("lack of root privilege: adb root\n", refusedDump.out);
-    EXPECT_EQ("prefs: dump: status -1 (permission denied)\n", refusedDump.err);
+    EXPECT_EQ(
+            "prefs: dump: status -1 (permission denied): "
+            "the caller lacks com.nimbus.permission.READ_SETTINGS\n",
+            refusedDump.err);
+    // Arguments that the service does not know are usage errors; the dump keeps the service's
+    // own answer on the output.
+    const CommandResult wrongDump = prefs({"dump", "bogus"});
+    EXPECT_EQ(2, wrongDump.status);
+    EXPECT_EQ(
+            "PreferencesStore properties:\n   wrong arguments. argument: all or <empty>, nodb, "
+            "db, --list, --profile, --trace\n",
+            wrongDump.out);
+    EXPECT_EQ("prefs: dump bogus: unknown argument (see 'prefs dump --help')\n", wrongDump.err);
+    const CommandResult wrongWord = prefs({"profile", "bogus"});
+    EXPECT_EQ(2, wrongWord.status);
+    EXPECT_EQ("prefs: profile bogus: unknown word (see 'prefs profile --help')\n", wrongWord.err);
     expectRefused(prefs({"profile", "start-profiling"}, kAlpha), "profile start-profiling",
-                  "exception -7");
+                  "exception -7 (unsupported operation): "
+                  "only root may do this (profile commands)");
     EXPECT_EQ(0, prefs({"profile", "start-profiling"}).status);
 }
 
@@ -203,7 +238,7 @@ TEST_F(ScenarioTest, PackagesInstalledUpdatedAndStrippedOfAPermissionOverTheFold
         return prefs({"set", "gamma_level", "5"}, kGamma).status != 0;
     }));
     expectRefused(prefs({"set", "gamma_level", "7"}, kGamma), "set gamma_level",
-                  "service-specific error -7");
+                  "OS permission missing (service-specific error -7): " + kNoOsPermission);
     EXPECT_EQ("5\n", get({"gamma_level"}, kGamma));
     writePackageFile("gamma.json", writable);
     ASSERT_TRUE(eventually([this] {

@@ -137,6 +137,32 @@ TEST(PrefsCommandLineTest, UsageErrorsAreOneLineAndNameTheProblem) {
               refused({"watch", "k", "--timeout", "-1"}).find("--timeout needs"));
     EXPECT_NE(std::string::npos, refused({"profile"}).find("profile: missing WORD"));
     EXPECT_NE(std::string::npos, refused({"reset", "a", "b"}).find("unexpected argument"));
+    // The service resets only the caller's own user's value.
+    EXPECT_NE(std::string::npos, refused({"reset", "k", "--user", "1"}).find("own user; --user"));
+    EXPECT_NE(std::string::npos, refused({"reset", "k", "--current"}).find("own user; --current"));
+    EXPECT_NE(std::string::npos, refused({"--wait", "soon", "get", "k"}).find("--wait needs"));
+    EXPECT_NE(std::string::npos, refused({"--wait"}).find("--wait needs"));
+    EXPECT_NE(std::string::npos, refused({"watch", "k", "--values=1"}).find("takes no value"));
+}
+
+TEST(PrefsCommandLineTest, WaitVersionAndWatchValues) {
+    EXPECT_DOUBLE_EQ(5, parsed({"get", "k"}).waitSeconds);
+    EXPECT_DOUBLE_EQ(0.5, parsed({"--wait", "0.5", "get", "k"}).waitSeconds);
+    EXPECT_DOUBLE_EQ(0, parsed({"--wait=0", "--binder-dir", "/b", "get", "k"}).waitSeconds);
+    EXPECT_EQ(Command::Version, parsed({"--version"}).command);
+    EXPECT_TRUE(parsed({"watch", "a", "--values"}).values);
+    EXPECT_FALSE(parsed({"watch", "a"}).values);
+}
+
+TEST(PrefsCommandLineTest, DumpArgumentsThatTheServiceKnows) {
+    for (const char* known : {"all", "-a", "nodb", "db", "--list", "--profile", "--trace"}) {
+        EXPECT_TRUE(PrefsCommandLine::isDumpArgument({known})) << known;
+    }
+    EXPECT_TRUE(PrefsCommandLine::isDumpArgument({}));
+    for (const std::vector<std::string>& args :
+         std::vector<std::vector<std::string>>{{"bogus"}, {"DB"}, {""}, {"db", "nodb"}}) {
+        EXPECT_FALSE(PrefsCommandLine::isDumpArgument(args)) << args[0];
+    }
 }
 
 }  // namespace

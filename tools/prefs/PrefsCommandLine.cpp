@@ -48,13 +48,17 @@ const CommandInfo kCommands[] = {
         {Command::Reset, "reset",
          "usage: prefs reset KEY\n"
          "\n"
-         "Restores the default value of KEY for the caller's own user.\n"},
+         "Restores the default value of KEY for the caller's own user. The service resets no\n"
+         "other user's value: to change another user's value, set it with --user N.\n"},
         {Command::Watch, "watch",
-         "usage: prefs watch KEY... [--count N] [--timeout SECONDS]\n"
+         "usage: prefs watch KEY... [--values] [--count N] [--timeout SECONDS]\n"
          "\n"
          "Registers a listener for the keys and prints one line per change notification, the\n"
-         "changed keys separated by single blanks. Runs until Ctrl-C, or:\n"
+         "changed keys separated by single blanks. Every key must be readable by the caller\n"
+         "(an unknown key is refused). Runs until Ctrl-C, or:\n"
          "\n"
+         "  --values           print one line KEY=VALUE per changed key instead, with the\n"
+         "                     value read after the notification\n"
          "  --count N          end after N notifications (exit status 0)\n"
          "  --timeout SECONDS  end after SECONDS without reaching the count (exit status 1)\n"},
         {Command::Dump, "dump",
@@ -67,11 +71,13 @@ const CommandInfo kCommands[] = {
          "  --list                the preference list\n"
          "  --profile             access counts and times (while profiling is on)\n"
          "  --trace               the event trace (while tracing is on)\n"
-         "The caller needs the permission to read settings.\n"},
+         "The caller needs the permission to read settings. For any other ARG the service\n"
+         "prints its list of arguments, and prefs exits with status 2.\n"},
         {Command::Profile, "profile",
          "usage: prefs profile WORD\n"
          "\n"
-         "Runs a profiling command (root only). WORD is one of:\n"
+         "Runs a profiling command (root only); any other word is a usage error (exit\n"
+         "status 2). WORD is one of:\n"
          "  start-profiling, stop-profiling, reset-profile,\n"
          "  enable-profile-on-boot, disable-profile-on-boot,\n"
          "  start-tracing, stop-tracing, reset-trace,\n"
@@ -167,6 +173,16 @@ public:
             }
             const bool typed = mCommand == Command::Get || mCommand == Command::Set;
             const bool watching = mCommand == Command::Watch;
+            if (mCommand == Command::Reset && (name == "--user" || name == "--current")) {
+                return fail(error,
+                            "the service restores defaults only for the caller's own user; " +
+                                    name + " is not available");
+            }
+            if (watching && name == "--values") {
+                if (inlineValue) return fail(error, "--values takes no value");
+                request->values = true;
+                continue;
+            }
             const bool takesValue = (typed && (name == "--type" || name == "--user")) ||
                                     (watching && (name == "--count" || name == "--timeout"));
             if (typed && name == "--current") {
@@ -242,6 +258,7 @@ private:
                 request->keys = mPositional;
                 return true;
             case Command::Help:
+            case Command::Version:
             case Command::Dump:
                 break;
         }
@@ -289,6 +306,25 @@ bool PrefsCommandLine::parse(const std::vector<std::string>& words, Request* req
                 request->helpTopic = topic->command;
             }
             return true;
+        }
+        if (name == "--version" && !inlineValue) {
+            request->command = Command::Version;
+            return true;
+        }
+        if (name == "--wait") {
+            std::string value;
+            if (inlineValue) {
+                value = *inlineValue;
+            } else if (i + 1 < words.size()) {
+                value = words[++i];
+            }
+            double seconds = 0;
+            if (!parseSeconds(value, &seconds)) {
+                *error = "--wait needs a number of seconds, not '" + value + "'";
+                return false;
+            }
+            request->waitSeconds = seconds;
+            continue;
         }
         if (name != "--binder-dir" && name != "--trusted-uid") {
             *error = "unknown option " + name + " (see 'prefs --help')";
@@ -359,8 +395,20 @@ bool PrefsCommandLine::parse(const std::vector<std::string>& words, Request* req
     return CommandWords(*info, info->command).parse(words, i + 1, request, error);
 }
 
+bool PrefsCommandLine::isDumpArgument(const std::vector<std::string>& args) {
+    static const char* const kArguments[] = {"all",    "-a",        "nodb",   "db",
+                                             "--list", "--profile", "--trace"};
+    if (args.empty()) return true;
+    if (args.size() > 1) return false;
+    for (const char* argument : kArguments) {
+        if (args[0] == argument) return true;
+    }
+    return false;
+}
+
 std::string PrefsCommandLine::overview() {
-    return "usage: prefs [--binder-dir DIR] [--trusted-uid UID]... COMMAND [ARGS]\n"
+    return "usage: prefs [--binder-dir DIR] [--trusted-uid UID]... [--wait SECONDS]\n"
+           "             COMMAND [ARGS]\n"
            "\n"
            "Reads and writes preferences through the preferences service, as the user that runs\n"
            "it (run it with setpriv --reuid=UID --regid=UID --clear-groups to act as an app).\n"
@@ -370,7 +418,7 @@ std::string PrefsCommandLine::overview() {
            "  set KEY VALUE [--type TYPE] [--user N | --current]  write a value\n"
            "  type KEY                                            print the declared type\n"
            "  reset KEY                                           restore the default\n"
-           "  watch KEY... [--count N] [--timeout SECONDS]        print change notifications\n"
+           "  watch KEY... [--values] [--count N] [--timeout S]   print change notifications\n"
            "  dump [ARG]                                          print the service's state\n"
            "  profile WORD                                        profiling commands (root)\n"
            "  help [COMMAND]                                      this text, or a command's\n"
@@ -384,8 +432,11 @@ std::string PrefsCommandLine::overview() {
            "                     repeated. Trusted without it: root, the uid running prefs\n"
            "                     and the uids in $PREFS_TRUSTED_UIDS (separated by commas).\n"
            "                     A service served by any other uid counts as not reachable.\n"
+           "  --wait SECONDS     how long to wait for the service to appear (default 5)\n"
+           "  --version          print the version and exit\n"
            "\n"
-           "exit status: 0 ok, 1 the service refused, 2 usage error, 3 service not reachable\n";
+           "exit status: 0 ok, 1 the service refused (or the output could not be written),\n"
+           "2 usage error, 3 service not reachable\n";
 }
 
 std::string PrefsCommandLine::commandHelp(Command command) {

@@ -18,17 +18,19 @@ namespace Halo::OS {
 //   prefs [--binder-dir DIR] set KEY VALUE [--type TYPE] [--user N | --current]
 //   prefs [--binder-dir DIR] type KEY
 //   prefs [--binder-dir DIR] reset KEY
-//   prefs [--binder-dir DIR] watch KEY... [--count N] [--timeout SECONDS]
+//   prefs [--binder-dir DIR] watch KEY... [--values] [--count N] [--timeout SECONDS]
 //   prefs [--binder-dir DIR] dump [ARG]
 //   prefs [--binder-dir DIR] profile WORD
-//   prefs --help | prefs help [COMMAND] | prefs COMMAND --help
+//   prefs --help | prefs help [COMMAND] | prefs COMMAND --help | prefs --version
+//
+// Every form that talks to the service also takes --wait SECONDS before the command.
 //
 // Options take their value as the next word or after '='. A word that does not start with "--"
 // (such as "-5") is a positional argument, and so is every word after "--". The words after
 // `dump` are passed to the service as they are (its arguments start with "--").
 class PrefsCommandLine {
 public:
-    enum class Command { Help, Get, Set, Type, Reset, Watch, Dump, Profile };
+    enum class Command { Help, Version, Get, Set, Type, Reset, Watch, Dump, Profile };
 
     struct Request {
         Command command = Command::Help;
@@ -36,6 +38,8 @@ public:
         std::string binderDir;
         // --trusted-uid: uids trusted to serve PreferencesService besides the defaults.
         std::vector<uint32_t> trustedUids;
+        // How long to wait for the service to be published.
+        double waitSeconds = 5;
         // Help: the command whose help is asked for; nothing for the overview.
         std::optional<Command> helpTopic;
         // get, set, type, reset: the key; set: the value text; profile: the word.
@@ -48,6 +52,8 @@ public:
         std::vector<std::string> keys;
         std::optional<int> count;
         std::optional<double> timeoutSeconds;
+        // watch: print KEY=VALUE lines (--values).
+        bool values = false;
         // dump: the arguments passed to the service.
         std::vector<std::string> dumpArgs;
     };
@@ -55,6 +61,10 @@ public:
     // Parses the words after the program name. On a usage error returns false and sets `error`
     // to one line naming what is wrong (without the "prefs: " prefix).
     static bool parse(const std::vector<std::string>& words, Request* request, std::string* error);
+
+    // True when the service's dump knows `args`: nothing, or one of all, -a, nodb, db, --list,
+    // --profile, --trace. The service answers other arguments with a list of the known ones.
+    static bool isDumpArgument(const std::vector<std::string>& args);
 
     // The overview printed by `prefs --help`.
     static std::string overview();

@@ -6,9 +6,16 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cmath>
+#include <cstring>
+#include <deque>
 #include <optional>
+#include <thread>
+#include <utility>
+
+#include <binder/Status.h>
 
 #include "binder/BinderServiceManager.h"
 #include "binder/DirectoryTrust.h"
@@ -31,11 +38,12 @@ std::string joined(const std::vector<std::string>& words) {
 }
 
 // What a running watch shares with its Binder callbacks, which may outlive the watch command's
-// stack frame by a moment (a death notification in flight).
+// stack frame by a moment (a death notification in flight). The callbacks only queue; the watch
+// prints on its own thread, where it may call the service again (a notification arrives while
+// the service holds its lock, so the callback itself must not).
 class WatchState {
 public:
-    WatchState(FILE* out, std::optional<int> count)
-        : mOut(out), mCount(count), mWakeFd(eventfd(0, EFD_CLOEXEC)) {}
+    WatchState() : mWakeFd(eventfd(0, EFD_CLOEXEC)) {}
     ~WatchState() {
         if (mWakeFd >= 0) close(mWakeFd);
     }
@@ -44,14 +52,10 @@ public:
 
     int wakeFd() const { return mWakeFd; }
 
-    // Prints one notification, unless the count has been reached already.
     void onChanged(const std::vector<std::string>& keys) EXCLUDES(mMutex) {
         Mutex::Autolock lock(mMutex);
-        if (mCount && mPrinted >= *mCount) return;
-        fprintf(mOut, "%s\n", joined(keys).c_str());
-        fflush(mOut);
-        ++mPrinted;
-        if (mCount && mPrinted == *mCount) wake();
+        mPending.push_back(keys);
+        wake();
     }
 
     void onServiceDied() EXCLUDES(mMutex) {
@@ -60,13 +64,17 @@ public:
         wake();
     }
 
+    // The notifications received since the last call, oldest first.
+    std::deque<std::vector<std::string>> takePending() EXCLUDES(mMutex) {
+        uint64_t count = 0;
+        (void)!read(mWakeFd, &count, sizeof(count));
+        Mutex::Autolock lock(mMutex);
+        return std::exchange(mPending, {});
+    }
+
     bool died() EXCLUDES(mMutex) {
         Mutex::Autolock lock(mMutex);
         return mDied;
-    }
-    int printed() EXCLUDES(mMutex) {
-        Mutex::Autolock lock(mMutex);
-        return mPrinted;
     }
 
 private:
@@ -75,11 +83,9 @@ private:
         (void)!write(mWakeFd, &one, sizeof(one));
     }
 
-    FILE* mOut;
-    const std::optional<int> mCount;
     const int mWakeFd;
     Mutex mMutex;
-    int mPrinted GUARDED_BY(mMutex) = 0;
+    std::deque<std::vector<std::string>> mPending GUARDED_BY(mMutex);
     bool mDied GUARDED_BY(mMutex) = false;
 };
 
@@ -94,8 +100,11 @@ int PrefsTool::run(const std::vector<std::string>& words) {
                                          ? PrefsCommandLine::commandHelp(*request.helpTopic)
                                          : PrefsCommandLine::overview();
         fputs(text.c_str(), mOut);
-        fflush(mOut);
-        return kExitOk;
+        return finishOutput("help");
+    }
+    if (request.command == Command::Version) {
+        fprintf(mOut, "prefs %s\n", PREFS_VERSION);
+        return finishOutput("--version");
     }
     if (!request.binderDir.empty()) PreferencesClient::useBinderDirectory(request.binderDir);
     for (uint32_t uid : request.trustedUids) PreferencesClient::trustServerUid(uid);
@@ -123,15 +132,9 @@ int PrefsTool::run(const std::vector<std::string>& words) {
         ProcessSignals::takeStopSignals();
     }
 
-    PreferencesStatus status;
-    std::unique_ptr<PreferencesClient> client =
-            PreferencesClient::connect(PreferencesClient::kServiceName, &status);
-    if (client == nullptr) {
-        const char* dir = getenv("BINDER_DIR");
-        return fail(std::string("connect to ") + PreferencesClient::kServiceName + " in " +
-                            (dir != nullptr && *dir != '\0' ? dir : "/run/binder"),
-                    status);
-    }
+    int exit = kExitOk;
+    std::unique_ptr<PreferencesClient> client = connect(request, &exit);
+    if (client == nullptr) return exit;
     switch (request.command) {
         case Command::Get:
             return get(*client, request);
@@ -148,9 +151,54 @@ int PrefsTool::run(const std::vector<std::string>& words) {
         case Command::Profile:
             return profile(*client, request);
         case Command::Help:
+        case Command::Version:
             break;
     }
     return kExitOk;
+}
+
+std::unique_ptr<PreferencesClient> PrefsTool::connect(const Request& request, int* exit) {
+    using Clock = std::chrono::steady_clock;
+    // A longer wait is a wait without end; beyond it the clock's arithmetic would overflow.
+    constexpr double kMaxWait = 1e9;
+    const char* env = getenv("BINDER_DIR");
+    const std::string dir = env != nullptr && *env != '\0' ? env : "/run/binder";
+    const Clock::time_point start = Clock::now();
+    const Clock::time_point deadline =
+            start + std::chrono::duration_cast<Clock::duration>(
+                            std::chrono::duration<double>(std::min(request.waitSeconds, kMaxWait)));
+    const Clock::time_point hintAt = start + std::chrono::seconds(1);
+    bool hinted = false;
+    for (;;) {
+        PreferencesStatus status;
+        std::unique_ptr<PreferencesClient> client =
+                PreferencesClient::tryConnect(PreferencesClient::kServiceName, &status);
+        if (client != nullptr) return client;
+        const Clock::time_point now = Clock::now();
+        if (now >= deadline) {
+            *exit = fail(
+                    std::string("connect to ") + PreferencesClient::kServiceName + " in " + dir,
+                    status);
+            return nullptr;
+        }
+        if (!hinted && now >= hintAt) {
+            fprintf(mErr, "prefs: waiting for %s in %s (is preferencesd running?)\n",
+                    PreferencesClient::kServiceName, dir.c_str());
+            fflush(mErr);
+            hinted = true;
+        }
+        std::this_thread::sleep_for(
+                std::min<Clock::duration>(std::chrono::milliseconds(50), deadline - now));
+    }
+}
+
+int PrefsTool::finishOutput(const std::string& what) {
+    if (fflush(mOut) == 0 && !ferror(mOut)) return kExitOk;
+    const int error = errno;
+    fprintf(mErr, "prefs: %s: cannot write the output: %s\n", what.c_str(),
+            error != 0 ? strerror(error) : "write error");
+    fflush(mErr);
+    return kExitRefused;
 }
 
 int PrefsTool::resolveType(PreferencesClient& client, const Request& request,
@@ -171,8 +219,7 @@ int PrefsTool::get(PreferencesClient& client, const Request& request) {
     const PreferencesStatus status = client.get(request.key, type, request.target, &value);
     if (!status.isOk()) return fail("get " + request.key, status);
     fprintf(mOut, "%s\n", value.toString().c_str());
-    fflush(mOut);
-    return kExitOk;
+    return finishOutput("get " + request.key);
 }
 
 int PrefsTool::set(PreferencesClient& client, const Request& request) {
@@ -193,8 +240,7 @@ int PrefsTool::type(PreferencesClient& client, const Request& request) {
     const PreferencesStatus status = client.getType(request.key, &type);
     if (!status.isOk()) return fail("type " + request.key, status);
     fprintf(mOut, "%s\n", PreferenceValue::typeName(type));
-    fflush(mOut);
-    return kExitOk;
+    return finishOutput("type " + request.key);
 }
 
 int PrefsTool::reset(PreferencesClient& client, const Request& request) {
@@ -204,8 +250,8 @@ int PrefsTool::reset(PreferencesClient& client, const Request& request) {
 }
 
 int PrefsTool::watch(PreferencesClient& client, const Request& request) {
-    const std::string what = "watch " + joined(request.keys);
-    auto state = std::make_shared<WatchState>(mOut, request.count);
+    std::string what = "watch " + joined(request.keys);
+    auto state = std::make_shared<WatchState>();
     const sigset_t signals = ProcessSignals::stopSignals();
     const int signalFd = signalfd(-1, &signals, SFD_CLOEXEC);
     if (state->wakeFd() < 0 || signalFd < 0) {
@@ -219,7 +265,22 @@ int PrefsTool::watch(PreferencesClient& client, const Request& request) {
     std::unique_ptr<PreferencesWatch> registration = client.watch(
             request.keys, [state](const std::vector<std::string>& keys) { state->onChanged(keys); },
             &status);
+    // The service registers root's listeners for any names, and a key that does not exist would
+    // never be reported: every key must have a type that the caller may see. (Asked after the
+    // registration, so that a caller without the OS permission hears of that first.)
+    std::vector<PreferenceValue::Type> types;
+    for (const std::string& key : request.keys) {
+        if (registration == nullptr) break;
+        PreferenceValue::Type type = PreferenceValue::Type::String;
+        status = client.getType(key, &type);
+        if (!status.isOk()) {
+            registration.reset();
+            what = "watch " + key;
+        }
+        types.push_back(type);
+    }
     if (registration == nullptr) {
+        client.setOnServiceDied(nullptr);
         close(signalFd);
         return fail(what, status);
     }
@@ -230,8 +291,10 @@ int PrefsTool::watch(PreferencesClient& client, const Request& request) {
         deadline = Clock::now() + std::chrono::duration_cast<Clock::duration>(
                                           std::chrono::duration<double>(*request.timeoutSeconds));
     }
+    int printed = 0;
     int exit = kExitOk;
-    for (;;) {
+    bool done = false;
+    while (!done) {
         int timeoutMs = -1;
         if (deadline) {
             const auto left =
@@ -247,7 +310,7 @@ int PrefsTool::watch(PreferencesClient& client, const Request& request) {
         if (ready == 0) {
             if (request.count) {
                 fprintf(mErr, "prefs: %s: timed out after %g s with %d of %d notifications\n",
-                        what.c_str(), *request.timeoutSeconds, state->printed(), *request.count);
+                        what.c_str(), *request.timeoutSeconds, printed, *request.count);
             } else {
                 fprintf(mErr, "prefs: %s: timed out after %g s\n", what.c_str(),
                         *request.timeoutSeconds);
@@ -255,11 +318,21 @@ int PrefsTool::watch(PreferencesClient& client, const Request& request) {
             exit = kExitRefused;
             break;
         }
-        if (fds[0].revents != 0 && state->died()) {
+        if (fds[1].revents != 0) break;
+        for (const std::vector<std::string>& keys : state->takePending()) {
+            exit = printChange(client, request, types, keys);
+            if (exit == kExitOk) exit = finishOutput(what);
+            ++printed;
+            if (exit != kExitOk || (request.count && printed == *request.count)) {
+                done = true;
+                break;
+            }
+        }
+        if (!done && state->died()) {
             fprintf(mErr, "prefs: %s: service unreachable: its process died\n", what.c_str());
             exit = kExitUnreachable;
+            done = true;
         }
-        break;
     }
     registration.reset();
     client.setOnServiceDied(nullptr);
@@ -267,17 +340,44 @@ int PrefsTool::watch(PreferencesClient& client, const Request& request) {
     return exit;
 }
 
+int PrefsTool::printChange(PreferencesClient& client, const Request& request,
+                           const std::vector<PreferenceValue::Type>& types,
+                           const std::vector<std::string>& keys) {
+    if (!request.values) {
+        fprintf(mOut, "%s\n", joined(keys).c_str());
+        return kExitOk;
+    }
+    for (const std::string& key : keys) {
+        PreferenceValue::Type type = PreferenceValue::Type::String;
+        for (size_t i = 0; i < request.keys.size(); ++i) {
+            if (request.keys[i] == key) type = types[i];
+        }
+        PreferenceValue value;
+        const PreferencesStatus status = client.get(key, type, PreferencesTarget::caller(), &value);
+        if (!status.isOk()) return fail("watch: get " + key, status);
+        fprintf(mOut, "%s=%s\n", key.c_str(), value.toString().c_str());
+    }
+    return kExitOk;
+}
+
 int PrefsTool::dump(PreferencesClient& client, const Request& request) {
-    fflush(mOut);
+    const std::string what = request.dumpArgs.empty() ? "dump" : "dump " + joined(request.dumpArgs);
+    if (const int exit = finishOutput(what); exit != kExitOk) return exit;
     const PreferencesStatus status = client.dump(fileno(mOut), request.dumpArgs);
-    if (!status.isOk()) {
-        return fail(request.dumpArgs.empty() ? "dump" : "dump " + joined(request.dumpArgs), status);
+    if (!status.isOk()) return fail(what, status);
+    // The service answers arguments it does not know with the list of those it knows, which
+    // stays on the output as the service wrote it.
+    if (!PrefsCommandLine::isDumpArgument(request.dumpArgs)) {
+        return usage(what + ": unknown argument (see 'prefs dump --help')");
     }
     return kExitOk;
 }
 
 int PrefsTool::profile(PreferencesClient& client, const Request& request) {
     const PreferencesStatus status = client.profile(request.key);
+    if (status == PreferencesStatus::exception(android::binder::Status::EX_ILLEGAL_ARGUMENT)) {
+        return usage("profile " + request.key + ": unknown word (see 'prefs profile --help')");
+    }
     if (!status.isOk()) return fail("profile " + request.key, status);
     return kExitOk;
 }

@@ -1,0 +1,54 @@
+# bash completion of prefs, the command-line client of the preferences service.
+# Keys are not completed: listing them needs the service and comes with `prefs list`.
+
+_prefs() {
+    local cur prev words cword
+    _init_completion 2>/dev/null || {
+        cur=${COMP_WORDS[COMP_CWORD]}
+        prev=${COMP_WORDS[COMP_CWORD-1]}
+        words=("${COMP_WORDS[@]}")
+        cword=$COMP_CWORD
+    }
+
+    local commands="get set type reset watch dump profile help"
+    local command="" i
+    for ((i = 1; i < cword; i++)); do
+        case ${words[i]} in
+            --binder-dir|--wait) ((i++)) ;;
+            -*) ;;
+            *) command=${words[i]}; break ;;
+        esac
+    done
+
+    case $prev in
+        --binder-dir)
+            COMPREPLY=($(compgen -d -- "$cur"))
+            return ;;
+        --type)
+            COMPREPLY=($(compgen -W "integer long float double boolean string" -- "$cur"))
+            return ;;
+        --wait|--user|--count|--timeout)
+            return ;;
+    esac
+
+    case $command in
+        "")
+            COMPREPLY=($(compgen -W "$commands --binder-dir --wait --help --version" -- "$cur")) ;;
+        get|set)
+            COMPREPLY=($(compgen -W "--type --user --current --help" -- "$cur")) ;;
+        watch)
+            COMPREPLY=($(compgen -W "--values --count --timeout --help" -- "$cur")) ;;
+        dump)
+            COMPREPLY=($(compgen -W "all nodb db --list --profile --trace --help" -- "$cur")) ;;
+        profile)
+            COMPREPLY=($(compgen -W "start-profiling stop-profiling reset-profile
+                enable-profile-on-boot disable-profile-on-boot start-tracing stop-tracing
+                reset-trace enable-trace-on-boot disable-trace-on-boot" -- "$cur")) ;;
+        help)
+            COMPREPLY=($(compgen -W "$commands" -- "$cur")) ;;
+        type|reset)
+            COMPREPLY=($(compgen -W "--help" -- "$cur")) ;;
+    esac
+}
+
+complete -F _prefs prefs
