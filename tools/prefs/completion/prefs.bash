@@ -14,7 +14,7 @@ _prefs() {
     local command="" i
     for ((i = 1; i < cword; i++)); do
         case ${words[i]} in
-            --binder-dir|--wait) ((i++)) ;;
+            --binder-dir|--trusted-uid|--wait) ((i++)) ;;
             -*) ;;
             *) command=${words[i]}; break ;;
         esac
@@ -27,13 +27,13 @@ _prefs() {
         --type)
             COMPREPLY=($(compgen -W "integer long float double boolean string" -- "$cur"))
             return ;;
-        --wait|--user|--count|--timeout)
+        --trusted-uid|--wait|--user|--count|--timeout)
             return ;;
     esac
 
     case $command in
         "")
-            COMPREPLY=($(compgen -W "$commands --binder-dir --wait --help --version" -- "$cur")) ;;
+            COMPREPLY=($(compgen -W "$commands --binder-dir --trusted-uid --wait --help --version" -- "$cur")) ;;
         get|set)
             COMPREPLY=($(compgen -W "--type --user --current --help" -- "$cur")) ;;
         watch)
