@@ -58,7 +58,8 @@ TEST(TrustedServiceTest, PrefsTrustsOnlyServicesOfTrustedUidsInADirectoryOthersC
     }
     // The app trusts its own daemon, which answers it (the key is not the app's to read).
     const std::string answered =
-            "prefs: type audio_master_volume_step: service-specific error -3\n";
+            "prefs: type audio_master_volume_step: no permission for this key (service-specific "
+            "error -3): the app's permission for this key does not allow the operation\n";
     EXPECT_EQ(answered, run({}, kAppUid).err);
 
     // Open to everyone: only its owner still uses it, with a warning.
