@@ -1,6 +1,7 @@
 #include "prefs-attack/AppProcess.h"
 
 #include <binder/ProcessState.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -13,6 +14,10 @@ AppProcess::AppProcess(uid_t uid, const Body& body) {
     mPid = fork();
     if (mPid == 0) {
         close(pipeFds[0]);
+        // What the runtime logs in an attacking app (for example that the service stopped
+        // reading it) is not the tool's output.
+        const int null = open("/dev/null", O_WRONLY);
+        if (null >= 0) dup2(null, STDERR_FILENO);
         if (setresgid(uid, uid, uid) != 0 || setresuid(uid, uid, uid) != 0) _exit(3);
         android::ProcessState::self()->startThreadPool();
         body(pipeFds[1]);

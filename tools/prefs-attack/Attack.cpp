@@ -74,6 +74,18 @@ void tally(Attack::Count* count, bool ok) {
     count->refused += !ok;
 }
 
+// Not an attack: an app that keeps one CPU busy without calling anyone. On a small machine every
+// busy attacker slows the probe down this much before it does anything to the service.
+Attack::Count busyApp(const Attack::Target& target, Clock::time_point deadline) {
+    return asApp(target, [&](Attack::Count* count) {
+        volatile uint64_t spins = 0;
+        while (Clock::now() < deadline) {
+            for (int i = 0; i < 100000; ++i) spins = spins + 1;
+        }
+        count->calls = 0;
+    });
+}
+
 // One-way pings, as fast as the runtime takes them, on one connection (a new one when the
 // service drops it).
 Attack::Count floodOneway(const Attack::Target& target, Clock::time_point deadline,
@@ -211,8 +223,8 @@ Attack::Count userIds(const Attack::Target& target, Clock::time_point deadline) 
     return count;
 }
 
-// Dumps of the databases into a pipe that is never read: the service must not wait on it while holding
-// what other callers need.
+// Dumps of the databases into a pipe that is never read: the service must not wait on it while
+// holding what other callers need.
 Attack::Count stalledDump(const Attack::Target& target, Clock::time_point deadline) {
     return asApp(target, [&](Attack::Count* count) {
         int pipeFds[2];
@@ -350,6 +362,8 @@ bool waitForKey(const std::string& key, Clock::time_point deadline) {
 
 const std::vector<Attack>& attackCatalog() {
     static const std::vector<Attack> catalog = {
+            {kBusyAppControl, "control, not an attack: an app that only keeps a CPU busy", false,
+             busyApp},
             {"flood-service", "one-way pings at PreferencesService", false, floodService},
             {"flood-appinfo", "one-way pings at PreferencesAppInfoInquirer", false, floodAppInfo},
             {"flood-permission", "one-way pings at permission", false, floodPermission},

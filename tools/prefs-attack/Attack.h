@@ -37,6 +37,11 @@ struct Attack {
     Count (*run)(const Target& target, std::chrono::steady_clock::time_point deadline);
 };
 
+// The name of the first entry of the catalog: no attack but an app that keeps a CPU busy. The
+// probe's p99 beside it is what any busy app costs the others on this machine, and the
+// reference against which attacks are judged.
+constexpr const char* kBusyAppControl = "busy-app";
+
 // Every attack prefs-attack knows, in the order it runs them.
 const std::vector<Attack>& attackCatalog();
 

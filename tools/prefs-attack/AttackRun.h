@@ -14,8 +14,8 @@ namespace Halo::OS {
 // attack did, the daemon's resident size and descriptors before and after, a probe app's latency
 // while it ran, and whether the device still works (the probe's acknowledged writes are there, a
 // newly installed package arrives, both services still run). A baseline line without an attack
-// comes first; an attack fails when it breaks anything, or when it raises the probe's p99 to more
-// than twice the baseline's.
+// comes first, then a control app that only keeps a CPU busy; an attack fails when it breaks
+// anything, or when it raises the probe's p99 to more than twice the higher of those two.
 class AttackRun {
 public:
     struct Settings {
@@ -47,7 +47,7 @@ private:
     bool canaryArrives();
     bool selected(const Attack& attack) const;
     // Prints the row and returns whether the device withstood the attack.
-    bool report(FILE* out, const char* name, const Row& row, double baselineP99) const;
+    bool report(FILE* out, const char* name, const Row& row, double referenceP99) const;
 
     DeviceRunner* mDevice;
     Settings mSettings;
