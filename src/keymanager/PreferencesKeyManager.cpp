@@ -219,6 +219,7 @@ bool PreferencesKeyManager::process(const std::unique_ptr<PreferencesSchemaList>
                 static_cast<unsigned long>(microsSince(start)));
     }
     reportSuccess("schema_process_success", getCallingUid());
+    mGenerations.bumpGlobal();
     mMutex.unlock();
     return result;
 }
@@ -289,7 +290,9 @@ bool PreferencesKeyManager::removeLocked(const std::unique_ptr<PreferencesSchema
 // The upgrades run on the start-up thread before any client is served, so they do not take
 // mMutex; the analysis cannot see that ordering.
 bool PreferencesKeyManager::upgradeVersionFromV0ToV1() NO_THREAD_SAFETY_ANALYSIS {
-    if (mDb->upgradeVersionFromV0ToV1() != 0) {
+    const int32_t upgraded = mDb->upgradeVersionFromV0ToV1();
+    mGenerations.bumpGlobal();
+    if (upgraded != 0) {
         ALOGE("Failed to update system tables from V0 to V1.");
         Telemetry::reportError("update_version_error", getCallingUid(),
                                "failed to update system tables from V0 to V1");
@@ -300,7 +303,9 @@ bool PreferencesKeyManager::upgradeVersionFromV0ToV1() NO_THREAD_SAFETY_ANALYSIS
 }
 
 bool PreferencesKeyManager::upgradeVersionFromV1ToV2() NO_THREAD_SAFETY_ANALYSIS {
-    if (mDb->upgradeVersionFromV1ToV2() != 0) {
+    const int32_t upgraded = mDb->upgradeVersionFromV1ToV2();
+    mGenerations.bumpGlobal();
+    if (upgraded != 0) {
         ALOGE("Failed to update system tables from V1 to V2.");
         Telemetry::reportError("update_version_error", getCallingUid(),
                                "Failed to update system tables from V1 to V2");
@@ -338,6 +343,7 @@ int PreferencesKeyManager::checkOsReadPermission() const {
 
 void PreferencesKeyManager::setLegacyKeys(std::unordered_set<std::string> keys) {
     mLegacyKeys = std::move(keys);
+    mGenerations.bumpGlobal();
 }
 
 bool PreferencesKeyManager::isLegacyKey(const std::string& key) const {
@@ -446,6 +452,7 @@ int PreferencesKeyManager::setWithoutCallback(const std::string& key, const std:
         }
         reportSuccess("set_value_success", uid);
     }
+    if (access.status == 0) mGenerations.bumpKey(key);
     mMutex.unlock();
     return result;
 }
@@ -596,6 +603,7 @@ int PreferencesKeyManager::reset(const std::string& key) {
                                EventType::Reset, key, package, callingPidForTrace(), threadId(),
                                static_cast<unsigned long>(microsSince(start)));
     }
+    if (access.status == 0) mGenerations.bumpKey(key);
     mMutex.unlock();
     if (result == 0) mQueue.enqueue(key);
     return result;
@@ -778,6 +786,7 @@ int PreferencesKeyManager::unregisterListener(
 
 int PreferencesKeyManager::currentUser(unsigned int userId) {
     mCurrentUser.store(userId, std::memory_order_relaxed);
+    invalidateAllReads();
     return set(kCurrentUserKey, std::to_string(userId), Type::Integer, getCallingUid());
 }
 
@@ -785,14 +794,18 @@ int PreferencesKeyManager::userList(const std::vector<int>& users) {
     const int permission = checkOsWritePermission();
     if (permission != 0) return permission;
     Mutex::Autolock lock(mMutex);
-    return mDb->updateUserList(users) != 0 ? -15 : 0;
+    const int result = mDb->updateUserList(users) != 0 ? -15 : 0;
+    mGenerations.bumpGlobal();
+    return result;
 }
 
 int PreferencesKeyManager::deleteUserData(unsigned int userId) {
     const int permission = checkOsWritePermission();
     if (permission != 0) return permission;
     Mutex::Autolock lock(mMutex);
-    return mDb->deleteUserData(userId) != 0 ? -15 : 0;
+    const int result = mDb->deleteUserData(userId) != 0 ? -15 : 0;
+    mGenerations.bumpGlobal();
+    return result;
 }
 
 bool PreferencesKeyManager::dump(int fd) {
@@ -842,6 +855,11 @@ bool PreferencesKeyManager::dumpTrace(int fd) {
     if (!mTracing) return false;
     mProfiler->dumpTrace(fd);
     return true;
+}
+
+void PreferencesKeyManager::invalidateAllReads() {
+    Mutex::Autolock lock(mMutex);
+    mGenerations.bumpGlobal();
 }
 
 void PreferencesKeyManager::setProfiling(bool on) {

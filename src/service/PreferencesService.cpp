@@ -16,6 +16,7 @@
 #include "intake/PreferencesLegacyKeysMigrationManager.h"
 #include "intake/PreferencesNativeServiceManager.h"
 #include "intake/PreferencesVersionManager.h"
+#include "service/PreferencesExtension.h"
 #include "service/String16Utils.h"
 
 namespace Halo::OS {
@@ -104,7 +105,9 @@ PreferencesService::PreferencesService()
 
 PreferencesService::PreferencesService(std::shared_ptr<PreferencesKeyManager> keyManager)
     : mKeyManager(std::move(keyManager)),
-      mPackageManager(std::make_unique<PreferencesPackageManager>(mKeyManager)) {}
+      mPackageManager(std::make_unique<PreferencesPackageManager>(mKeyManager)) {
+    setExtension(new PreferencesExtension(this, mKeyManager));
+}
 
 PreferencesService::~PreferencesService() {
     mOverrides.reset();
@@ -149,6 +152,10 @@ Status PreferencesService::getTyped(Flavour flavour, const String16& key, int32_
 
 Status PreferencesService::setInteger(const String16& key, int32_t value) {
     PreferencesOverrides::setInteger(key, value);
+    // The property is set in this process even when it could not be persisted.
+    if (PreferencesOverrides::kOverrides.count(toString(key)) != 0) {
+        mKeyManager->invalidateAllReads();
+    }
     return setTyped(Flavour::Plain, key, value, 0);
 }
 
@@ -315,6 +322,10 @@ Status PreferencesService::getFloatUser(const String16& key, int32_t userId, flo
 
 Status PreferencesService::reset(const String16& key) {
     PreferencesOverrides::reset(key);
+    // The property is set in this process even when it could not be persisted.
+    if (PreferencesOverrides::kOverrides.count(toString(key)) != 0) {
+        mKeyManager->invalidateAllReads();
+    }
     return toStatus(mKeyManager->reset(toString(key)));
 }
 
