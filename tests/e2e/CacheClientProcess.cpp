@@ -1,16 +1,9 @@
-// A client process for the read-cache tests (BINDER_DIR set):
-//
-//   differential SEED STOP_FILE  a seeded random mix of typed gets in every flavour, sets and
-//                                resets through a cached and an uncached client; every cached
-//                                answer is compared with the uncached one taken right after.
-//                                Prints "tick" every 100 gets, "mismatch ..." for an answer that
-//                                stays different, and "done hits=H" once STOP_FILE exists.
-//   hostile                      tries to write, grow and map writable the generation table;
-//                                prints one "<attempt> refused" or "<attempt> ALLOWED" line each
-//   relay                        publishes a relay to the service that has no extension and
-//                                reads and writes through it; prints "relay ok caching=0"
-//
-// Exit status: 0 when everything agreed (or was refused), 1 otherwise, 2 for bad usage.
+// A client process for the read-cache tests (BINDER_DIR set). Modes: "differential SEED
+// STOP_FILE" compares cached and uncached typed gets amid random sets and resets (prints "tick"
+// every 100 gets, "mismatch ..." for an answer that stays different, "done hits=H" once STOP_FILE
+// exists); "hostile" attacks the generation table (one "<attempt> refused|ALLOWED" line each);
+// "relay" reads through a relay that has no extension. Exit status 0 when all agreed or was
+// refused, 1 otherwise, 2 for bad usage.
 
 #include <binder/Binder.h>
 #include <binder/IServiceManager.h>
@@ -67,35 +60,15 @@ Answer read(PreferencesClient& client, const Key& key, const PreferencesTarget& 
 }
 
 PreferenceValue randomValue(Type type, std::mt19937& random) {
-    const int n = static_cast<int>(random() % 4);
-    switch (type) {
-        case Type::Integer:
-            return PreferenceValue::fromInteger(n);
-        case Type::Long:
-            return PreferenceValue::fromLong(n * 1000000000LL);
-        case Type::Float:
-            return PreferenceValue::fromFloat(n * 0.25f);
-        case Type::Double:
-            return PreferenceValue::fromDouble(n * 0.5);
-        case Type::Boolean:
-            return PreferenceValue::fromBoolean(n % 2 == 0);
-        case Type::String:
-            return PreferenceValue::fromString("v" + std::to_string(n));
-    }
-    return PreferenceValue();
+    PreferenceValue value;
+    PreferenceValue::parse(type, std::to_string(random() % 2), &value);
+    return value;
 }
 
 PreferencesTarget randomTarget(std::mt19937& random) {
-    switch (random() % 4) {
-        case 0:
-            return PreferencesTarget::caller();
-        case 1:
-            return PreferencesTarget::current();
-        case 2:
-            return PreferencesTarget::user(0);
-        default:
-            return PreferencesTarget::user(10);
-    }
+    const PreferencesTarget targets[] = {PreferencesTarget::caller(), PreferencesTarget::current(),
+                                         PreferencesTarget::user(0), PreferencesTarget::user(10)};
+    return targets[random() % 4];
 }
 
 std::string describe(const Key& key, const PreferencesTarget& target, const Answer& answer) {
@@ -129,8 +102,7 @@ int differential(unsigned seed, const std::string& stopFile) {
         }
         Answer fromCache = read(*cached, key, target);
         Answer fromService = read(*plain, key, target);
-        // A change that lands between the two reads makes them differ for a moment; a stale
-        // cache entry makes them differ for good. Ten seconds tell the two apart.
+        // A change between the two reads is a passing difference; a stale entry stays (10 s).
         for (int retry = 0; !(fromCache == fromService) && retry < 1000; ++retry) {
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
             fromCache = read(*cached, key, target);
@@ -190,8 +162,7 @@ int hostile() {
             readOnly != MAP_FAILED && mprotect(readOnly, 4096, PROT_READ | PROT_WRITE) == 0,
             &anyAllowed);
     const std::string path = "/proc/self/fd/" + std::to_string(fd);
-    const int reopened = open(path.c_str(), O_RDWR | O_CLOEXEC);
-    attempt("reopen-writable", reopened >= 0, &anyAllowed);
+    attempt("reopen-writable", open(path.c_str(), O_RDWR | O_CLOEXEC) >= 0, &anyAllowed);
     attempt("unseal",
             fcntl(fd, F_ADD_SEALS, F_SEAL_WRITE) == 0 ||
                     (fcntl(fd, F_GET_SEALS) & F_SEAL_SEAL) == 0,

@@ -35,14 +35,11 @@ protected:
         return std::make_unique<ChildProcess>(asUid(uid, argv));
     }
 
-    // Alpha without one of its OS permissions.
-    static std::string alphaWithout(const std::string& permission) {
+    // Alpha holding only `permission` of its two OS permissions.
+    static std::string alphaWithOnly(const std::string& permission) {
         std::string text = TestPackages::alpha();
-        const std::string item = "\"" + permission + "\"";
-        const size_t at = text.find(item);
-        const size_t comma = text.find(", ", at);
-        if (comma == at + item.size()) return text.erase(at, item.size() + 2);
-        return text.erase(text.rfind(", ", at), item.size() + 2);
+        const size_t at = text.find("\"permissions\": [") + 16;
+        return text.replace(at, text.find(']', at) - at, "\"" + permission + "\"");
     }
 };
 
@@ -77,31 +74,23 @@ TEST_F(ReadCacheTest, CachedAnswersEqualUncachedOnesThroughEveryKindOfChange) {
     for (int step = 0; step < 16; ++step) {
         letClientsRead();
         if (::testing::Test::HasFatalFailure()) break;
-        switch (random() % 5) {
-            case 0:
-                gamma = !gamma;
-                if (gamma) {
-                    writePackageFile("gamma.json", TestPackages::gamma(random() % 2 == 0));
-                } else {
-                    removePackageFile("gamma.json");
-                }
-                break;
-            case 1:
-                writePackageFile(
-                        "alpha.json",
-                        alphaWithout(random() % 2 == 0 ? "com.nimbus.permission.READ_SETTINGS"
-                                                       : "com.nimbus.permission.WRITE_SETTINGS"));
-                break;
-            case 2:
-                writePackageFile("alpha.json", TestPackages::alpha());
-                break;
-            case 3:
-                current = user10 ? 10 - current : 0;
-                break;
-            case 4:
-                user10 = !user10;
-                if (!user10) current = 0;
-                break;
+        const unsigned change = random() % 5;
+        if (change == 0) {
+            gamma = !gamma;
+            if (gamma) writePackageFile("gamma.json", TestPackages::gamma(random() % 2 == 0));
+            if (!gamma) removePackageFile("gamma.json");
+        } else if (change == 1) {
+            writePackageFile(
+                    "alpha.json",
+                    alphaWithOnly(random() % 2 == 0 ? "com.nimbus.permission.READ_SETTINGS"
+                                                    : "com.nimbus.permission.WRITE_SETTINGS"));
+        } else if (change == 2) {
+            writePackageFile("alpha.json", TestPackages::alpha());
+        } else if (change == 3) {
+            current = user10 ? 10 - current : 0;
+        } else {
+            user10 = !user10;
+            current = user10 ? current : 0;
         }
         writePackageFile("users.json", std::string("{\"users\": [0") + (user10 ? ", 10" : "") +
                                                "], \"current\": " + std::to_string(current) + "}");
