@@ -64,17 +64,16 @@ bool runClient(const IpcBench::Options& options, const BenchDaemon& device,
     return client.started() && collect(client, what.c_str(), results);
 }
 
-// Gets per second of `count` clients started together.
+// Gets per second of `count` clients of `role` started together.
 bool throughput(const IpcBench::Options& options, const BenchDaemon& device, size_t count,
-                double* opsPerSecond) {
+                double* opsPerSecond, const char* role = "throughput") {
     int gate[2];
     if (pipe2(gate, O_CLOEXEC) != 0) return false;
     std::vector<std::unique_ptr<ClientProcess>> clients;
     bool ok = true;
     for (size_t i = 0; i < count; ++i) {
-        clients.push_back(std::make_unique<ClientProcess>(
-                clientOptions(options, device,
-                              {"throughput", std::to_string(options.throughputSeconds)}, gate[0])));
+        clients.push_back(std::make_unique<ClientProcess>(clientOptions(
+                options, device, {role, std::to_string(options.throughputSeconds)}, gate[0])));
     }
     close(gate[0]);
     for (auto& client : clients) {
@@ -87,6 +86,26 @@ bool throughput(const IpcBench::Options& options, const BenchDaemon& device, siz
     for (auto& client : clients) ok = collect(*client, "throughput", &results) && ok;
     *opsPerSecond = results["ops"] / options.throughputSeconds;
     return ok;
+}
+
+// From a set returning in one process to a cached read in another answering the new value.
+bool coherence(const IpcBench::Options& options, const BenchDaemon& device, Results* results) {
+    int channel[2];
+    if (pipe2(channel, O_CLOEXEC) != 0) return false;
+    ClientProcess watcher(clientOptions(options, device, {"coherence-watch"}, channel[1]));
+    close(channel[1]);
+    const std::optional<std::string> ready = watcher.readLine(kReadyTimeout);
+    if (!ready.has_value() || *ready != "ready") {
+        close(channel[0]);
+        fprintf(stderr, "prefs-bench: the cache watcher did not start\n");
+        return false;
+    }
+    ClientProcess setter(clientOptions(
+            options, device, {"coherence", std::to_string(options.samples / 10)}, channel[0]));
+    close(channel[0]);
+    const bool measured = collect(setter, "coherence", results);
+    watcher.closeInput();
+    return collect(watcher, "coherence-watch", results) && measured;
 }
 
 bool notify(const IpcBench::Options& options, const BenchDaemon& device, Results* results) {
@@ -135,6 +154,18 @@ bool IpcBench::measure(const Options& options, Figures* out) {
     }
     fprintf(stderr, "prefs-bench: notification\n");
     if (!notify(options, device, &writes)) return false;
+    fprintf(stderr, "prefs-bench: cached reads\n");
+    Results cached;
+    if (!runClient(options, device, {"cached-latency", samples}, &cached) ||
+        !throughput(options, device, 1, &out->cachedOpsOne, "cached-throughput") ||
+        !throughput(options, device, 4, &out->cachedOpsFour, "cached-throughput") ||
+        !coherence(options, device, &cached)) {
+        return false;
+    }
+    out->floorMapNanos = cached["floor_map_ns"];
+    out->cachedP50Nanos = cached["cached_p50_ns"];
+    out->cachedP99Nanos = cached["cached_p99_ns"];
+    out->coherenceMicros = cached["coherence_p50_us"];
     out->floorRttMicros = app["floor_p50_us"];
     out->floorOneCpuRttMicros = app["floor_one_cpu_p50_us"];
     out->getP50Micros = app["get_p50_us"];

@@ -36,6 +36,13 @@ public:
         double opsOne = 0;   // gets per second, one client
         double opsFour = 0;  // gets per second, four clients together
         double notifyP50Micros = 0;
+        // Through libprefsclient's read cache (CacheBenchClient).
+        double floorMapNanos = 0;
+        double cachedP50Nanos = 0;
+        double cachedP99Nanos = 0;
+        double cachedOpsOne = 0;
+        double cachedOpsFour = 0;
+        double coherenceMicros = 0;
         long daemonRssKb = -1;  // after every measurement, before the daemon stops
     };
 

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "BenchClient.h"
+#include "CacheBenchClient.h"
 #include "InProcessBench.h"
 #include "IpcBench.h"
 
@@ -64,7 +65,10 @@ bool parseSize(const char* text, size_t* out) {
 
 int main(int argc, char** argv) {
     if (argc >= 2 && strcmp(argv[1], "--client") == 0) {
-        return BenchClient::run(std::vector<std::string>(argv + 2, argv + argc));
+        const std::vector<std::string> role(argv + 2, argv + argc);
+        int status = 0;
+        if (Halo::OS::CacheBenchClient::run(role, &status)) return status;
+        return BenchClient::run(role);
     }
     IpcBench::Options ipc;
     ipc.selfPath = selfPath();
@@ -192,6 +196,13 @@ int main(int argc, char** argv) {
         print("get_scaling", calls.opsFour / calls.opsOne);
         print("notify_p50_us", calls.notifyP50Micros);
         print("notify_ratio", calls.notifyP50Micros / calls.floorRttMicros);
+        print("floor_map_lookup_ns", calls.floorMapNanos);
+        print("cached_get_p50_ns", calls.cachedP50Nanos);
+        print("cached_get_p99_ns", calls.cachedP99Nanos);
+        print("cached_get_ratio", calls.cachedP50Nanos / calls.floorMapNanos);
+        print("cached_get_ops_1", calls.cachedOpsOne);
+        print("cached_get_ops_4", calls.cachedOpsFour);
+        print("cache_coherence_us", calls.coherenceMicros);
     }
     if (all || only == "schema") {
         print("schema_cold_ms", schema.coldMillis);

@@ -1,4 +1,5 @@
 #include <binder/Binder.h>
+#include <binder/BpBinder.h>
 #include <binder/IInterface.h>
 #include <binder/Parcel.h>
 
@@ -16,6 +17,24 @@ sp<IInterface> IBinder::queryLocalInterface(const String16& /*descriptor*/) {
 
 bool IBinder::checkSubclass(const void* /*subclassID*/) const {
     return false;
+}
+
+status_t IBinder::getExtension(sp<IBinder>* out) {
+    if (out == nullptr) return BAD_VALUE;
+    BBinder* local = localBinder();
+    if (local != nullptr) {
+        *out = local->getExtension();
+        return OK;
+    }
+    Parcel data;
+    Parcel reply;
+    const status_t status = transact(EXTENSION_TRANSACTION, data, &reply);
+    if (status != OK) return status;
+    sp<IBinder> extension;
+    const status_t read = reply.readNullableStrongBinder(&extension);
+    if (read != OK) return read;
+    *out = extension;
+    return OK;
 }
 
 BBinder* IBinder::localBinder() {
@@ -94,6 +113,16 @@ BBinder* BBinder::localBinder() {
     return this;
 }
 
+void BBinder::setExtension(const sp<IBinder>& extension) {
+    Halo::OS::Mutex::Autolock lock(mExtensionLock);
+    mExtension = extension;
+}
+
+sp<IBinder> BBinder::getExtension() {
+    Halo::OS::Mutex::Autolock lock(mExtensionLock);
+    return mExtension;
+}
+
 status_t BBinder::onTransact(uint32_t code, const Parcel& data, Parcel* reply, uint32_t /*flags*/) {
     switch (code) {
         case PING_TRANSACTION:
@@ -101,6 +130,9 @@ status_t BBinder::onTransact(uint32_t code, const Parcel& data, Parcel* reply, u
         case INTERFACE_TRANSACTION:
             if (reply == nullptr) return BAD_VALUE;
             return reply->writeString16(getInterfaceDescriptor());
+        case EXTENSION_TRANSACTION:
+            if (reply == nullptr) return BAD_VALUE;
+            return reply->writeStrongBinder(getExtension());
         case DUMP_TRANSACTION: {
             const int fd = data.readFileDescriptor();
             if (fd < 0) return fd;

@@ -8,6 +8,7 @@
 
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <utility>
@@ -15,6 +16,7 @@
 
 #include "client/BinderStatusConversion.h"
 #include "client/PreferencesConnection.h"
+#include "model/PreferencesGenerationLayout.h"
 #include "threads/Mutex.h"
 
 namespace Halo::OS {
@@ -23,7 +25,11 @@ namespace {
 
 using android::String16;
 using android::binder::Status;
+using halo::preferences::GenerationStamp;
+using halo::preferences::IPreferencesExtension;
 using lumen::preferences::IPreferencesService;
+
+std::atomic<size_t> gCacheEntries{PreferencesClient::kDefaultCacheEntries};
 
 // The six methods of one value type, one per flavour and direction. `Wire` is the type on the
 // interface and `Arg` the way a setter takes it.
@@ -110,7 +116,112 @@ std::unique_ptr<PreferencesConnection> makeConnection(const android::sp<android:
         return nullptr;
     }
     if (status != nullptr) *status = PreferencesStatus::ok();
-    return std::make_unique<PreferencesConnection>(binder);
+    return std::make_unique<PreferencesConnection>(binder, gCacheEntries.load());
+}
+
+// The extension's stamped get of one type.
+template <typename Wire>
+using StampedGet = Status (IPreferencesExtension::*)(const String16&, int32_t, int32_t,
+                                                     GenerationStamp*, Wire*);
+
+int32_t flavourCode(const PreferencesTarget& target) {
+    switch (target.flavour()) {
+        case PreferencesTarget::Flavour::Caller:
+            return IPreferencesExtension::FLAVOUR_CALLER;
+        case PreferencesTarget::Flavour::Current:
+            return IPreferencesExtension::FLAVOUR_CURRENT;
+        case PreferencesTarget::Flavour::User:
+            return IPreferencesExtension::FLAVOUR_USER;
+    }
+    return -1;
+}
+
+// Conversions between what a getter hands out and what the cache keeps.
+void copyValue(const PreferenceValue& value, int32_t* out) {
+    *out = value.asInteger();
+}
+void copyValue(const PreferenceValue& value, int64_t* out) {
+    *out = value.asLong();
+}
+void copyValue(const PreferenceValue& value, float* out) {
+    *out = value.asFloat();
+}
+void copyValue(const PreferenceValue& value, double* out) {
+    *out = value.asDouble();
+}
+void copyValue(const PreferenceValue& value, bool* out) {
+    *out = value.asBoolean();
+}
+void copyValue(const PreferenceValue& value, std::string* out) {
+    *out = value.asString();
+}
+PreferenceValue cachedValue(int32_t value) {
+    return PreferenceValue::fromInteger(value);
+}
+PreferenceValue cachedValue(int64_t value) {
+    return PreferenceValue::fromLong(value);
+}
+PreferenceValue cachedValue(float value) {
+    return PreferenceValue::fromFloat(value);
+}
+PreferenceValue cachedValue(double value) {
+    return PreferenceValue::fromDouble(value);
+}
+PreferenceValue cachedValue(bool value) {
+    return PreferenceValue::fromBoolean(value);
+}
+PreferenceValue cachedValue(const std::string& value) {
+    return PreferenceValue::fromString(value);
+}
+void fromWire(int32_t value, int32_t* out) {
+    *out = value;
+}
+void fromWire(int64_t value, int64_t* out) {
+    *out = value;
+}
+void fromWire(float value, float* out) {
+    *out = value;
+}
+void fromWire(double value, double* out) {
+    *out = value;
+}
+void fromWire(bool value, bool* out) {
+    *out = value;
+}
+void fromWire(const String16& value, std::string* out) {
+    *out = toUtf8(value);
+}
+
+// A typed get through the connection's read cache: a fresh entry answers at once; otherwise the
+// extension's stamped get answers, and its answer is kept when the generations it was read under
+// are the ones this process saw before the call (so no change can have slipped in between).
+// Without a cache, or once the service is known dead, `plainGet(out)` answers.
+template <typename Out, typename Wire, typename PlainGet>
+PreferencesStatus readThrough(PreferencesConnection& connection, StampedGet<Wire> stampedGet,
+                              PreferenceValue::Type type, const std::string& key,
+                              const PreferencesTarget& target, Out* out, const PlainGet& plainGet) {
+    PreferencesReadCache* cache = connection.readCache();
+    if (cache == nullptr || !connection.binder()->isBinderAlive()) return plainGet(out);
+    if (cache->lookup(key, type, target,
+                      [out](const PreferenceValue& value) { copyValue(value, out); })) {
+        return PreferencesStatus::ok();
+    }
+    const uint32_t slot = PreferencesGenerationLayout::slotOf(key);
+    const PreferencesReadCache::Generations before = cache->generations(slot);
+    GenerationStamp stamp;
+    Wire wire{};
+    const Status status = ((*connection.extension()).*stampedGet)(
+            toString16(key), flavourCode(target), target.userId(), &stamp, &wire);
+    if (!status.isOk()) return BinderStatusConversion::fromStatus(status);
+    Out value{};
+    fromWire(wire, &value);
+    if (stamp.slot == static_cast<int32_t>(slot) &&
+        static_cast<uint64_t>(stamp.globalGeneration) == before.global &&
+        static_cast<uint64_t>(stamp.slotGeneration) == before.slot) {
+        cache->store(key, type, target, slot, before, cachedValue(value));
+    }
+    *out = std::move(value);
+    return PreferencesStatus::ok();
 }
 
 Mutex gTrustLock;
@@ -151,6 +262,14 @@ void PreferencesClient::trustServerUid(uint32_t uid) {
     // Never freed: a connect may run on a thread that outlives static destruction.
     if (gTrustedUids == nullptr) gTrustedUids = new std::vector<uid_t>();
     gTrustedUids->push_back(static_cast<uid_t>(uid));
+}
+
+void PreferencesClient::setCacheEntries(size_t entries) {
+    gCacheEntries.store(entries);
+}
+
+size_t PreferencesClient::cacheEntries() {
+    return gCacheEntries.load();
 }
 
 void PreferencesClient::useBinderDirectory(const std::string& directory) {
@@ -255,36 +374,59 @@ PreferencesStatus PreferencesClient::set(const std::string& key, const Preferenc
 
 PreferencesStatus PreferencesClient::getInteger(const std::string& key, int32_t* out,
                                                 const PreferencesTarget& target) {
-    return callGet(*mConnection->service(), kIntegerMethods, key, out, target);
+    return readThrough(*mConnection, &IPreferencesExtension::getIntegerStamped,
+                       PreferenceValue::Type::Integer, key, target, out, [&](int32_t* value) {
+                           return callGet(*mConnection->service(), kIntegerMethods, key, value,
+                                          target);
+                       });
 }
 
 PreferencesStatus PreferencesClient::getLong(const std::string& key, int64_t* out,
                                              const PreferencesTarget& target) {
-    return callGet(*mConnection->service(), kLongMethods, key, out, target);
+    return readThrough(*mConnection, &IPreferencesExtension::getLongStamped,
+                       PreferenceValue::Type::Long, key, target, out, [&](int64_t* value) {
+                           return callGet(*mConnection->service(), kLongMethods, key, value,
+                                          target);
+                       });
 }
 
 PreferencesStatus PreferencesClient::getFloat(const std::string& key, float* out,
                                               const PreferencesTarget& target) {
-    return callGet(*mConnection->service(), kFloatMethods, key, out, target);
+    return readThrough(*mConnection, &IPreferencesExtension::getFloatStamped,
+                       PreferenceValue::Type::Float, key, target, out, [&](float* value) {
+                           return callGet(*mConnection->service(), kFloatMethods, key, value,
+                                          target);
+                       });
 }
 
 PreferencesStatus PreferencesClient::getDouble(const std::string& key, double* out,
                                                const PreferencesTarget& target) {
-    return callGet(*mConnection->service(), kDoubleMethods, key, out, target);
+    return readThrough(*mConnection, &IPreferencesExtension::getDoubleStamped,
+                       PreferenceValue::Type::Double, key, target, out, [&](double* value) {
+                           return callGet(*mConnection->service(), kDoubleMethods, key, value,
+                                          target);
+                       });
 }
 
 PreferencesStatus PreferencesClient::getBoolean(const std::string& key, bool* out,
                                                 const PreferencesTarget& target) {
-    return callGet(*mConnection->service(), kBooleanMethods, key, out, target);
+    return readThrough(*mConnection, &IPreferencesExtension::getBooleanStamped,
+                       PreferenceValue::Type::Boolean, key, target, out, [&](bool* value) {
+                           return callGet(*mConnection->service(), kBooleanMethods, key, value,
+                                          target);
+                       });
 }
 
 PreferencesStatus PreferencesClient::getString(const std::string& key, std::string* out,
                                                const PreferencesTarget& target) {
-    String16 value;
-    const PreferencesStatus status =
-            callGet(*mConnection->service(), kStringMethods, key, &value, target);
-    if (status.isOk()) *out = toUtf8(value);
-    return status;
+    return readThrough(*mConnection, &IPreferencesExtension::getStringStamped,
+                       PreferenceValue::Type::String, key, target, out, [&](std::string* value) {
+                           String16 wire;
+                           const PreferencesStatus status = callGet(
+                                   *mConnection->service(), kStringMethods, key, &wire, target);
+                           if (status.isOk()) *value = toUtf8(wire);
+                           return status;
+                       });
 }
 
 PreferencesStatus PreferencesClient::setInteger(const std::string& key, int32_t value,
@@ -350,6 +492,17 @@ void PreferencesClient::setOnServiceDied(std::function<void()> onDied) {
 
 bool PreferencesClient::isAlive() const {
     return !mConnection->deathRecipient()->died();
+}
+
+PreferencesClient::CacheStatistics PreferencesClient::cacheStatistics() const {
+    CacheStatistics statistics;
+    const PreferencesReadCache* cache = mConnection->readCache();
+    if (cache == nullptr) return statistics;
+    statistics.hits = cache->hits();
+    statistics.misses = cache->misses();
+    statistics.entries = cache->size();
+    statistics.capacity = cache->capacity();
+    return statistics;
 }
 
 }  // namespace Halo::OS

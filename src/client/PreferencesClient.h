@@ -23,14 +23,34 @@ class PreferencesConnection;
 //     if (!status.isOk()) fprintf(stderr, "%s\n", status.toString().c_str());
 //
 // Every call is one synchronous Binder call made as the calling process (its uid decides what
-// the service allows). The service's refusals come back unchanged in the PreferencesStatus; a
-// failing get leaves its out-value untouched. Calls may be made from any number of threads.
+// the service allows), except typed gets answered from the client's read cache. The service's
+// refusals come back unchanged in the PreferencesStatus; a failing get leaves its out-value
+// untouched. Calls may be made from any number of threads.
+//
+// The read cache keeps successful typed gets (never refusals) and checks each one against the
+// service's shared table of generations, which the service bumps before any change that could
+// alter the answer returns: a cached answer is the one the service would give at that moment.
+// A service that offers no generation table is read through plain calls.
 class PreferencesClient {
 public:
     // The name under which the daemon publishes the service.
     static constexpr const char* kServiceName = "PreferencesService";
 
     using ChangeCallback = std::function<void(const std::vector<std::string>& keys)>;
+
+    static constexpr size_t kDefaultCacheEntries = 4096;
+
+    struct CacheStatistics {
+        uint64_t hits = 0;
+        uint64_t misses = 0;
+        size_t entries = 0;
+        size_t capacity = 0;
+    };
+
+    // The size of the read cache of every client connected from now on in this process
+    // (kDefaultCacheEntries until set); 0 makes them use plain calls only.
+    static void setCacheEntries(size_t entries);
+    static size_t cacheEntries();
 
     // Makes every later Binder look-up of this process use the services in `directory` (the
     // process-wide BINDER_DIR; by default /run/binder).
@@ -115,6 +135,10 @@ public:
     void setOnServiceDied(std::function<void()> onDied);
     // False once the service's process is known to have gone away.
     bool isAlive() const;
+
+    // The read cache's counters (a hit is a get answered without a call, a miss one that was
+    // looked up and not found); all 0 when this client does not cache.
+    CacheStatistics cacheStatistics() const;
 
 private:
     explicit PreferencesClient(std::shared_ptr<PreferencesConnection> connection);

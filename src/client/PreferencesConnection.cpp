@@ -9,13 +9,24 @@
 
 namespace Halo::OS {
 
+using halo::preferences::IPreferencesExtension;
 using lumen::preferences::IPreferencesService;
 
-PreferencesConnection::PreferencesConnection(const android::sp<android::IBinder>& binder)
+PreferencesConnection::PreferencesConnection(const android::sp<android::IBinder>& binder,
+                                             size_t cacheEntries)
     : mBinder(binder),
       mService(android::interface_cast<IPreferencesService>(binder)),
       mDeathRecipient(new PreferencesDeathRecipient) {
     mBinder->linkToDeath(mDeathRecipient);
+    if (cacheEntries == 0) return;
+    android::sp<android::IBinder> extension;
+    if (mBinder->getExtension(&extension) != android::OK || extension == nullptr) return;
+    android::sp<IPreferencesExtension> typed =
+            android::interface_cast<IPreferencesExtension>(extension);
+    android::os::ParcelFileDescriptor table;
+    if (typed == nullptr || !typed->getGenerationTable(&table).isOk()) return;
+    mReadCache = PreferencesReadCache::create(table.release(), cacheEntries);
+    if (mReadCache != nullptr) mExtension = typed;
 }
 
 PreferencesConnection::~PreferencesConnection() {

@@ -1,17 +1,20 @@
 #pragma once
 
 #include <binder/IBinder.h>
+#include <halo/preferences/IPreferencesExtension.h>
 #include <lumen/preferences/IPreferencesService.h>
 #include <utils/StrongPointer.h>
 
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "client/PreferencesDeathRecipient.h"
 #include "client/PreferencesListenerStub.h"
+#include "client/PreferencesReadCache.h"
 #include "client/PreferencesStatus.h"
 #include "threads/Mutex.h"
 
@@ -22,8 +25,10 @@ namespace Halo::OS {
 // so a watch can unregister after the client object is gone.
 class PreferencesConnection {
 public:
-    // `binder` is the service's binder (not null). Links a death recipient to it.
-    explicit PreferencesConnection(const android::sp<android::IBinder>& binder);
+    // `binder` is the service's binder (not null). Links a death recipient to it. With
+    // `cacheEntries` above 0, asks the service for its extension and generation table and keeps
+    // a read cache of that many entries; a service without them is used through plain calls.
+    PreferencesConnection(const android::sp<android::IBinder>& binder, size_t cacheEntries);
     ~PreferencesConnection();
     PreferencesConnection(const PreferencesConnection&) = delete;
     PreferencesConnection& operator=(const PreferencesConnection&) = delete;
@@ -31,6 +36,11 @@ public:
     const android::sp<lumen::preferences::IPreferencesService>& service() const { return mService; }
     const android::sp<android::IBinder>& binder() const { return mBinder; }
     const android::sp<PreferencesDeathRecipient>& deathRecipient() const { return mDeathRecipient; }
+    // The service's extension and this connection's read cache; both null when not caching.
+    const android::sp<halo::preferences::IPreferencesExtension>& extension() const {
+        return mExtension;
+    }
+    PreferencesReadCache* readCache() const { return mReadCache.get(); }
 
     // Registers a new listener for `keys` and starts the process's Binder thread pool (which
     // delivers the calls). On success stores a token for unregisterListener in `token`.
@@ -45,6 +55,8 @@ private:
     android::sp<android::IBinder> mBinder;
     android::sp<lumen::preferences::IPreferencesService> mService;
     android::sp<PreferencesDeathRecipient> mDeathRecipient;
+    android::sp<halo::preferences::IPreferencesExtension> mExtension;
+    std::unique_ptr<PreferencesReadCache> mReadCache;
 
     Mutex mMutex;
     uint64_t mNextToken GUARDED_BY(mMutex) = 1;

@@ -258,6 +258,7 @@ void PreferencesPackageManager::onDisconnected() {
     Telemetry::report("connection_to_appinfo_service_lost");
     // Whatever replaces the app-info service may hold other permissions.
     android::PermissionCache::purgeCache();
+    mKeyManager->invalidateAllReads();
     Mutex::Autolock lock(mStateMutex);
     ++mConnectionGeneration;
     mListening = false;
@@ -266,6 +267,7 @@ void PreferencesPackageManager::onDisconnected() {
 android::binder::Status PreferencesPackageManager::onSchema(const std::vector<uint8_t>& schema) {
     // Installing, updating or removing a package is also how its OS permissions change.
     android::PermissionCache::purgeCache();
+    mKeyManager->invalidateAllReads();
     const std::string text(schema.begin(), schema.end());
     Json::Value document;
     // A list nested deeper than kMaxJsonListDepth counts as malformed like any other error.

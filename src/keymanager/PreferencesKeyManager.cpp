@@ -239,6 +239,7 @@ bool PreferencesKeyManager::process(const std::unique_ptr<PreferencesSchemaList>
                 static_cast<unsigned long>(microsSince(start)));
     }
     reportSuccess("schema_process_success", getCallingUid());
+    mGenerations.bumpGlobal();
     mMutex.unlock();
     return result;
 }
@@ -309,7 +310,9 @@ bool PreferencesKeyManager::removeLocked(const std::unique_ptr<PreferencesSchema
 // The upgrades run on the start-up thread before any client is served, so they do not take
 // mMutex; the analysis cannot see that ordering.
 bool PreferencesKeyManager::upgradeVersionFromV0ToV1() NO_THREAD_SAFETY_ANALYSIS {
-    if (mDb->upgradeVersionFromV0ToV1() != 0) {
+    const int32_t upgraded = mDb->upgradeVersionFromV0ToV1();
+    mGenerations.bumpGlobal();
+    if (upgraded != 0) {
         ALOGE("Failed to update system tables from V0 to V1.");
         Telemetry::reportError("update_version_error", getCallingUid(),
                                "failed to update system tables from V0 to V1");
@@ -320,7 +323,9 @@ bool PreferencesKeyManager::upgradeVersionFromV0ToV1() NO_THREAD_SAFETY_ANALYSIS
 }
 
 bool PreferencesKeyManager::upgradeVersionFromV1ToV2() NO_THREAD_SAFETY_ANALYSIS {
-    if (mDb->upgradeVersionFromV1ToV2() != 0) {
+    const int32_t upgraded = mDb->upgradeVersionFromV1ToV2();
+    mGenerations.bumpGlobal();
+    if (upgraded != 0) {
         ALOGE("Failed to update system tables from V1 to V2.");
         Telemetry::reportError("update_version_error", getCallingUid(),
                                "Failed to update system tables from V1 to V2");
@@ -359,6 +364,7 @@ int PreferencesKeyManager::checkOsReadPermission() const {
 void PreferencesKeyManager::setLegacyKeys(std::unordered_set<std::string> keys) {
     Mutex::Autolock lock(mMutex);
     mLegacyKeys = std::move(keys);
+    mGenerations.bumpGlobal();
 }
 
 bool PreferencesKeyManager::isLegacyKey(const std::string& key) const {
@@ -477,6 +483,7 @@ int PreferencesKeyManager::setWithoutCallback(const std::string& key, const std:
         }
         reportSuccess("set_value_success", uid);
     }
+    if (access.status == 0) mGenerations.bumpKey(key);
     mMutex.unlock();
     return result;
 }
@@ -646,6 +653,7 @@ int PreferencesKeyManager::reset(const std::string& key) {
                                EventType::Reset, key, package, callingPidForTrace(), threadId(),
                                static_cast<unsigned long>(microsSince(start)));
     }
+    if (access.status == 0) mGenerations.bumpKey(key);
     mMutex.unlock();
     if (result == 0) mQueue.enqueue(key);
     return result;
@@ -855,6 +863,7 @@ int PreferencesKeyManager::unregisterListener(
 
 int PreferencesKeyManager::currentUser(unsigned int userId) {
     mCurrentUser.store(userId, std::memory_order_relaxed);
+    invalidateAllReads();
     return set(kCurrentUserKey, std::to_string(userId), Type::Integer, getCallingUid());
 }
 
@@ -868,6 +877,7 @@ int PreferencesKeyManager::userList(const std::vector<int>& users) {
     for (int user : users) {
         if (user >= 0) mUsers.insert(static_cast<unsigned int>(user));
     }
+    mGenerations.bumpGlobal();
     return result;
 }
 
@@ -875,7 +885,9 @@ int PreferencesKeyManager::deleteUserData(unsigned int userId) {
     const int permission = checkOsWritePermission();
     if (permission != 0) return permission;
     Mutex::Autolock lock(mMutex);
-    return mDb->deleteUserData(userId) != 0 ? -15 : 0;
+    const int result = mDb->deleteUserData(userId) != 0 ? -15 : 0;
+    mGenerations.bumpGlobal();
+    return result;
 }
 
 bool PreferencesKeyManager::dump(int callerFd) {
@@ -943,6 +955,11 @@ bool PreferencesKeyManager::dumpTrace(int callerFd) {
     mMutex.unlock();
     if (on) text.copyTo(callerFd, dumpTimeout());
     return on;
+}
+
+void PreferencesKeyManager::invalidateAllReads() {
+    Mutex::Autolock lock(mMutex);
+    mGenerations.bumpGlobal();
 }
 
 void PreferencesKeyManager::setProfiling(bool on) {

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "keymanager/BlockingQueue.h"
+#include "keymanager/PreferencesGenerationTable.h"
 #include "keymanager/PreferencesListener.h"
 #include "model/KeySourceDomain.h"
 #include "model/PreferencesKeyInfo.h"
@@ -189,6 +190,18 @@ public:
     bool tracing() const { return mTracing.load(std::memory_order_relaxed); }
     void resetTrace() EXCLUDES(mMutex);
 
+    // ---- Read generations ----
+
+    // The generation table that clients check their cached reads against. Every operation here
+    // that can change a read's answer bumps it under mMutex before returning: a value write or
+    // reset bumps the key's slot; schema lists, user switches, user list changes and deletions,
+    // legacy key names and store upgrades bump the global generation.
+    const PreferencesGenerationTable& generations() const { return mGenerations; }
+    // Bumps the global generation, for a change made outside the key manager that can alter the
+    // answer of many reads (the OS permissions it asks for, override properties). Call it after
+    // the change is made and before the call that made it returns.
+    void invalidateAllReads() EXCLUDES(mMutex);
+
     // Joins `items` with `separator` between them.
     static std::string stringJoin(const std::vector<std::string>& items,
                                   const std::string& separator);
@@ -237,6 +250,7 @@ private:
     std::atomic<bool> mTracing{false};
     std::atomic<int64_t> mDumpTimeoutMs{kDefaultDumpTimeout.count()};
     std::unordered_set<std::string> mLegacyKeys GUARDED_BY(mMutex);
+    PreferencesGenerationTable mGenerations;
 };
 
 }  // namespace Halo::OS

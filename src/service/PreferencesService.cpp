@@ -18,6 +18,7 @@
 #include "intake/PreferencesNativeServiceManager.h"
 #include "intake/PreferencesVersionManager.h"
 #include "keymanager/DumpBuffer.h"
+#include "service/PreferencesExtension.h"
 #include "service/String16Utils.h"
 
 namespace Halo::OS {
@@ -113,6 +114,7 @@ PreferencesService::PreferencesService(std::shared_ptr<PreferencesKeyManager> ke
     }
     mPackageManager->holdEvents();
     mPackageManager->start();
+    setExtension(new PreferencesExtension(this, mKeyManager));
 }
 
 PreferencesService::~PreferencesService() {
@@ -158,6 +160,10 @@ Status PreferencesService::getTyped(Flavour flavour, const String16& key, int32_
 
 Status PreferencesService::setInteger(const String16& key, int32_t value) {
     PreferencesOverrides::setInteger(key, value);
+    // The property is set in this process even when it could not be persisted.
+    if (PreferencesOverrides::kOverrides.count(toString(key)) != 0) {
+        mKeyManager->invalidateAllReads();
+    }
     return setTyped(Flavour::Plain, key, value, 0);
 }
 
@@ -324,6 +330,10 @@ Status PreferencesService::getFloatUser(const String16& key, int32_t userId, flo
 
 Status PreferencesService::reset(const String16& key) {
     PreferencesOverrides::reset(key);
+    // The property is set in this process even when it could not be persisted.
+    if (PreferencesOverrides::kOverrides.count(toString(key)) != 0) {
+        mKeyManager->invalidateAllReads();
+    }
     return toStatus(mKeyManager->reset(toString(key)));
 }
 

@@ -355,6 +355,40 @@ TEST_F(BinderIpcTest, ObjectIdentitySurvivesRoundTrips) {
     EXPECT_EQ(String16("binder.test.ITestService"), root->getInterfaceDescriptor());
 }
 
+// getExtension answers locally for a local object and through EXTENSION_TRANSACTION for a proxy:
+// the extension arrives as a proxy of its own (the same one every time), null when none is set.
+TEST_F(BinderIpcTest, ExtensionsAreFoundLocallyAndThroughProxies) {
+    sp<ITestService> extended = startService<ITestService>("serve-extended", "extended");
+    sp<ITestService> plainService = startService<ITestService>("serve", "plain-service");
+    ASSERT_NE(nullptr, extended);
+    ASSERT_NE(nullptr, plainService);
+    sp<IBinder> root = IInterface::asBinder(extended);
+
+    sp<IBinder> extension;
+    ASSERT_EQ(OK, root->getExtension(&extension));
+    ASSERT_NE(nullptr, extension);
+    EXPECT_NE(root, extension);
+    EXPECT_EQ(String16("binder.test.ITestService"), extension->getInterfaceDescriptor());
+    EXPECT_EQ(9, echoed(android::interface_cast<ITestService>(extension), 9));
+    sp<IBinder> again;
+    ASSERT_EQ(OK, root->getExtension(&again));
+    EXPECT_EQ(extension, again);
+
+    // Objects without an extension, remote and local, give null; setting one makes it appear.
+    sp<IBinder> none = new android::BBinder();
+    for (const sp<IBinder>& object : {extension, IInterface::asBinder(plainService), none}) {
+        sp<IBinder> found = root;
+        EXPECT_EQ(OK, object->getExtension(&found));
+        EXPECT_EQ(nullptr, found);
+    }
+    sp<Callback> callback = new Callback();
+    none->localBinder()->setExtension(IInterface::asBinder(callback));
+    sp<IBinder> local;
+    ASSERT_EQ(OK, none->getExtension(&local));
+    EXPECT_EQ(IInterface::asBinder(callback), local);
+    EXPECT_EQ(android::BAD_VALUE, root->getExtension(nullptr));
+}
+
 TEST_F(BinderIpcTest, ServiceSeesTheCallersKernelIdentity) {
     EXPECT_EQ(getuid(), android::IPCThreadState::self()->getCallingUid());
     EXPECT_EQ(getpid(), android::IPCThreadState::self()->getCallingPid());

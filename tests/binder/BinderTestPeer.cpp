@@ -2,6 +2,7 @@
 //
 //   serve NAME [DELAY_MS]          publish a TestService (after DELAY_MS) and serve it
 //   serve-plain NAME               publish a BBinder that knows no transaction
+//   serve-extended NAME            publish a TestService whose extension is a second TestService
 //   serve-permission NAME UID PERMISSION
 //                                  publish an IPermissionController that grants PERMISSION to
 //                                  UID only, and print "asked UID" for every question
@@ -92,6 +93,11 @@ int main(int argc, char** argv) {
         return serve(name, new Halo::OS::testing::TestService());
     }
     if (mode == "serve-plain") return serve(name, new android::BBinder());
+    if (mode == "serve-extended") {
+        sp<Halo::OS::testing::TestService> service = new Halo::OS::testing::TestService();
+        service->setExtension(new Halo::OS::testing::TestService());
+        return serve(name, service);
+    }
     if (mode == "serve-permission" && argc == 5) {
         return serve(name, new PermissionController(atoi(argv[3]), String16(argv[4])));
     }

@@ -2,7 +2,10 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <functional>
+
 #include "keymanager/KeyManagerFixture.h"
+#include "model/PreferencesGenerationLayout.h"
 #include "support/FdCapture.h"
 
 namespace Halo::OS {
@@ -30,6 +33,44 @@ protected:
                           KeySourceDomain::Legacy));
     }
 };
+
+// Each change a read can see moves a generation before it returns, exactly once: the key's slot
+// for a write or reset of the key, the global generation for changes that reach many reads.
+TEST_F(KeyManagerUsersTest, ChangesBumpTheGenerationsThatCachedReadsAreCheckedAgainst) {
+    const PreferencesGenerationTable& table = mManager->generations();
+    ASSERT_TRUE(table.valid());
+    const uint32_t slot = PreferencesGenerationLayout::slotOf("app.a");
+    struct Change {
+        const char* what;
+        std::function<void()> make;
+        bool global;
+    } changes[] = {
+            {"set", [&] { mManager->setWithoutCallback("app.a", "5", Type::Integer, kApp); },
+             false},
+            {"reset",
+             [&] {
+                 mManager->setCaller(kApp);
+                 mManager->reset("app.a");
+             },
+             false},
+            {"schema list", [&] { apply(R"({"add": true, "schemas": []})"); }, true},
+            {"user switch", [&] { mManager->currentUser(10); }, true},
+            {"user list",
+             [&] {
+                 mManager->userList({0, 10});
+             },
+             true},
+            {"user deletion", [&] { mManager->deleteUserData(10); }, true},
+            {"outside change", [&] { mManager->invalidateAllReads(); }, true},
+    };
+    for (const Change& change : changes) {
+        const uint64_t global = table.global();
+        const uint64_t key = table.slot(slot);
+        change.make();
+        EXPECT_EQ(global + (change.global ? 1 : 0), table.global()) << change.what;
+        EXPECT_EQ(key + (change.global ? 0 : 1), table.slot(slot)) << change.what;
+    }
+}
 
 TEST_F(KeyManagerUsersTest, CurrentUserIsRecordedEvenWhenItsWriteIsRefused) {
     EXPECT_EQ(0u, mManager->getCurrentUser());

@@ -5,6 +5,8 @@
 
 #include <atomic>
 
+#include "threads/Mutex.h"
+
 namespace Halo::OS {
 class BinderObjectMap;
 }
@@ -41,11 +43,18 @@ public:
 
     BBinder* localBinder() override;
 
+    // Attaches `extension` (may be null, which removes it): IBinder::getExtension of this object,
+    // locally or through any proxy, returns it from then on. Holds a strong reference.
+    void setExtension(const sp<IBinder>& extension) EXCLUDES(mExtensionLock);
+    // The attached extension; null when there is none.
+    sp<IBinder> getExtension() EXCLUDES(mExtensionLock);
+
 protected:
     ~BBinder() override;
 
     // Answers the standard transactions: PING_TRANSACTION (OK), INTERFACE_TRANSACTION (the
-    // descriptor as String16) and DUMP_TRANSACTION (file descriptor, argument count, String16
+    // descriptor as String16), EXTENSION_TRANSACTION (getExtension as a strong binder, possibly
+    // null) and DUMP_TRANSACTION (file descriptor, argument count, String16
     // arguments; calls dump). Every other code returns UNKNOWN_TRANSACTION.
     virtual status_t onTransact(uint32_t code, const Parcel& data, Parcel* reply,
                                 uint32_t flags = 0);
@@ -57,6 +66,8 @@ private:
     Halo::OS::BinderObjectMap* objectMap() const;
 
     mutable std::atomic<Halo::OS::BinderObjectMap*> mObjects;
+    Halo::OS::Mutex mExtensionLock;
+    sp<IBinder> mExtension GUARDED_BY(mExtensionLock);
 };
 
 }  // namespace android

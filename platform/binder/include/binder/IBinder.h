@@ -32,6 +32,9 @@ public:
         SHELL_COMMAND_TRANSACTION = B_PACK_CHARS('_', 'C', 'M', 'D'),
         INTERFACE_TRANSACTION = B_PACK_CHARS('_', 'N', 'T', 'F'),
         SYSPROPS_TRANSACTION = B_PACK_CHARS('_', 'S', 'P', 'R'),
+        // Asks a local object for its extension (see BBinder::setExtension); the reply is one
+        // strong binder, null when the object has none.
+        EXTENSION_TRANSACTION = B_PACK_CHARS('_', 'E', 'X', 'T'),
 
         // The call returns as soon as the request is sent; there is no reply.
         FLAG_ONEWAY = 0x00000001,
@@ -46,6 +49,14 @@ public:
     // The interface descriptor; for a proxy it is asked from the object once and remembered
     // (empty when the object cannot be reached).
     virtual const String16& getInterfaceDescriptor() const = 0;
+
+    // The object's extension: a second Binder object that its owner attached with
+    // BBinder::setExtension, so that new calls can be offered without changing the object's own
+    // interface. A local object answers at once; a proxy asks the owner (EXTENSION_TRANSACTION).
+    // Stores null in `out` when the object has no extension. Returns OK, or the transport status
+    // (for example DEAD_OBJECT, or UNKNOWN_TRANSACTION from a peer that does not know the call),
+    // leaving `out` untouched.
+    status_t getExtension(sp<IBinder>* out);
 
     virtual bool isBinderAlive() const = 0;
     virtual status_t pingBinder() = 0;

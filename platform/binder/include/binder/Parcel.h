@@ -1,6 +1,7 @@
 #pragma once
 
 #include <android-base/unique_fd.h>
+#include <binder/Parcelable.h>
 #include <utils/Errors.h>
 #include <utils/RefBase.h>
 #include <utils/String16.h>

@@ -1,0 +1,28 @@
+package halo.preferences;
+
+import halo.preferences.GenerationStamp;
+
+// Calls of the preferences service beside lumen.preferences.IPreferencesService, reached through
+// the service object's Binder extension (IBinder::getExtension). New calls are added at the end
+// only, so that the transaction codes of the existing ones stay as they are.
+interface IPreferencesExtension {
+    // The flavours of the typed gets, and the slot of a stamp whose answer must not be cached.
+    const int FLAVOUR_CALLER = 0;
+    const int FLAVOUR_CURRENT = 1;
+    const int FLAVOUR_USER = 2;
+    const int NO_SLOT = -1;
+
+    // The read-only, seal-locked descriptor of the service's generation table: a 64-byte header
+    // (magic, slot count, global generation) followed by one 64-bit generation per slot.
+    ParcelFileDescriptor getGenerationTable();
+
+    // The answer of IPreferencesService's get of the same type and flavour (FLAVOUR_USER reads
+    // the user `userId`), refusals included, with `stamp` filled in on success. Any other flavour
+    // is the exception EX_ILLEGAL_ARGUMENT.
+    int getIntegerStamped(String key, int flavour, int userId, out GenerationStamp stamp);
+    double getDoubleStamped(String key, int flavour, int userId, out GenerationStamp stamp);
+    String getStringStamped(String key, int flavour, int userId, out GenerationStamp stamp);
+    long getLongStamped(String key, int flavour, int userId, out GenerationStamp stamp);
+    boolean getBooleanStamped(String key, int flavour, int userId, out GenerationStamp stamp);
+    float getFloatStamped(String key, int flavour, int userId, out GenerationStamp stamp);
+}

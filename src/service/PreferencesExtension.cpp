@@ -1,0 +1,117 @@
+#include "service/PreferencesExtension.h"
+
+#include <utility>
+
+#include "model/PreferencesGenerationLayout.h"
+#include "service/PreferencesService.h"
+#include "service/String16Utils.h"
+
+namespace Halo::OS {
+
+namespace {
+
+using android::String16;
+using android::binder::Status;
+
+// The service's three getters of one type, one per flavour.
+template <typename T>
+struct Getters {
+    Status (PreferencesService::*caller)(const String16&, T*);
+    Status (PreferencesService::*current)(const String16&, T*);
+    Status (PreferencesService::*user)(const String16&, int32_t, T*);
+};
+
+using S = PreferencesService;
+template <typename T>
+constexpr Getters<T> kGetters{};
+template <>
+constexpr Getters<int32_t> kGetters<int32_t>{&S::getInteger, &S::getIntegerCurrent,
+                                             &S::getIntegerUser};
+template <>
+constexpr Getters<int64_t> kGetters<int64_t>{&S::getLong, &S::getLongCurrent, &S::getLongUser};
+template <>
+constexpr Getters<float> kGetters<float>{&S::getFloat, &S::getFloatCurrent, &S::getFloatUser};
+template <>
+constexpr Getters<double> kGetters<double>{&S::getDouble, &S::getDoubleCurrent, &S::getDoubleUser};
+template <>
+constexpr Getters<bool> kGetters<bool>{&S::getBoolean, &S::getBooleanCurrent, &S::getBooleanUser};
+template <>
+constexpr Getters<String16> kGetters<String16>{&S::getString, &S::getStringCurrent,
+                                               &S::getStringUser};
+
+}  // namespace
+
+PreferencesExtension::PreferencesExtension(const android::wp<PreferencesService>& service,
+                                           std::shared_ptr<PreferencesKeyManager> keyManager)
+    : mService(service), mKeyManager(std::move(keyManager)) {}
+
+Status PreferencesExtension::getGenerationTable(android::os::ParcelFileDescriptor* out) {
+    android::base::unique_fd fd = mKeyManager->generations().openReadOnly();
+    if (fd.get() < 0) return Status::fromExceptionCode(Status::EX_ILLEGAL_STATE);
+    *out = android::os::ParcelFileDescriptor(std::move(fd));
+    return Status::ok();
+}
+
+template <typename T>
+Status PreferencesExtension::stamped(const String16& key, int32_t flavour, int32_t userId,
+                                     GenerationStamp* stamp, T* out) {
+    const android::sp<PreferencesService> service = mService.promote();
+    if (service == nullptr) return Status::fromExceptionCode(Status::EX_ILLEGAL_STATE);
+    stamp->slot = NO_SLOT;
+    Status status;
+    switch (flavour) {
+        case FLAVOUR_CALLER:
+            status = (service.get()->*kGetters<T>.caller)(key, out);
+            break;
+        case FLAVOUR_CURRENT:
+            status = (service.get()->*kGetters<T>.current)(key, out);
+            break;
+        case FLAVOUR_USER:
+            status = (service.get()->*kGetters<T>.user)(key, userId, out);
+            break;
+        default:
+            return Status::fromExceptionCode(Status::EX_ILLEGAL_ARGUMENT);
+    }
+    const PreferencesGenerationTable& table = mKeyManager->generations();
+    if (status.isOk() && table.valid()) {
+        // Read after the value: a change that lands between the caller's own reading of the
+        // table and this point shows as a difference, and the caller does not keep the answer.
+        const uint32_t slot = PreferencesGenerationLayout::slotOf(toString(key));
+        stamp->slot = static_cast<int32_t>(slot);
+        stamp->globalGeneration = static_cast<int64_t>(table.global());
+        stamp->slotGeneration = static_cast<int64_t>(table.slot(slot));
+    }
+    return status;
+}
+
+Status PreferencesExtension::getIntegerStamped(const String16& key, int32_t flavour, int32_t userId,
+                                               GenerationStamp* stamp, int32_t* out) {
+    return stamped(key, flavour, userId, stamp, out);
+}
+
+Status PreferencesExtension::getDoubleStamped(const String16& key, int32_t flavour, int32_t userId,
+                                              GenerationStamp* stamp, double* out) {
+    return stamped(key, flavour, userId, stamp, out);
+}
+
+Status PreferencesExtension::getStringStamped(const String16& key, int32_t flavour, int32_t userId,
+                                              GenerationStamp* stamp, String16* out) {
+    return stamped(key, flavour, userId, stamp, out);
+}
+
+Status PreferencesExtension::getLongStamped(const String16& key, int32_t flavour, int32_t userId,
+                                            GenerationStamp* stamp, int64_t* out) {
+    return stamped(key, flavour, userId, stamp, out);
+}
+
+Status PreferencesExtension::getBooleanStamped(const String16& key, int32_t flavour, int32_t userId,
+                                               GenerationStamp* stamp, bool* out) {
+    return stamped(key, flavour, userId, stamp, out);
+}
+
+Status PreferencesExtension::getFloatStamped(const String16& key, int32_t flavour, int32_t userId,
+                                             GenerationStamp* stamp, float* out) {
+    return stamped(key, flavour, userId, stamp, out);
+}
+
+}  // namespace Halo::OS
