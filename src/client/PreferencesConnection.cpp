@@ -25,7 +25,7 @@ PreferencesConnection::PreferencesConnection(const android::sp<android::IBinder>
             android::interface_cast<IPreferencesExtension>(extension);
     android::os::ParcelFileDescriptor table;
     if (typed == nullptr || !typed->getGenerationTable(&table).isOk()) return;
-    mReadCache = PreferencesReadCache::create(table.release(), cacheEntries);
+    mReadCache = PreferencesReadCache::shared(table.release(), cacheEntries);
     if (mReadCache != nullptr) mExtension = typed;
 }
 

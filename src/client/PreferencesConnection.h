@@ -36,7 +36,8 @@ public:
     const android::sp<lumen::preferences::IPreferencesService>& service() const { return mService; }
     const android::sp<android::IBinder>& binder() const { return mBinder; }
     const android::sp<PreferencesDeathRecipient>& deathRecipient() const { return mDeathRecipient; }
-    // The service's extension and this connection's read cache; both null when not caching.
+    // The service's extension and the process's read cache for it (shared by every connection
+    // of this process to the same service); both null when not caching.
     const android::sp<halo::preferences::IPreferencesExtension>& extension() const {
         return mExtension;
     }
@@ -56,7 +57,7 @@ private:
     android::sp<lumen::preferences::IPreferencesService> mService;
     android::sp<PreferencesDeathRecipient> mDeathRecipient;
     android::sp<halo::preferences::IPreferencesExtension> mExtension;
-    std::unique_ptr<PreferencesReadCache> mReadCache;
+    std::shared_ptr<PreferencesReadCache> mReadCache;
 
     Mutex mMutex;
     uint64_t mNextToken GUARDED_BY(mMutex) = 1;

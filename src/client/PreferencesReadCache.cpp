@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <map>
 #include <utility>
 
 #include "model/PreferencesGenerationLayout.h"
@@ -32,6 +33,27 @@ std::unique_ptr<PreferencesReadCache> PreferencesReadCache::create(android::base
     }
     return std::unique_ptr<PreferencesReadCache>(
             new PreferencesReadCache(static_cast<const uint8_t*>(base), capacity));
+}
+
+std::shared_ptr<PreferencesReadCache> PreferencesReadCache::shared(android::base::unique_fd table,
+                                                                   size_t capacity) {
+    // Each service's table is one memfd: its inode tells the service (a restarted service has
+    // a new one), whichever descriptor of it a connection was given.
+    struct stat info {};
+    if (capacity == 0 || table.get() < 0 || fstat(table.get(), &info) != 0) return nullptr;
+    using Key = std::pair<dev_t, ino_t>;
+    static Mutex registryLock;
+    // Never freed: a connection may be destroyed by a thread that outlives static destruction.
+    static auto* registry = new std::map<Key, std::weak_ptr<PreferencesReadCache>>();
+    Mutex::Autolock lock(registryLock);
+    for (auto it = registry->begin(); it != registry->end();) {
+        it = it->second.expired() ? registry->erase(it) : std::next(it);
+    }
+    const Key key{info.st_dev, info.st_ino};
+    if (auto found = registry->find(key); found != registry->end()) return found->second.lock();
+    std::shared_ptr<PreferencesReadCache> cache = create(std::move(table), capacity);
+    if (cache != nullptr) (*registry)[key] = cache;
+    return cache;
 }
 
 PreferencesReadCache::PreferencesReadCache(const uint8_t* base, size_t capacity)

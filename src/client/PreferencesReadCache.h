@@ -40,6 +40,12 @@ public:
     // table of the layout this library knows.
     static std::unique_ptr<PreferencesReadCache> create(android::base::unique_fd table,
                                                         size_t capacity);
+    // The process's cache for the service whose generation table `table` is: every connection
+    // of this process to that service shares one cache, of the capacity the first one asked
+    // for, so that the bound holds per process. A new cache (see create) for a table that no
+    // live cache maps. Null as create().
+    static std::shared_ptr<PreferencesReadCache> shared(android::base::unique_fd table,
+                                                        size_t capacity);
     ~PreferencesReadCache();
     PreferencesReadCache(const PreferencesReadCache&) = delete;
     PreferencesReadCache& operator=(const PreferencesReadCache&) = delete;

@@ -2,7 +2,8 @@
 // STOP_FILE" compares cached and uncached typed gets amid random sets and resets (prints "tick"
 // every 100 gets, "mismatch ..." for an answer that stays different, "done hits=H" once STOP_FILE
 // exists); "hostile" attacks the generation table (one "<attempt> refused|ALLOWED" line each);
-// "relay" reads through a relay that has no extension. Exit status 0 when all agreed or was
+// "relay" reads through a relay that has no extension, and checks that two clients of the
+// service in one process share one cache. Exit status 0 when all agreed or was
 // refused, 1 otherwise, 2 for bad usage.
 
 #include <binder/Binder.h>
@@ -202,9 +203,18 @@ int relay() {
                     client->getString("alpha_label", &label).isOk() && label == "relayed" &&
                     client->getString("alpha_label", &label).isOk();
     const PreferencesClient::CacheStatistics statistics = client->cacheStatistics();
-    printf("relay %s caching=%zu hits=%llu\n", ok ? "ok" : "FAILED", statistics.capacity,
-           static_cast<unsigned long long>(statistics.hits));
-    return ok && statistics.capacity == 0 ? 0 : 1;
+    // Two clients of the service itself in one process share the process's cache: what the
+    // first read is a hit for the second.
+    std::unique_ptr<PreferencesClient> first = PreferencesClient::connect(),
+                                       second = PreferencesClient::connect();
+    if (first == nullptr || second == nullptr) return 1;
+    first->getString("alpha_label", &label);
+    const uint64_t hits = second->cacheStatistics().hits;
+    second->getString("alpha_label", &label);
+    const bool shared = second->cacheStatistics().hits == hits + 1;
+    printf("relay %s caching=%zu hits=%llu shared=%d\n", ok ? "ok" : "FAILED", statistics.capacity,
+           static_cast<unsigned long long>(statistics.hits), shared);
+    return ok && shared && statistics.capacity == 0 ? 0 : 1;
 }
 
 }  // namespace

@@ -126,7 +126,7 @@ TEST_F(ReadCacheTest, TableIsReadOnlyForAppsAndServicesWithoutTheExtensionStillS
 
     // As root: only the service directory's owner may publish the relay.
     std::unique_ptr<ChildProcess> relay = startClient(0, {"relay"});
-    EXPECT_EQ("relay ok caching=0 hits=0", relay->readLine(std::chrono::minutes(2)).value_or(""));
+    EXPECT_EQ("relay ok caching=0 hits=0 shared=1", relay->readLine(std::chrono::minutes(2)).value_or(""));
     EXPECT_EQ(0, relay->wait());
 }
 
