@@ -1,5 +1,7 @@
 #include "InProcessBench.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -21,16 +23,20 @@ using Type = PreferencesKeyInfo::Type;
 
 constexpr size_t kRounds = 20;
 
-// A key manager whose caller is always the same app.
-class AppKeyManager : public PreferencesKeyManager {
+// The caller is always the same app, calling from this process (which holds every permission).
+class AppAccess : public PreferencesAccess {
 public:
-    AppKeyManager(std::unique_ptr<IPreferencesDb> db, uid_t uid)
-        : PreferencesKeyManager(std::move(db)), mUid(uid) {}
-    uid_t getCallingUid() const override { return mUid; }
+    explicit AppAccess(uid_t uid) : mUid(uid) {}
+    CallingContext getCallingContext() const override { return {getpid(), mUid}; }
 
 private:
     const uid_t mUid;
 };
+
+std::unique_ptr<PreferencesKeyManager> appKeyManager(const std::string& directory, uid_t uid) {
+    return std::make_unique<PreferencesKeyManager>(
+            std::make_unique<DirectoryPreferencesDb>(directory), std::make_shared<AppAccess>(uid));
+}
 
 double millisSince(std::chrono::steady_clock::time_point start) {
     return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
@@ -41,8 +47,7 @@ double millisSince(std::chrono::steady_clock::time_point start) {
 
 bool InProcessBench::measureReads(size_t fillers, size_t samples, ReadFigures* out) {
     BenchTempDir dir("prefs-bench-reads");
-    auto manager = std::make_unique<AppKeyManager>(
-            std::make_unique<DirectoryPreferencesDb>(dir.path()), BenchSchemas::kBenchUid);
+    auto manager = appKeyManager(dir.path(), BenchSchemas::kBenchUid);
     if (!manager->process(BenchSchemas::restartList(BenchSchemas::devicePackages(fillers)),
                           KeySourceDomain::Application)) {
         fprintf(stderr, "prefs-bench: the bench packages were not applied\n");
@@ -101,8 +106,7 @@ bool InProcessBench::measureSchema(size_t packages, size_t keysPerPackage, Schem
     const std::unique_ptr<PreferencesSchemaList> list = BenchSchemas::restartList(documents);
 
     BenchTempDir dir("prefs-bench-schema");
-    auto manager = std::make_unique<AppKeyManager>(
-            std::make_unique<DirectoryPreferencesDb>(dir.path()), 1000);
+    auto manager = appKeyManager(dir.path(), 1000);
     auto start = std::chrono::steady_clock::now();
     const bool cold = manager->process(list, KeySourceDomain::Application);
     out->coldMillis = millisSince(start);

@@ -8,6 +8,7 @@
 #include <binder/Parcel.h>
 #include <binder/Status.h>
 #include <lumen/preferences/BnPreferencesListener.h>
+#include <unistd.h>
 #include <utils/String16.h>
 
 #include <atomic>
@@ -57,11 +58,10 @@ constexpr const char* kSchemas = R"({"add": true, "schemas": [{"uid": 10123,
     {"key": "ro_float", "type": "float", "default": "1.5", "scope": "system",
      "hasWritePermission": false}]}]})";
 
-// The key manager answers for the caller the fuzzer chose.
-class ChosenCallerKeyManager : public PreferencesKeyManager {
+// The caller the fuzzer chose, calling from this process (so holding every OS permission).
+class ChosenCallerAccess : public PreferencesAccess {
 public:
-    using PreferencesKeyManager::PreferencesKeyManager;
-    uid_t getCallingUid() const override { return mCaller.load(); }
+    CallingContext getCallingContext() const override { return {getpid(), mCaller.load()}; }
     void setCaller(uid_t uid) { mCaller = uid; }
 
 private:
@@ -77,13 +77,14 @@ public:
 
 struct Harness {
     fuzzing::FuzzTempDir dir{"service-transact-fuzzer"};
-    std::shared_ptr<ChosenCallerKeyManager> keyManager;
+    std::shared_ptr<ChosenCallerAccess> access = std::make_shared<ChosenCallerAccess>();
+    std::shared_ptr<PreferencesKeyManager> keyManager;
     sp<PreferencesService> service;
 
     Harness() {
         setenv("BINDER_DIR", dir.file("binder", true).c_str(), 1);
-        keyManager = std::make_shared<ChosenCallerKeyManager>(
-                std::make_unique<DirectoryPreferencesDb>(dir.file("data", true)));
+        keyManager = std::make_shared<PreferencesKeyManager>(
+                std::make_unique<DirectoryPreferencesDb>(dir.file("data", true)), access);
         Json::Value document;
         if (!parseJsonText(kSchemas, document)) abort();
         PreferencesSchemaListBuilder list;
@@ -151,7 +152,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     parcel.write(data, size);
     parcel.setDataPosition(0);
 
-    h->keyManager->setCaller(caller);
+    h->access->setCaller(caller);
     Parcel reply;
     const android::status_t status =
             h->service->transact(code, parcel, &reply, oneway ? android::IBinder::FLAG_ONEWAY : 0);
@@ -167,6 +168,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
 
     if (listener != nullptr) h->service->unregisterListener(listener);
-    h->keyManager->setCaller(0);
+    h->access->setCaller(0);
     return 0;
 }

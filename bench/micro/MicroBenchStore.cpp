@@ -1,5 +1,7 @@
 #include "MicroBenchStore.h"
 
+#include <unistd.h>
+
 #include "BenchSchemas.h"
 #include "store/DirectoryPreferencesDb.h"
 
@@ -8,12 +10,11 @@ namespace {
 
 using Type = PreferencesKeyInfo::Type;
 
-// A key manager whose caller is always the same uid.
-class FixedCallerKeyManager : public PreferencesKeyManager {
+// The caller is always the same uid, calling from this process (which holds every permission).
+class FixedCallerAccess : public PreferencesAccess {
 public:
-    FixedCallerKeyManager(std::unique_ptr<IPreferencesDb> db, uid_t uid)
-        : PreferencesKeyManager(std::move(db)), mUid(uid) {}
-    uid_t getCallingUid() const override { return mUid; }
+    explicit FixedCallerAccess(uid_t uid) : mUid(uid) {}
+    CallingContext getCallingContext() const override { return {getpid(), mUid}; }
 
 private:
     const uid_t mUid;
@@ -39,8 +40,9 @@ MicroBenchStore& MicroBenchStore::shared() {
 
 std::unique_ptr<PreferencesKeyManager> MicroBenchStore::keyManager(const std::string& directory,
                                                                    uid_t uid) {
-    return std::make_unique<FixedCallerKeyManager>(
-            std::make_unique<DirectoryPreferencesDb>(directory), uid);
+    return std::make_unique<PreferencesKeyManager>(
+            std::make_unique<DirectoryPreferencesDb>(directory),
+            std::make_shared<FixedCallerAccess>(uid));
 }
 
 }  // namespace Halo::OS

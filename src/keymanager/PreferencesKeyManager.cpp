@@ -3,8 +3,6 @@
 #include "keymanager/PreferencesKeyManager.h"
 
 #include <binder/IInterface.h>
-#include <binder/IPCThreadState.h>
-#include <binder/PermissionCache.h>
 #include <cutils/multiuser.h>
 #include <fmt/format.h>
 #include <log/log.h>
@@ -66,11 +64,6 @@ const char* trueFalse(bool value) {
     return value ? "True" : "False";
 }
 
-unsigned int callingPidForTrace() {
-    pid_t pid = android::IPCThreadState::self()->getCallingPid();
-    return pid == getpid() ? 4294967295u : static_cast<unsigned int>(pid);
-}
-
 unsigned int threadId() {
     return static_cast<unsigned int>(gettid());
 }
@@ -80,7 +73,9 @@ unsigned int threadId() {
 PreferencesKeyManager::PreferencesKeyManager()
     : PreferencesKeyManager(std::make_unique<Sqlite3PreferencesDb>()) {}
 
-PreferencesKeyManager::PreferencesKeyManager(std::unique_ptr<IPreferencesDb> db) {
+PreferencesKeyManager::PreferencesKeyManager(std::unique_ptr<IPreferencesDb> db,
+                                             std::shared_ptr<PreferencesAccess> access)
+    : mAccess(std::move(access)) {
     // A failure to start the thread throws std::system_error out of the constructor, which ends
     // the process: the service cannot notify anybody without it.
     mThread = std::thread(&PreferencesKeyManager::callback, this);
@@ -122,8 +117,10 @@ PreferencesKeyManager::~PreferencesKeyManager() {
     mListeners.clear();
 }
 
-uid_t PreferencesKeyManager::getCallingUid() const {
-    return android::IPCThreadState::self()->getCallingUid();
+unsigned int PreferencesKeyManager::callingPidForTrace() const {
+    const PreferencesAccess::CallingContext caller = mAccess->getCallingContext();
+    return PreferencesAccess::isOwnProcess(caller) ? TraceData::kOwnPid
+                                                   : static_cast<unsigned int>(caller.pid);
 }
 
 long long PreferencesKeyManager::microsSince(Clock::time_point start) {
@@ -142,7 +139,7 @@ PreferencesKeyManager::Clock::time_point PreferencesKeyManager::lockTimedWith(
         if (mTracing) {
             mProfiler->recordLockTrace(
                     std::chrono::time_point_cast<std::chrono::microseconds>(before), operation,
-                    detail(), wait);
+                    detail(), wait, mAccess->getCallingContext().pid);
         }
     }
     return before;
@@ -342,7 +339,7 @@ int PreferencesKeyManager::getDatabaseUserVersion() NO_THREAD_SAFETY_ANALYSIS {
 // ---- Access control and typed access ----
 
 int PreferencesKeyManager::checkOsWritePermission() const {
-    if (android::PermissionCache::checkCallingPermission(writePermissionName())) {
+    if (mAccess->checkPermission(mAccess->getCallingContext(), writePermissionName())) {
         reportSuccess("write_permission_success", getCallingUid());
         return 0;
     }
@@ -352,7 +349,7 @@ int PreferencesKeyManager::checkOsWritePermission() const {
 }
 
 int PreferencesKeyManager::checkOsReadPermission() const {
-    if (android::PermissionCache::checkCallingPermission(readPermissionName())) {
+    if (mAccess->checkPermission(mAccess->getCallingContext(), readPermissionName())) {
         reportSuccess("read_permission_success", getCallingUid());
         return 0;
     }
@@ -729,13 +726,15 @@ void PreferencesKeyManager::callback() {
 int PreferencesKeyManager::registerListener(
         const android::sp<lumen::preferences::IPreferencesListener>& listener,
         const std::vector<std::string>& keys, bool /*flag*/) {
-    const pid_t pid = android::IPCThreadState::self()->getCallingPid();
-    const uid_t uid = getCallingUid();
+    const PreferencesAccess::CallingContext caller = mAccess->getCallingContext();
+    const pid_t pid = caller.pid;
+    const uid_t uid = caller.uid;
     const std::string package = PreferencesKeyInfo::get(uid);
     if (listener == nullptr) return -13;
     // Another process can only hand in an object of this process by handing back one of ours
     // (the service itself, for one), which never dies with that process.
-    if (pid != getpid() && android::IInterface::asBinder(listener)->localBinder() != nullptr) {
+    if (!PreferencesAccess::isOwnProcess(caller) &&
+        android::IInterface::asBinder(listener)->localBinder() != nullptr) {
         ALOGE("%s, register listener denied, the listener is an object of this service",
               package.c_str());
         return -13;

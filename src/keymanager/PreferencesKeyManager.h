@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "keymanager/BlockingQueue.h"
+#include "keymanager/PreferencesAccess.h"
 #include "keymanager/PreferencesGenerationTable.h"
 #include "keymanager/PreferencesListener.h"
 #include "model/KeySourceDomain.h"
@@ -59,14 +60,19 @@ public:
     PreferencesKeyManager();
     // Takes ownership of `db`, starts the callback thread, creates the profiler and initialises
     // the store (its result is not checked: a store that failed to open fails every operation).
-    explicit PreferencesKeyManager(std::unique_ptr<IPreferencesDb> db);
+    // Every caller identity and OS permission comes from `access`, which must not be null.
+    explicit PreferencesKeyManager(
+            std::unique_ptr<IPreferencesDb> db,
+            std::shared_ptr<PreferencesAccess> access = std::make_shared<PreferencesAccess>());
     virtual ~PreferencesKeyManager();
 
     PreferencesKeyManager(const PreferencesKeyManager&) = delete;
     PreferencesKeyManager& operator=(const PreferencesKeyManager&) = delete;
 
-    // The Binder calling uid; virtual so that a caller identity can be substituted.
-    virtual uid_t getCallingUid() const;
+    // The caller's uid, as the access seam answers it.
+    uid_t getCallingUid() const { return mAccess->getCallingContext().uid; }
+    // The seam every identity and OS permission check of the key manager goes through.
+    const std::shared_ptr<PreferencesAccess>& access() const { return mAccess; }
 
     // ---- Schema processing ----
 
@@ -122,7 +128,7 @@ public:
     // Clears the current value so that the default applies again; notifies like a write.
     int reset(const std::string& key) EXCLUDES(mMutex);
 
-    // 0 when the Binder caller holds the OS permission, else -7.
+    // 0 when the caller holds the OS permission, else -7.
     int checkOsReadPermission() const;
     int checkOsWritePermission() const;
 
@@ -228,6 +234,8 @@ private:
     Access checkKeyAccessLocked(const std::string& key, uid_t uid, bool write, bool* rowReadFailed)
             REQUIRES(mMutex);
     bool isPrivilegedAppId(uid_t uid) const;
+    // The caller's pid as trace entries record it (TraceData::kOwnPid for this process).
+    unsigned int callingPidForTrace() const;
     // True, with a log line naming `operation` and `key`, when `userId` is not a user of the
     // device (see userList).
     bool refuseUnknownUser(unsigned int userId, const char* operation, const std::string& key) const
@@ -235,6 +243,7 @@ private:
     void callback() EXCLUDES(mMutex);
     static long long microsSince(Clock::time_point start);
 
+    const std::shared_ptr<PreferencesAccess> mAccess;
     mutable Mutex mMutex;
     BlockingQueue<std::string> mQueue;
     std::map<uint32_t, android::sp<PreferencesListener>> mListeners GUARDED_BY(mMutex);

@@ -1,6 +1,5 @@
 #include "profiler/PreferencesProfiler.h"
 
-#include <binder/IPCThreadState.h>
 #include <fmt/format.h>
 #include <stdio.h>
 #include <unistd.h>
@@ -70,8 +69,7 @@ void PreferencesProfiler::recordTrace(TimePoint time, EventType type, std::strin
 }
 
 void PreferencesProfiler::recordLockTrace(TimePoint time, std::string first, std::string second,
-                                          long long duration) {
-    pid_t caller = android::IPCThreadState::self()->getCallingPid();
+                                          long long duration, pid_t caller) {
     uint32_t pid = caller == getpid() ? TraceData::kOwnPid : static_cast<uint32_t>(caller);
     recordTrace(time, EventType::Lock, std::move(first), std::move(second), pid,
                 static_cast<uint32_t>(gettid()), static_cast<unsigned long>(duration));

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <list>
@@ -44,9 +46,10 @@ public:
     // An entry recorded into an empty trace sets the trace start.
     void recordTrace(TimePoint time, EventType type, std::string first, std::string second,
                      unsigned int pid, unsigned int tid, unsigned long duration);
-    // Appends a "lock" entry for the current thread: pid is the calling pid of the Binder call
+    // Appends a "lock" entry for the current thread: pid is `caller`, the calling pid of the call
     // being served (TraceData::kOwnPid when that is this process), tid the thread's id.
-    void recordLockTrace(TimePoint time, std::string first, std::string second, long long duration);
+    void recordLockTrace(TimePoint time, std::string first, std::string second, long long duration,
+                         pid_t caller);
 
     // The (lower, upper) bucket bounds within which percentile `percentile` of the reads
     // (Read), writes (Write) or lock waits (Lock) lies; (0, 0) for any other type. With no

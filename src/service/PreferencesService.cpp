@@ -3,8 +3,6 @@
 #include "service/PreferencesService.h"
 
 #include <android-base/properties.h>
-#include <binder/IPCThreadState.h>
-#include <binder/PermissionCache.h>
 #include <fmt/format.h>
 #include <log/log.h>
 #include <stdio.h>
@@ -107,6 +105,8 @@ PreferencesService::PreferencesService()
 
 PreferencesService::PreferencesService(std::shared_ptr<PreferencesKeyManager> keyManager)
     : mKeyManager(std::move(keyManager)),
+      mAccess(mKeyManager != nullptr ? mKeyManager->access()
+                                     : std::make_shared<PreferencesAccess>()),
       mPackageManager(std::make_unique<PreferencesPackageManager>(mKeyManager, false)) {
     const int64_t timeout = android::base::GetIntProperty<int64_t>(kDumpTimeoutProperty, -1, 0);
     if (timeout >= 0 && mKeyManager != nullptr) {
@@ -447,7 +447,7 @@ void PreferencesService::setOnBoot(const char* key, bool on) {
 
 Status PreferencesService::profile(const std::string& command,
                                    const std::vector<std::string>& /*args*/) {
-    const uid_t uid = android::IPCThreadState::self()->getCallingUid();
+    const uid_t uid = mAccess->getCallingContext().uid;
     if (uid != 0) {
         ALOGE("Profile request is denied for UID %u; must be root", static_cast<unsigned>(uid));
         return Status::fromExceptionCode(Status::EX_UNSUPPORTED_OPERATION);
@@ -511,8 +511,8 @@ android::status_t PreferencesService::dump(int fd, const android::Vector<String1
 }
 
 android::status_t PreferencesService::writeDump(int fd, const android::Vector<String16>& args) {
-    if (!android::PermissionCache::checkCallingPermission(
-                String16(PreferencesKeyManager::kReadPermission))) {
+    if (!mAccess->checkPermission(mAccess->getCallingContext(),
+                                  String16(PreferencesKeyManager::kReadPermission))) {
         dprintf(fd, "lack of root privilege: adb root\n");
         return android::PERMISSION_DENIED;
     }

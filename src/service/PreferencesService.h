@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "intake/PreferencesPackageManager.h"
+#include "keymanager/PreferencesAccess.h"
 #include "keymanager/PreferencesKeyManager.h"
 #include "model/PreferencesKeyInfo.h"
 #include "service/PreferencesOverrides.h"
@@ -81,7 +82,8 @@ public:
     // events until startupFinished().
     PreferencesService();
     // Shares `keyManager`, which must not be null, then creates and starts the package manager
-    // as above.
+    // as above. The caller identity and OS permissions of profile() and dump() come from the key
+    // manager's access seam.
     explicit PreferencesService(std::shared_ptr<PreferencesKeyManager> keyManager);
     // Destroys the package manager (which stops it), then releases the key manager.
     ~PreferencesService() override;
@@ -234,6 +236,7 @@ private:
     android::status_t writeDump(int fd, const android::Vector<String16>& args);
 
     std::shared_ptr<PreferencesKeyManager> mKeyManager;
+    const std::shared_ptr<PreferencesAccess> mAccess;
     std::unique_ptr<PreferencesPackageManager> mPackageManager;
     // Stays empty: the override operations are process-wide and need no instance.
     std::unique_ptr<PreferencesOverrides> mOverrides;

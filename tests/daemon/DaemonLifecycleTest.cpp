@@ -76,8 +76,9 @@ TEST_F(DaemonLifecycleTest, NewStoreIsAtTheLatestVersionAndARestartChangesNoDecl
         EXPECT_THAT(db, HasSubstr(std::string("  > Preference: ") + key + " |")) << key;
     }
 
-    // (Values of every type over Binder are checked in PreferencesServiceBinderTest; answered
-    // writes across a restart in SigtermDuringWritesExitsZeroAndKeepsEveryAnsweredWrite.)
+    // (Values of every type and flavour are checked in ServiceCallerTest, their parcels in
+    // BinderWireTest; answered writes across a restart in
+    // SigtermDuringWritesExitsZeroAndKeepsEveryAnsweredWrite.)
     EXPECT_EQ("ok", call({"setString", "test_string", "h\xc3\xa9llo"}));
     restart();
     EXPECT_EQ("ok h\xc3\xa9llo", call({"getString", "test_string"}));

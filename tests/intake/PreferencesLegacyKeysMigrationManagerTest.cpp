@@ -1,5 +1,6 @@
 #include "intake/PreferencesLegacyKeysMigrationManager.h"
 
+#include <binder/IPCThreadState.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -106,10 +107,16 @@ TEST_F(PreferencesLegacyKeysMigrationManagerTest, ValuesReachTheirUsersOnceAndTh
 
 TEST_F(PreferencesLegacyKeysMigrationManagerTest, ServiceRunningAsSystemUidWritesEveryUser) {
     // Not root: values reach other users only because the key manager knows the legacy keys.
-    testing::ScopedCallingIdentity identity(1000, getpid());
+    // The process itself runs as the system uid, which the model gives the legacy schemas that
+    // name no uid (it reads Binder's calling identity, this process's own here).
+    struct OwnIdentity {
+        int64_t token = android::IPCThreadState::self()->clearCallingIdentity();
+        OwnIdentity() { android::IPCThreadState::self()->setCallingIdentity(getpid(), 1000); }
+        ~OwnIdentity() { android::IPCThreadState::self()->restoreCallingIdentity(token); }
+    } identity;
     testing::writeLegacyDatabases(mLegacy);
     start();
-    mManager->setCaller(1000);
+    mAccess->setCaller(1000);
     ASSERT_TRUE(migration()->migrateLegacyKeys());
     expectLegacyValues();
     EXPECT_EQ("3", status());
@@ -150,15 +157,8 @@ TEST_F(PreferencesLegacyKeysMigrationManagerTest, MinorFailuresAreReportedAndThe
     testing::writeFile(mLegacy.file("user3.db/x"), "x");
     start();
     Telemetry::resetCounts();
-    LogCapture log;
     EXPECT_TRUE(migration()->migrateLegacyKeys());
     EXPECT_EQ("3", status());
-    EXPECT_TRUE(log.contains("failed to set legacy value on font_name, 1000000"));
-    EXPECT_TRUE(log.contains("migrate user settings failed"));
-    EXPECT_FALSE(log.contains("migrate system settings failed"));
-    EXPECT_TRUE(log.contains("migration: failed to migrate legacy key value"));
-    EXPECT_TRUE(log.contains("migration: failed to remove old database"));
-    EXPECT_TRUE(log.contains("migration: has minor failure which do not impact performance"));
     EXPECT_EQ(1u, Telemetry::count("migration_legacykeys_value_migration_failed"));
     EXPECT_EQ(1u, Telemetry::count("migration_legacy_database_files_deletion_failed"));
     EXPECT_EQ("Serif", value("font_name", Type::String));
@@ -167,7 +167,6 @@ TEST_F(PreferencesLegacyKeysMigrationManagerTest, MinorFailuresAreReportedAndThe
 }
 
 TEST_F(PreferencesLegacyKeysMigrationManagerTest, MissingPartsAndUnknownKeys) {
-    LogCapture log;
     EXPECT_FALSE(
             Manager(nullptr, std::make_shared<LegacySettingsDbHelper>(mLegacy.path()), config())
                     .migrateLegacyKeys());
@@ -179,9 +178,6 @@ TEST_F(PreferencesLegacyKeysMigrationManagerTest, MissingPartsAndUnknownKeys) {
     EXPECT_EQ(2, manager->getLegacyKeyScope("font_name"));
     EXPECT_TRUE(manager->setLegacyKeyValue("retired_setting", "7"));  // skipped
     EXPECT_FALSE(manager->injectKeys("[1, 2"));
-    EXPECT_TRUE(log.contains("migration modules missing"));
-    EXPECT_TRUE(log.contains("can not find key index -1 in type"));
-    EXPECT_TRUE(log.contains("failed to generate legacy schema list"));
     EXPECT_EQ("absent", status());
 }
 

@@ -130,8 +130,8 @@ protected:
     void TearDown() override { mManager.reset(); }
 
     void start() {
-        mManager = std::make_shared<TestKeyManager>(
-                std::make_unique<DirectoryPreferencesDb>(mData.path()));
+        mManager = std::make_shared<PreferencesKeyManager>(
+                std::make_unique<DirectoryPreferencesDb>(mData.path()), mAccess);
     }
     void restart() {
         mManager.reset();
@@ -145,10 +145,10 @@ protected:
     // The value of `key` for the user of `uid`, read as root; nullopt when the read fails.
     std::optional<std::string> value(const std::string& key, Type type, uid_t uid = 0) {
         const uid_t caller = mManager->getCallingUid();
-        mManager->setCaller(0);
+        mAccess->setCaller(0);
         std::string out;
         const int status = mManager->getWithoutPermissionCheck(key, out, type, uid);
-        mManager->setCaller(caller);
+        mAccess->setCaller(caller);
         return status == 0 ? std::optional<std::string>(out) : std::nullopt;
     }
     std::optional<std::string> value(const LegacyValue& legacy) {
@@ -176,7 +176,8 @@ protected:
     TempDir mData;
     TempDir mLegacy;
     TempDir mConfigDir;
-    std::shared_ptr<TestKeyManager> mManager;
+    std::shared_ptr<TestAccess> mAccess = std::make_shared<TestAccess>();
+    std::shared_ptr<PreferencesKeyManager> mManager;
 };
 
 }  // namespace Halo::OS::testing

@@ -12,7 +12,6 @@ namespace Halo::OS {
 namespace {
 
 using testing::KeyManagerTest;
-using testing::ScopedCallingIdentity;
 using Type = PreferencesKeyInfo::Type;
 
 constexpr uid_t kOwnerApp = 10001;   // declares every key below
@@ -43,11 +42,11 @@ protected:
     }
 
     int setAs(uid_t caller, const std::string& key, const std::string& value, Type type) {
-        mManager->setCaller(caller);
+        mAccess->setCaller(caller);
         return mManager->set(key, value, type);
     }
     int getAs(uid_t caller, const std::string& key, std::string& value, Type type) {
-        mManager->setCaller(caller);
+        mAccess->setCaller(caller);
         return mManager->get(key, value, type);
     }
 };
@@ -94,7 +93,7 @@ TEST_F(KeyManagerAccessTest, UsersOfUserAndCrossUserKeys) {
     EXPECT_EQ("ten", value);
 
     // Naming another user for a user key is refused (write -8, read -9), and nothing changes.
-    mManager->setCaller(kOwnerApp);
+    mAccess->setCaller(kOwnerApp);
     EXPECT_EQ(-8, mManager->setUser("usr.str", "intruder", Type::String, kUser10));
     EXPECT_EQ(-9, mManager->getUser("usr.str", value, Type::String, kUser10));
     EXPECT_EQ("ten", rootValue("usr.str", Type::String, ownerInUser10));
@@ -108,7 +107,7 @@ TEST_F(KeyManagerAccessTest, UsersOfUserAndCrossUserKeys) {
     EXPECT_TRUE(access(mDir.file("user10.db").c_str(), F_OK) == 0);
 
     // Root may name any user for a user key.
-    mManager->setCaller(0);
+    mAccess->setCaller(0);
     EXPECT_EQ(0, mManager->setWithoutCallback("usr.str", "by root", Type::String, ownerInUser10));
     EXPECT_EQ("by root", rootValue("usr.str", Type::String, ownerInUser10));
 }
@@ -117,16 +116,16 @@ TEST_F(KeyManagerAccessTest, LegacyKeysFollowTheirOwnRules) {
     mManager->setLegacyKeys({"legacy.k"});
     const uid_t readerInUser10 = multiuser_get_uid(kUser10, kReaderApp);
     // A Read row is enough to write a legacy key, into the user the uid names.
-    mManager->setCaller(kReaderApp);
+    mAccess->setCaller(kReaderApp);
     EXPECT_EQ(0, mManager->setWithoutCallback("legacy.k", "42", Type::Integer, readerInUser10));
     EXPECT_EQ("42", rootValue("legacy.k", Type::Integer, readerInUser10));
     EXPECT_EQ("3", rootValue("legacy.k", Type::Integer, kReaderApp));
     // Whatever the row says: an app without one writes it as well, in its own user.
-    mManager->setCaller(kStranger);
+    mAccess->setCaller(kStranger);
     EXPECT_EQ(0, mManager->set("legacy.k", "7", Type::Integer));
     EXPECT_EQ("7", rootValue("legacy.k", Type::Integer, kStranger));
     // The type is still checked, and a key that is not legacy keeps the usual rules.
-    mManager->setCaller(kStranger);
+    mAccess->setCaller(kStranger);
     EXPECT_EQ(-8, mManager->set("legacy.k", "1", Type::String));
     EXPECT_EQ(-3, mManager->set("usr.str", "x", Type::String));
 }
@@ -142,21 +141,21 @@ TEST_F(KeyManagerAccessTest, RefusedSetKeepsTheOldValueAndStillReportsTheEvent) 
 
 TEST_F(KeyManagerAccessTest, TypeQueriesAndReset) {
     Type type = Type::NoType;
-    mManager->setCaller(kReaderApp);
+    mAccess->setCaller(kReaderApp);
     EXPECT_EQ(0, mManager->getType("sys.int", type));
     EXPECT_EQ(Type::Integer, type);
-    mManager->setCaller(kStranger);
+    mAccess->setCaller(kStranger);
     EXPECT_EQ(-3, mManager->getType("sys.int", type));
-    mManager->setCaller(0);
+    mAccess->setCaller(0);
     EXPECT_EQ(-9, mManager->getType("no.such.key", type));
     EXPECT_EQ(0, mManager->getType("cross.bool", type));
     EXPECT_EQ(Type::Boolean, type);
 
     ASSERT_EQ(0, setAs(kOwnerApp, "sys.int", "5", Type::Integer));
-    mManager->setCaller(kReaderApp);
+    mAccess->setCaller(kReaderApp);
     EXPECT_EQ(-3, mManager->reset("sys.int"));
     EXPECT_EQ("5", rootValue("sys.int", Type::Integer));
-    mManager->setCaller(kOwnerApp);
+    mAccess->setCaller(kOwnerApp);
     EXPECT_EQ(0, mManager->reset("sys.int"));
     EXPECT_EQ("1", rootValue("sys.int", Type::Integer));  // the default again
 }
@@ -186,7 +185,7 @@ TEST_F(KeyManagerAccessTest, RefusedReadsAreReported) {
              "key_reset_error"},
     };
     for (const Case& c : cases) {
-        mManager->setCaller(c.caller);
+        mAccess->setCaller(c.caller);
         Telemetry::resetCounts();
         EXPECT_EQ(c.code, c.call()) << c.what;
         EXPECT_EQ(1u, Telemetry::count(c.event)) << c.what;
@@ -224,11 +223,11 @@ TEST_F(KeyManagerAccessTest, ChangedDeclarationsDecideTheNextCall) {
     EXPECT_EQ(-9, rootGet("sys.int", value, Type::Long));
 }
 
-TEST_F(KeyManagerAccessTest, OsPermissionsAreCheckedAgainstTheBinderCaller) {
+TEST_F(KeyManagerAccessTest, OsPermissionsAreCheckedAgainstTheCaller) {
     std::string value;
-    // The Binder caller is an app and no permission service exists: the OS checks refuse.
-    ScopedCallingIdentity caller(kOwnerApp);
-    mManager->setCaller(kOwnerApp);
+    // The caller is an app that holds no OS permission.
+    mAccess->setGrants({});
+    mAccess->setCaller(kOwnerApp);
     Telemetry::resetCounts();
     EXPECT_EQ(-7, mManager->set("sys.int", "9", Type::Integer));
     EXPECT_EQ(-7, mManager->get("sys.int", value, Type::Integer));
@@ -241,12 +240,12 @@ TEST_F(KeyManagerAccessTest, OsPermissionsAreCheckedAgainstTheBinderCaller) {
     EXPECT_EQ(0u, Telemetry::count("key_set_success"));
     // The audio server's and 2907's application ids skip the OS checks, not the key checks.
     for (uid_t privileged : {1041u, 2907u, multiuser_get_uid(kUser10, 1041)}) {
-        mManager->setCaller(privileged);
+        mAccess->setCaller(privileged);
         EXPECT_EQ(-3, mManager->set("sys.int", "9", Type::Integer)) << privileged;
         EXPECT_EQ(-3, mManager->get("sys.int", value, Type::Integer)) << privileged;
     }
     // Start-up paths skip the OS check altogether.
-    mManager->setCaller(kOwnerApp);
+    mAccess->setCaller(kOwnerApp);
     EXPECT_EQ(0, mManager->setWithoutCallback("sys.int", "9", Type::Integer));
     EXPECT_EQ(0, mManager->getWithoutPermissionCheck("sys.int", value, Type::Integer));
     EXPECT_EQ("9", value);

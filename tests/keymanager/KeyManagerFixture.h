@@ -1,16 +1,20 @@
 #pragma once
 
-#include <binder/IPCThreadState.h>
+#include <cutils/multiuser.h>
 #include <gtest/gtest.h>
 #include <lumen/preferences/BnPreferencesListener.h>
+#include <unistd.h>
+#include <utils/String8.h>
 
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -34,46 +38,43 @@ public:
 
 namespace testing {
 
-// A key manager whose caller identity the test chooses (root unless changed); with no caller
-// given, the Binder caller. Counts how often it is asked for its caller, which every public
-// operation does first. The OS permission checks still ask the real Binder calling identity
-// (root in these tests, so they pass) unless a test changes it.
-class TestKeyManager : public PreferencesKeyManager {
+// The caller identity and OS permissions the key manager (and a service on it) sees: root in
+// this process unless the test chooses another caller. Every caller holds every OS permission
+// until the test limits them with setGrants; root always holds them. Counts how often it is
+// asked for the caller.
+class TestAccess : public PreferencesAccess {
 public:
-    explicit TestKeyManager(std::unique_ptr<IPreferencesDb> db,
-                            std::optional<uid_t> caller = uid_t(0))
-        : PreferencesKeyManager(std::move(db)),
-          mFixed(caller.has_value()),
-          mCaller(caller.value_or(0)) {}
-
-    uid_t getCallingUid() const override {
+    CallingContext getCallingContext() const override {
         ++mCalls;
-        return mFixed ? mCaller.load() : PreferencesKeyManager::getCallingUid();
+        std::lock_guard<std::mutex> lock(mMutex);
+        return mCaller;
     }
-    void setCaller(uid_t uid) {
-        mCaller = uid;
-        mFixed = true;
+    bool checkPermission(const CallingContext& caller,
+                         const android::String16& permission) const override {
+        std::lock_guard<std::mutex> lock(mMutex);
+        if (caller.uid == 0 || !mGrants.has_value()) return true;
+        const auto it = mGrants->find(multiuser_get_app_id(caller.uid));
+        return it != mGrants->end() && it->second.count(android::String8(permission).c_str()) != 0;
+    }
+
+    // Makes `uid` the caller; by default it calls from this process.
+    void setCaller(uid_t uid, pid_t pid = getpid()) {
+        std::lock_guard<std::mutex> lock(mMutex);
+        mCaller = {pid, uid};
+    }
+    // From now on a caller other than root holds only the permissions listed for its application
+    // id.
+    void setGrants(std::map<uid_t, std::set<std::string>> grants) {
+        std::lock_guard<std::mutex> lock(mMutex);
+        mGrants = std::move(grants);
     }
     int calls() const { return mCalls.load(); }
 
 private:
     mutable std::atomic<int> mCalls{0};
-    std::atomic<bool> mFixed;
-    std::atomic<uid_t> mCaller;
-};
-
-// Makes `uid` (from `pid`) the Binder calling identity of this thread for the scope's lifetime.
-// The default pid is any but our own: the process itself is granted every permission.
-class ScopedCallingIdentity {
-public:
-    explicit ScopedCallingIdentity(uid_t uid, pid_t pid = getppid())
-        : mToken(android::IPCThreadState::self()->clearCallingIdentity()) {
-        android::IPCThreadState::self()->setCallingIdentity(pid, uid);
-    }
-    ~ScopedCallingIdentity() { android::IPCThreadState::self()->restoreCallingIdentity(mToken); }
-
-private:
-    int64_t mToken;
+    mutable std::mutex mMutex;
+    CallingContext mCaller{getpid(), 0};
+    std::optional<std::map<uid_t, std::set<std::string>>> mGrants;
 };
 
 // A listener in this process that records the keys of every onChanged call.
@@ -98,8 +99,8 @@ private:
     std::vector<std::vector<android::String16>> mCalls;
 };
 
-// A key manager on a store in a fresh temporary directory, with its Binder service directory in
-// the same place (so that no permission service is found unless a test publishes one).
+// A key manager on a store in a fresh temporary directory, its caller given by mAccess; its Binder
+// service directory (for listener processes) is the same directory.
 class KeyManagerTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -109,8 +110,8 @@ protected:
     void TearDown() override { mManager.reset(); }
 
     void start() {
-        mManager = std::make_unique<TestKeyManager>(
-                std::make_unique<DirectoryPreferencesDb>(mDir.path()));
+        mManager = std::make_unique<PreferencesKeyManager>(
+                std::make_unique<DirectoryPreferencesDb>(mDir.path()), mAccess);
     }
     void restart() {
         mManager.reset();
@@ -124,7 +125,7 @@ protected:
     // Reads `key` as root for the user of `uid`; returns the status and sets `value`.
     int rootGet(const std::string& key, std::string& value, PreferencesKeyInfo::Type type,
                 uid_t uid = 0) {
-        mManager->setCaller(0);
+        mAccess->setCaller(0);
         return mManager->getWithoutPermissionCheck(key, value, type, uid);
     }
     std::string rootValue(const std::string& key, PreferencesKeyInfo::Type type, uid_t uid = 0) {
@@ -134,7 +135,8 @@ protected:
     }
 
     TempDir mDir;
-    std::unique_ptr<TestKeyManager> mManager;
+    std::shared_ptr<TestAccess> mAccess = std::make_shared<TestAccess>();
+    std::unique_ptr<PreferencesKeyManager> mManager;
 };
 
 }  // namespace testing

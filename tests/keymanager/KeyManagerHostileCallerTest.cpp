@@ -23,7 +23,6 @@ using testing::capturedText;
 using testing::eventually;
 using testing::KeyManagerTest;
 using testing::RecordingListener;
-using testing::ScopedCallingIdentity;
 using Type = PreferencesKeyInfo::Type;
 using namespace std::chrono_literals;
 
@@ -68,12 +67,12 @@ TEST_F(KeyManagerHostileCallerTest, RefusedRegistrationsLeaveNoRowsAndNoRecord) 
     };
     for (const Case& c : {Case{{"a", "a"}, false}, Case{{"a", "b", "c", "b"}, false},
                           Case{{"a", "b"}, true}, Case{{}, true}}) {
-        std::optional<ScopedCallingIdentity> identity;
-        if (c.fromAnotherProcess) identity.emplace(0);
+        mAccess->setCaller(0, c.fromAnotherProcess ? getppid() : getpid());
         EXPECT_EQ(-13, mManager->registerListener(new RecordingListener, c.keys, false));
         EXPECT_EQ(0, rows());
         EXPECT_EQ(0, records());
     }
+    mAccess->setCaller(0);
     ASSERT_EQ(0, mManager->registerListener(new RecordingListener, {"a", "b"}, false));
     EXPECT_EQ(2, rows());
     EXPECT_NE(std::string::npos,
@@ -101,7 +100,7 @@ TEST_F(KeyManagerHostileCallerTest, ListenerWithoutRowsKeepsItsIdAndGoesWhenUnre
 
 TEST_F(KeyManagerHostileCallerTest, UsersTheDeviceDoesNotHaveAreRefusedAndGetNoDatabase) {
     std::string value;
-    mManager->setCaller(kApp);
+    mAccess->setCaller(kApp);
     testing::LogCapture log;
     // The uid of 42950 (and of 2147483647 and 4294967295) in an app wraps around to another
     // user: 42950 to user 0. Callers of such uids are simply of that other user.
@@ -109,12 +108,12 @@ TEST_F(KeyManagerHostileCallerTest, UsersTheDeviceDoesNotHaveAreRefusedAndGetNoD
         EXPECT_EQ(-9, mManager->getUser("x", value, Type::Integer, user)) << user;
         EXPECT_EQ(-8, mManager->setUser("x", "1", Type::Integer, user)) << user;
         if (multiuser_get_user_id(multiuser_get_uid(user, kApp)) != user) continue;
-        mManager->setCaller(multiuser_get_uid(user, kApp));
+        mAccess->setCaller(multiuser_get_uid(user, kApp));
         EXPECT_EQ(-9, mManager->get("x", value, Type::Integer)) << user;
         EXPECT_EQ(-8, mManager->set("x", "1", Type::Integer)) << user;
         EXPECT_EQ(-8, mManager->reset("x")) << user;
         EXPECT_EQ(-9, mManager->registerListener(new RecordingListener, {"x"}, false)) << user;
-        mManager->setCaller(kApp);
+        mAccess->setCaller(kApp);
     }
     EXPECT_TRUE(log.contains("x: get denied, user 777 does not exist on this device"));
     EXPECT_EQ(0, userFiles());
@@ -122,14 +121,14 @@ TEST_F(KeyManagerHostileCallerTest, UsersTheDeviceDoesNotHaveAreRefusedAndGetNoD
 
     // User 0 always exists; a list that names user 10 brings it in.
     EXPECT_EQ(0, mManager->setUser("x", "3", Type::Integer, 0));
-    mManager->setCaller(0);
+    mAccess->setCaller(0);
     ASSERT_EQ(0, mManager->userList({0, 10}));
-    mManager->setCaller(kApp);
+    mAccess->setCaller(kApp);
     EXPECT_EQ(0, mManager->setUser("x", "4", Type::Integer, 10));
     EXPECT_EQ(-8, mManager->setUser("x", "4", Type::Integer, 777));
     // At the next start, before any list, the users that have a database exist.
     restart();
-    mManager->setCaller(kApp);
+    mAccess->setCaller(kApp);
     EXPECT_EQ(0, mManager->getUser("x", value, Type::Integer, 10));
     EXPECT_EQ("4", value);
     EXPECT_EQ(-9, mManager->getUser("x", value, Type::Integer, 777));

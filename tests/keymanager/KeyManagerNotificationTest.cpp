@@ -46,7 +46,7 @@ protected:
     }
 
     void set(const std::string& key, const std::string& value) {
-        mManager->setCaller(0);
+        mAccess->setCaller(0);
         ASSERT_EQ(0, mManager->set(key, value, Type::Integer)) << key;
     }
 };

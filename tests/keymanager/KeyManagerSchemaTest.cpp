@@ -28,7 +28,7 @@ TEST_F(KeyManagerTest, AddUpdateAndRemoveSchemas) {
     EXPECT_EQ("a", rootValue("alpha.name", Type::String));
 
     // The package may write its writable key and only read the other one.
-    mManager->setCaller(kAlpha);
+    mAccess->setCaller(kAlpha);
     EXPECT_EQ(0, mManager->set("alpha.volume", "7", Type::Integer));
     EXPECT_EQ(-3, mManager->set("alpha.name", "b", Type::String));
     std::string value;
@@ -43,7 +43,7 @@ TEST_F(KeyManagerTest, AddUpdateAndRemoveSchemas) {
     EXPECT_EQ(-9, rootGet("alpha.name", value, Type::String));
     EXPECT_EQ("true", rootValue("alpha.mode", Type::Boolean));
     EXPECT_EQ("7", rootValue("alpha.volume", Type::Integer));
-    mManager->setCaller(kAlpha);
+    mAccess->setCaller(kAlpha);
     EXPECT_EQ(-3, mManager->set("alpha.volume", "8", Type::Integer));
     EXPECT_EQ(0, mManager->set("alpha.mode", "false", Type::Boolean));
 
@@ -91,12 +91,12 @@ TEST_F(KeyManagerTest, FailingKeyGetsNoPermissionWhileItsSiblingsRegister) {
     EXPECT_EQ(0u, Telemetry::count("key_register_success"));
     EXPECT_EQ(1u, Telemetry::count("schema_process_success"));
 
-    mManager->setCaller(kBeta);
+    mAccess->setCaller(kBeta);
     std::string value;
     EXPECT_EQ(-3, mManager->get("shared", value, Type::Integer));
     EXPECT_EQ(0, mManager->get("beta.own", value, Type::String));
     EXPECT_EQ("x", value);
-    mManager->setCaller(kAlpha);
+    mAccess->setCaller(kAlpha);
     EXPECT_EQ(0, mManager->set("shared", "2", Type::Integer));
 }
 
@@ -133,7 +133,7 @@ TEST(KeyManagerBatchTest, FailingBeginBatchStillAppliesEverySchemaAndCommits) {
     setenv("BINDER_DIR", dir.path().c_str(), 1);
     auto db = std::make_unique<FailingBatchDb>(dir.path());
     FailingBatchDb* raw = db.get();
-    testing::TestKeyManager manager(std::move(db));
+    PreferencesKeyManager manager(std::move(db), std::make_shared<testing::TestAccess>());
     Telemetry::resetCounts();
     EXPECT_TRUE(manager.process(
             testing::schemaList(schemaListJson(

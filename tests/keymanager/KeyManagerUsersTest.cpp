@@ -49,7 +49,7 @@ TEST_F(KeyManagerUsersTest, ChangesBumpTheGenerationsThatCachedReadsAreCheckedAg
              false},
             {"reset",
              [&] {
-                 mManager->setCaller(kApp);
+                 mAccess->setCaller(kApp);
                  mManager->reset("app.a");
              },
              false},
@@ -74,13 +74,13 @@ TEST_F(KeyManagerUsersTest, ChangesBumpTheGenerationsThatCachedReadsAreCheckedAg
 
 TEST_F(KeyManagerUsersTest, CurrentUserIsRecordedEvenWhenItsWriteIsRefused) {
     EXPECT_EQ(0u, mManager->getCurrentUser());
-    mManager->setCaller(0);
+    mAccess->setCaller(0);
     EXPECT_EQ(0, mManager->currentUser(10));
     EXPECT_EQ(10u, mManager->getCurrentUser());
     EXPECT_EQ("10", rootValue("current_user", Type::Integer));
 
     // An app without a row on "current_user": the set is refused, the memory still changes.
-    mManager->setCaller(kApp);
+    mAccess->setCaller(kApp);
     EXPECT_EQ(-3, mManager->currentUser(11));
     EXPECT_EQ(11u, mManager->getCurrentUser());
     EXPECT_EQ("10", rootValue("current_user", Type::Integer));
@@ -100,7 +100,7 @@ TEST_F(KeyManagerUsersTest, DumpListsListenersAndTheirKeys) {
             "      Listener Info:\n";
     EXPECT_EQ(properties, capturedText([&](int fd) { EXPECT_TRUE(mManager->dump(fd)); }));
 
-    mManager->setCaller(kApp);
+    mAccess->setCaller(kApp);
     ASSERT_EQ(0, mManager->registerListener(new testing::RecordingListener, {"app.b", "app.a"},
                                             false));
     ASSERT_EQ(0, mManager->registerListener(new testing::RecordingListener, {}, false));
@@ -123,7 +123,7 @@ TEST_F(KeyManagerUsersTest, ProfileAndTraceDumpsFollowTheirSwitches) {
     mManager->setTracing(true);
     EXPECT_TRUE(mManager->profiling());
     std::string value;
-    mManager->setCaller(kApp);
+    mAccess->setCaller(kApp);
     ASSERT_EQ(0, mManager->set("app.a", "1", Type::Integer));
     ASSERT_EQ(0, mManager->get("app.a", value, Type::Integer));
     ASSERT_EQ(0, mManager->get("app.a", value, Type::Integer));
@@ -147,7 +147,7 @@ TEST_F(KeyManagerUsersTest, ProfileAndTraceDumpsFollowTheirSwitches) {
     mManager->resetTrace();
     EXPECT_NE(std::string::npos,
               capturedText([&](int fd) { mManager->dumpProfile(fd); }).find("total reads:  0\n"));
-    mManager->setCaller(0);
+    mAccess->setCaller(0);
     EXPECT_EQ("", capturedText([&](int fd) { mManager->dumpTrace(fd); }));
 }
 
@@ -166,7 +166,7 @@ TEST_F(KeyManagerUsersTest, TypeQueryTraceRecordsTheTypeItReturnsOrStartedWith) 
             {"app.gone", Type::Long, -9, " | gettype | app.gone | type: 3, return -9 | "},
     };
     mManager->setTracing(true);
-    mManager->setCaller(0);
+    mAccess->setCaller(0);
     for (const Case& c : cases) {
         Type type = c.start;
         EXPECT_EQ(c.result, mManager->getType(c.key, type)) << c.key;

@@ -1,6 +1,5 @@
 #include "profiler/PreferencesProfiler.h"
 
-#include <binder/IPCThreadState.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -156,14 +155,10 @@ TEST(PreferencesProfilerTest, TraceIsCappedAndKeepsItsStart) {
     EXPECT_EQ("20", entries[1][0]);
 }
 
-TEST(PreferencesProfilerTest, LockTraceNamesTheBinderCaller) {
+TEST(PreferencesProfilerTest, LockTraceNamesTheCaller) {
     PreferencesProfiler profiler;
-    android::IPCThreadState* ipc = android::IPCThreadState::self();
-    profiler.recordLockTrace(kT0, "read", "own", 12);
-    int64_t token = ipc->clearCallingIdentity();
-    ipc->setCallingIdentity(getppid(), 0);
-    profiler.recordLockTrace(kT0 + microseconds(3), "write", "peer", -4);
-    ipc->restoreCallingIdentity(token);
+    profiler.recordLockTrace(kT0, "read", "own", 12, getpid());
+    profiler.recordLockTrace(kT0 + microseconds(3), "write", "peer", -4, getppid());
 
     std::string tid = std::to_string(gettid());
     std::string parent = Process::getProcessName(getppid(), true);

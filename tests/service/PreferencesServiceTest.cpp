@@ -70,7 +70,7 @@ TEST_F(ServiceTest, StoredTextsReadBackAsDocumented) {
 
 TEST_F(ServiceTest, NullOutValueFailsWithMinusTenBeforeTheKeyManager) {
     android::base::SetProperty(kAutosleepProperty, "45");
-    const int callsBefore = mManager->calls();
+    const int callsBefore = mAccess->calls();
     const String16 key("sys_integer");
     const String16 sleep("autosleep_time");
     const std::vector<Status> statuses = {mService->getInteger(sleep, nullptr),
@@ -98,11 +98,11 @@ TEST_F(ServiceTest, NullOutValueFailsWithMinusTenBeforeTheKeyManager) {
         EXPECT_EQ(Status::EX_SERVICE_SPECIFIC, statuses[i].exceptionCode()) << i;
         EXPECT_EQ(-10, statuses[i].serviceSpecificErrorCode()) << i;
     }
-    EXPECT_EQ(callsBefore, mManager->calls());
+    EXPECT_EQ(callsBefore, mAccess->calls());
 }
 
 TEST_F(ServiceTest, ListenerKeysAreCutAtNulAndResultsMapToStatuses) {
-    mManager->setCaller(kAppUid);
+    mAccess->setCaller(kAppUid);
     android::sp<RecordingListener> listener = new RecordingListener();
     const std::vector<String16> keys = {String16("sys_long\0ignored", 16), String16("sys_float")};
     ASSERT_TRUE(mService->registerListener(listener, keys, false).isOk());

@@ -57,8 +57,8 @@ const std::string& binderDir() {
 void ServiceTest::SetUp() {
     binderDir();
     android::base::SetProperty(kAutosleepProperty, "");
-    mManager = std::make_shared<TestKeyManager>(
-            std::make_unique<DirectoryPreferencesDb>(mDataDir.path()), std::nullopt);
+    mManager = std::make_shared<PreferencesKeyManager>(
+            std::make_unique<DirectoryPreferencesDb>(mDataDir.path()), mAccess);
     ASSERT_TRUE(apply(appSchemaList()));
     mService = new PreferencesService(mManager);
 }

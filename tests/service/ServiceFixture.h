@@ -31,8 +31,8 @@ std::string autosleepSchemaList();
 // $BINDER_DIR; searchable by every uid.
 const std::string& binderDir();
 
-// A service on a key manager (whose caller is the Binder caller unless a test fixes one) whose
-// store lives in a fresh directory, with the schemas of appSchemaList() applied. Empties the
+// A service on a key manager whose caller and OS permissions come from mAccess (root, holding
+// every permission, unless a test changes it) and whose store lives in a fresh directory, with the schemas of appSchemaList() applied. Empties the
 // autosleep_time override property before and after.
 class ServiceTest : public ::testing::Test {
 protected:
@@ -47,7 +47,8 @@ protected:
     std::optional<std::string> storedText(const std::string& dbName, const std::string& key);
 
     TempDir mDataDir;
-    std::shared_ptr<TestKeyManager> mManager;
+    std::shared_ptr<TestAccess> mAccess = std::make_shared<TestAccess>();
+    std::shared_ptr<PreferencesKeyManager> mManager;
     android::sp<PreferencesService> mService;
 };
 
