@@ -196,17 +196,6 @@ TEST_F(DaemonLifecycleTest, SigintStopsADaemonStartedWithSigintIgnored) {
     EXPECT_NE(0, stat(socketPath().c_str(), &st)) << "the socket outlived the daemon";
 }
 
-TEST_F(DaemonLifecycleTest, PackageManagerListensToTheAppInfoServiceUntilShutdown) {
-    // (Schema lists from a real prefs-appinfo reaching the daemon are tested in tests/e2e.)
-    ChildProcess appInfo({APPINFO_SERVICE, "--exit-after-ms", "600000"});
-    ASSERT_EQ("ready", appInfo.readLine(std::chrono::seconds(60)).value_or("(none)"));
-    start();
-    EXPECT_EQ("registered 1", appInfo.readLine(std::chrono::seconds(60)).value_or("(none)"));
-    EXPECT_THAT(dump({"nodb"}), HasSubstr("      Listening to AppInfoSerivce: True\n"));
-    stop();
-    EXPECT_EQ("unregistered 1", appInfo.readLine(std::chrono::seconds(60)).value_or("(none)"));
-}
-
 // A stopped app-info service delays the start by the registration's time limit and no more, and
 // SIGTERM stops the daemon during that wait as well as after it.
 TEST_F(DaemonLifecycleTest, AStoppedAppInfoServiceNeitherBlocksTheStartNorTheStop) {

@@ -179,8 +179,14 @@ TEST_F(ServiceCallerTest, OverridesServeOnlyPlainIntegerReadsTypeAndReset) {
 
 // profile() is for root only; a dump needs READ_SETTINGS.
 TEST_F(ServiceCallerTest, ProfileAndDumpAskTheCallersIdentity) {
-    EXPECT_EQ(Status::EX_UNSUPPORTED_OPERATION,
-              mService->profile("start-profiling", {}).exceptionCode());
+    // The system uid, the privileged application ids, an app, root's application id in users 1
+    // and 10, an app in user 10, nobody.
+    for (uid_t uid : {1000u, 1041u, 2907u, kAppUid, 100000u, 1000000u, 1010057u, 65534u}) {
+        mAccess->setCaller(uid);
+        EXPECT_EQ(Status::EX_UNSUPPORTED_OPERATION,
+                  mService->profile("start-profiling", {}).exceptionCode())
+                << uid;
+    }
     EXPECT_FALSE(mService->profiling());
     mAccess->setCaller(0);
     EXPECT_TRUE(mService->profile("start-profiling", {}).isOk());
