@@ -348,7 +348,7 @@ int PreferencesKeyManager::checkOsWritePermission() const {
     }
     ALOGE("write permission denied.");
     reportFailure("write_permission_error");
-    return -7;
+    return KeyManagerStatus::OsPermissionDenied;
 }
 
 int PreferencesKeyManager::checkOsReadPermission() const {
@@ -358,7 +358,7 @@ int PreferencesKeyManager::checkOsReadPermission() const {
     }
     ALOGE("read permission denied.");
     reportFailure("read_permission_error");
-    return -7;
+    return KeyManagerStatus::OsPermissionDenied;
 }
 
 void PreferencesKeyManager::setLegacyKeys(std::unordered_set<std::string> keys) {
@@ -394,14 +394,14 @@ PreferencesKeyManager::Access PreferencesKeyManager::checkKeyAccessLocked(const 
     Permission permission = Permission::None;
     if (mDb->getPreferencePermission(key, multiuser_get_app_id(caller), permission) != 0) {
         *rowReadFailed = true;
-        access.status = write ? -8 : -9;
+        access.status = write ? KeyManagerStatus::WriteRefused : KeyManagerStatus::ReadRefused;
         return access;
     }
     if (legacy) return access;
     const bool allowed =
             write ? permission == Permission::ReadWrite
                   : (permission == Permission::Read || permission == Permission::ReadWrite);
-    if (!allowed) access.status = -3;
+    if (!allowed) access.status = KeyManagerStatus::KeyPermissionDenied;
     return access;
 }
 
@@ -412,9 +412,11 @@ int PreferencesKeyManager::set(const std::string& key, const std::string& value,
               static_cast<int>(uid), key.c_str());
         Telemetry::reportError("key_set_error", uid,
                                "missing preferences service write permission");
-        return -7;
+        return KeyManagerStatus::OsPermissionDenied;
     }
-    if (refuseUnknownUser(multiuser_get_user_id(uid), "set", key)) return -8;
+    if (refuseUnknownUser(multiuser_get_user_id(uid), "set", key)) {
+        return KeyManagerStatus::WriteRefused;
+    }
     const int result = setWithoutCallback(key, value, type, uid);
     if (result == 0) mQueue.enqueue(key);
     // Reported whatever the outcome: the event counts set requests that passed the OS check.
@@ -428,7 +430,7 @@ int PreferencesKeyManager::set(const std::string& key, const std::string& value,
 
 int PreferencesKeyManager::setUser(const std::string& key, const std::string& value, Type type,
                                    unsigned int userId) {
-    if (refuseUnknownUser(userId, "set", key)) return -8;
+    if (refuseUnknownUser(userId, "set", key)) return KeyManagerStatus::WriteRefused;
     const uid_t uid = multiuser_get_uid(userId, multiuser_get_app_id(getCallingUid()));
     return set(key, value, type, uid);
 }
@@ -467,11 +469,11 @@ int PreferencesKeyManager::setWithoutCallback(const std::string& key, const std:
               "definition",
               package().c_str(), key.c_str());
         Telemetry::reportError("key_set_error", uid, "wrong type or undefined key");
-        result = -8;
+        result = KeyManagerStatus::WriteRefused;
     } else if (mDb->setPreferenceValue(access.user, access.checkingUser, key, value) != 0) {
         ALOGE("%s, %s: set denied, can not be write to database", package().c_str(), key.c_str());
         Telemetry::reportError("key_set_error", uid, "can not be written to database");
-        result = -8;
+        result = KeyManagerStatus::WriteRefused;
     } else {
         const long long duration = timed ? microsSince(start) : 0;
         if (key == "mic_muted") Telemetry::report("mic_muted_set", uid, true);
@@ -498,9 +500,11 @@ int PreferencesKeyManager::get(const std::string& key, std::string& out, Type ty
         ALOGE("%s - %d: denied, make sure app has set permission in AndroidManifest.xml",
               key.c_str(), static_cast<int>(uid));
         Telemetry::reportError("key_get_error", uid, "missing preferences service read permission");
-        return -7;
+        return KeyManagerStatus::OsPermissionDenied;
     }
-    if (refuseUnknownUser(multiuser_get_user_id(uid), "get", key)) return -9;
+    if (refuseUnknownUser(multiuser_get_user_id(uid), "get", key)) {
+        return KeyManagerStatus::ReadRefused;
+    }
     return getWithoutPermissionCheck(key, out, type, uid);
 }
 
@@ -510,7 +514,7 @@ int PreferencesKeyManager::get(const std::string& key, std::string& out, Type ty
 
 int PreferencesKeyManager::getUser(const std::string& key, std::string& out, Type type,
                                    unsigned int userId) {
-    if (refuseUnknownUser(userId, "get", key)) return -9;
+    if (refuseUnknownUser(userId, "get", key)) return KeyManagerStatus::ReadRefused;
     const uid_t uid = multiuser_get_uid(userId, multiuser_get_app_id(getCallingUid()));
     return get(key, out, type, uid);
 }
@@ -546,11 +550,11 @@ int PreferencesKeyManager::getWithoutPermissionCheck(const std::string& key, std
               "definition",
               package().c_str(), key.c_str());
         Telemetry::reportError("key_get_error", uid, "wrong type or undefined key");
-        result = -9;
+        result = KeyManagerStatus::ReadRefused;
     } else if (mDb->getPreferenceValue(access.user, access.checkingUser, key, value) != 0) {
         ALOGE("%s, %s: get denied, can not be read from database", package().c_str(), key.c_str());
         Telemetry::reportError("key_get_error", uid, "can not be read from database");
-        result = -9;
+        result = KeyManagerStatus::ReadRefused;
     } else {
         if (value.has_value()) {
             out = std::move(*value);
@@ -580,7 +584,7 @@ int PreferencesKeyManager::getWithoutPermissionCheck(const std::string& key, std
 int PreferencesKeyManager::getTypeLockedPermitted(const std::string& key, Type& out) const {
     if (mDb->getPreferenceType(key, out) != 0) {
         reportFailure("get_type_from_db_error");
-        return -9;
+        return KeyManagerStatus::ReadRefused;
     }
     reportSuccess("get_type_from_db_success", getCallingUid());
     return 0;
@@ -624,9 +628,11 @@ int PreferencesKeyManager::reset(const std::string& key) {
               key.c_str());
         Telemetry::reportError("key_reset_error", uid,
                                "missing preferences service write permission");
-        return -7;
+        return KeyManagerStatus::OsPermissionDenied;
     }
-    if (refuseUnknownUser(multiuser_get_user_id(uid), "reset", key)) return -8;
+    if (refuseUnknownUser(multiuser_get_user_id(uid), "reset", key)) {
+        return KeyManagerStatus::WriteRefused;
+    }
     lockTimed("reset", key);
     const Clock::time_point start = Clock::now();
     bool rowReadFailed = false;
@@ -647,7 +653,7 @@ int PreferencesKeyManager::reset(const std::string& key) {
     } else if (mDb->clearCurrentPreferenceValue(access.user, key) != 0) {
         ALOGE("unable to clear key value %d, %s", static_cast<int>(uid), key.c_str());
         Telemetry::reportError("key_reset_error", uid, "can not be cleared in database");
-        result = -8;
+        result = KeyManagerStatus::WriteRefused;
     } else if (mTracing) {
         mProfiler->recordTrace(std::chrono::time_point_cast<std::chrono::microseconds>(start),
                                EventType::Reset, key, package, callingPidForTrace(), threadId(),
@@ -732,23 +738,23 @@ int PreferencesKeyManager::registerListener(
     const pid_t pid = android::IPCThreadState::self()->getCallingPid();
     const uid_t uid = getCallingUid();
     const std::string package = PreferencesKeyInfo::get(uid);
-    if (listener == nullptr) return -13;
+    if (listener == nullptr) return KeyManagerStatus::ListenerNotStored;
     // Another process can only hand in an object of this process by handing back one of ours
     // (the service itself, for one), which never dies with that process.
     if (pid != getpid() && android::IInterface::asBinder(listener)->localBinder() != nullptr) {
         ALOGE("%s, register listener denied, the listener is an object of this service",
               package.c_str());
-        return -13;
+        return KeyManagerStatus::ListenerNotStored;
     }
     if (!isPrivilegedAppId(uid) && checkOsReadPermission() != 0) {
         ALOGE("%s, register listener denied, make sure app has set permission in "
               "AndroidManifest.xml",
               package.c_str());
         Telemetry::reportError("register_listener_error", uid, "missing read permission");
-        return -7;
+        return KeyManagerStatus::OsPermissionDenied;
     }
     if (refuseUnknownUser(multiuser_get_user_id(uid), "register listener", stringJoin(keys, ","))) {
-        return -9;
+        return KeyManagerStatus::ReadRefused;
     }
     lockTimed("register", package);
     const Clock::time_point start = Clock::now();
@@ -758,14 +764,14 @@ int PreferencesKeyManager::registerListener(
         if (mDb->getPreferencePermission(key, multiuser_get_app_id(uid), permission) != 0) {
             ALOGE("%s, %s: register listener denied, make sure app key is defined", package.c_str(),
                   key.c_str());
-            result = -9;
+            result = KeyManagerStatus::ReadRefused;
             break;
         }
         if (uid != 0 && permission != Permission::Read && permission != Permission::ReadWrite) {
             ALOGE("%s, %s: register listener denied due to lack of permission, check app key's "
                   "permission field",
                   package.c_str(), key.c_str());
-            result = -3;
+            result = KeyManagerStatus::KeyPermissionDenied;
             break;
         }
     }
@@ -773,7 +779,7 @@ int PreferencesKeyManager::registerListener(
     if (result == 0 &&
         (mDb->registerPreferenceListener(uid, keys, uuid) != 0 || mListeners.count(uuid) != 0)) {
         ALOGE("%s, register listener denied, unable to register in database", package.c_str());
-        result = -13;
+        result = KeyManagerStatus::ListenerNotStored;
         // Rows stored before the failure would outlive the refused listener; its id is released.
         // An id held by a live record was not handed out by this call and stays as it is.
         if (uuid != 0 && mListeners.count(uuid) == 0) mDb->unregisterPreferenceListener(uid, uuid);
@@ -799,7 +805,7 @@ int PreferencesKeyManager::unregisterListener(
     if (!isPrivilegedAppId(uid) && checkOsReadPermission() != 0) {
         ALOGE("%s, unregister listener, make sure app has set permission in AndroidManifest.xml",
               package.c_str());
-        return -7;
+        return KeyManagerStatus::OsPermissionDenied;
     }
     // Released after mMutex so that the record's unlink from its binder runs unlocked.
     android::sp<PreferencesListener> removed;
@@ -811,7 +817,7 @@ int PreferencesKeyManager::unregisterListener(
     if (mDb->getPreferenceListenersIdsForPackage(uid, uuids) != 0 || uuids.empty()) {
         ALOGE("unregister listener, can not find in database, %d", static_cast<int>(uid));
         reportFailure("unregister_listener_not_found");
-        result = -6;
+        result = KeyManagerStatus::ListenerNotFound;
     } else {
         for (unsigned int uuid : uuids) {
             auto it = mListeners.find(uuid);
@@ -824,7 +830,7 @@ int PreferencesKeyManager::unregisterListener(
         if (removed == nullptr) {
             ALOGE("%s, unregister listener, can not find in database", package.c_str());
             reportFailure("unregister_listener_not_found");
-            result = -6;
+            result = KeyManagerStatus::ListenerNotFound;
         } else {
             mDb->unregisterPreferenceListener(uid, removed->getUuid());
             if (mTracing) {
@@ -839,8 +845,8 @@ int PreferencesKeyManager::unregisterListener(
     }
     if (removed == nullptr) {
         // A record without rows (registered without keys, or whose keys have expired) cannot be
-        // found through the store. The caller is told -6 as for any unknown listener, but the
-        // record goes all the same, so that it does not outlive its client.
+        // found through the store. The caller is told ListenerNotFound as for any unknown
+        // listener, but the record goes all the same, so that it does not outlive its client.
         for (auto it = mListeners.begin(); it != mListeners.end(); ++it) {
             if (it->second->getUid() == uid &&
                 android::IInterface::asBinder(it->second->getListener()) == binder) {
@@ -871,7 +877,8 @@ int PreferencesKeyManager::userList(const std::vector<int>& users) {
     const int permission = checkOsWritePermission();
     if (permission != 0) return permission;
     Mutex::Autolock lock(mMutex);
-    const int result = mDb->updateUserList(users) != 0 ? -15 : 0;
+    const int result = mDb->updateUserList(users) != 0 ? KeyManagerStatus::UserOperationFailed
+                                                       : KeyManagerStatus::Ok;
     Mutex::Autolock usersLock(mUsersLock);
     mUsers = {0};
     for (int user : users) {
@@ -885,7 +892,8 @@ int PreferencesKeyManager::deleteUserData(unsigned int userId) {
     const int permission = checkOsWritePermission();
     if (permission != 0) return permission;
     Mutex::Autolock lock(mMutex);
-    const int result = mDb->deleteUserData(userId) != 0 ? -15 : 0;
+    const int result = mDb->deleteUserData(userId) != 0 ? KeyManagerStatus::UserOperationFailed
+                                                        : KeyManagerStatus::Ok;
     mGenerations.bumpGlobal();
     return result;
 }
