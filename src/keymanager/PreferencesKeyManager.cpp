@@ -19,6 +19,7 @@
 #include <system_error>
 
 #include "keymanager/DumpBuffer.h"
+#include "profiler/TraceData.h"
 #include "store/Sqlite3PreferencesDb.h"
 #include "telemetry/Telemetry.h"
 
@@ -68,7 +69,7 @@ const char* trueFalse(bool value) {
 
 unsigned int callingPidForTrace() {
     pid_t pid = android::IPCThreadState::self()->getCallingPid();
-    return pid == getpid() ? 4294967295u : static_cast<unsigned int>(pid);
+    return pid == getpid() ? TraceData::kOwnPid : static_cast<unsigned int>(pid);
 }
 
 unsigned int threadId() {
@@ -130,27 +131,38 @@ long long PreferencesKeyManager::microsSince(Clock::time_point start) {
     return std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start).count();
 }
 
-template <typename DetailFn>
-PreferencesKeyManager::Clock::time_point PreferencesKeyManager::lockTimedWith(
-        const char* operation, const DetailFn& detail) {
+template <typename DetailFn, typename>
+PreferencesKeyManager::TimedLock::TimedLock(PreferencesKeyManager& keyManager,
+                                            const char* operation, const DetailFn& detail)
+    : mKeyManager(keyManager) {
     const Clock::time_point before = Clock::now();
-    mMutex.lock();
+    keyManager.mMutex.lock();
     // The switches only change under mMutex, so they hold still from here on.
-    if (mProfiling || mTracing) {
+    if (keyManager.mProfiling || keyManager.mTracing) {
         const long long wait = microsSince(before);
-        if (mProfiling) mProfiler->recordLock(wait);
-        if (mTracing) {
-            mProfiler->recordLockTrace(
+        if (keyManager.mProfiling) keyManager.mProfiler->recordLock(wait);
+        if (keyManager.mTracing) {
+            keyManager.mProfiler->recordLockTrace(
                     std::chrono::time_point_cast<std::chrono::microseconds>(before), operation,
                     detail(), wait);
         }
     }
-    return before;
 }
 
-PreferencesKeyManager::Clock::time_point PreferencesKeyManager::lockTimed(
-        const char* operation, const std::string& detail) {
-    return lockTimedWith(operation, [&detail]() -> const std::string& { return detail; });
+PreferencesKeyManager::TimedLock::TimedLock(PreferencesKeyManager& keyManager,
+                                            const char* operation, const std::string& detail)
+    : TimedLock(keyManager, operation, [&detail]() -> const std::string& { return detail; }) {}
+
+PreferencesKeyManager::TimedLock::~TimedLock() {
+    mKeyManager.mMutex.unlock();
+}
+
+void PreferencesKeyManager::traceLocked(EventType type, Clock::time_point start,
+                                        long long durationUs, std::string first, std::string second,
+                                        unsigned int pid) {
+    mProfiler->recordTrace(std::chrono::time_point_cast<std::chrono::microseconds>(start), type,
+                           std::move(first), std::move(second), pid, threadId(),
+                           static_cast<unsigned long>(durationUs));
 }
 
 bool PreferencesKeyManager::isPrivilegedAppId(uid_t uid) const {
@@ -177,7 +189,7 @@ bool PreferencesKeyManager::process(const std::unique_ptr<PreferencesSchemaList>
     if (list == nullptr) return true;
 
     const Clock::time_point start = Clock::now();
-    lockTimed("process", "start");
+    TimedLock lock(*this, "process", "start");
 
     if (list->isRestarted()) {
         std::set<std::pair<unsigned int, const std::string>> packages;
@@ -231,16 +243,13 @@ bool PreferencesKeyManager::process(const std::unique_ptr<PreferencesSchemaList>
     mDb->unregisterExpiredPreferences();
 
     if (mTracing) {
-        mProfiler->recordTrace(
-                std::chrono::time_point_cast<std::chrono::microseconds>(start), EventType::Process,
-                fmt::format("list restarted: {}, installed: {}, size: {}",
-                            boolText(list->isRestarted()), boolText(installed), list->size()),
-                result ? "1" : "0", static_cast<unsigned int>(-1), threadId(),
-                static_cast<unsigned long>(microsSince(start)));
+        traceLocked(EventType::Process, start, microsSince(start),
+                    fmt::format("list restarted: {}, installed: {}, size: {}",
+                                boolText(list->isRestarted()), boolText(installed), list->size()),
+                    result ? "1" : "0", TraceData::kOwnPid);
     }
     reportSuccess("schema_process_success", getCallingUid());
     mGenerations.bumpGlobal();
-    mMutex.unlock();
     return result;
 }
 
@@ -443,7 +452,7 @@ int PreferencesKeyManager::setWithoutCallback(const std::string& key, const std:
         ALOG(LOG_VERBOSE, LOG_TAG, "%s, setting key (%s) to value (%s)", package().c_str(),
              key.c_str(), value.c_str());
     }
-    lockTimed("write", key);
+    TimedLock lock(*this, "write", key);
     const bool timed = mProfiling || mTracing;
     const Clock::time_point start = timed ? Clock::now() : Clock::time_point();
 
@@ -479,14 +488,11 @@ int PreferencesKeyManager::setWithoutCallback(const std::string& key, const std:
         if (key == "mic_muted") Telemetry::report("mic_muted_set", uid, true);
         if (mProfiling) mProfiler->recordWrite(key, duration);
         if (mTracing) {
-            mProfiler->recordTrace(std::chrono::time_point_cast<std::chrono::microseconds>(start),
-                                   EventType::Write, key, value, callingPidForTrace(), threadId(),
-                                   static_cast<unsigned long>(duration));
+            traceLocked(EventType::Write, start, duration, key, value, callingPidForTrace());
         }
         reportSuccess("set_value_success", uid);
     }
     if (access.status == 0) mGenerations.bumpKey(key);
-    mMutex.unlock();
     return result;
 }
 
@@ -523,7 +529,7 @@ int PreferencesKeyManager::getWithoutPermissionCheck(const std::string& key, std
                                                      Type type, uid_t uid) {
     // The package name only goes into log lines, so it is looked up only for one.
     const auto package = [uid] { return PreferencesKeyInfo::get(uid); };
-    lockTimed("read", key);
+    TimedLock lock(*this, "read", key);
     const bool timed = mProfiling || mTracing;
     const Clock::time_point start = timed ? Clock::now() : Clock::time_point();
 
@@ -565,14 +571,10 @@ int PreferencesKeyManager::getWithoutPermissionCheck(const std::string& key, std
             const long long duration = microsSince(start);
             if (mProfiling) mProfiler->recordRead(key, duration);
             if (mTracing) {
-                mProfiler->recordTrace(
-                        std::chrono::time_point_cast<std::chrono::microseconds>(start),
-                        EventType::Read, key, out, callingPidForTrace(), threadId(),
-                        static_cast<unsigned long>(duration));
+                traceLocked(EventType::Read, start, duration, key, out, callingPidForTrace());
             }
         }
     }
-    mMutex.unlock();
     return result;
 }
 
@@ -592,7 +594,7 @@ int PreferencesKeyManager::getTypeLockedPermitted(const std::string& key, Type& 
 
 int PreferencesKeyManager::getType(const std::string& key, Type& out) {
     const uid_t uid = getCallingUid();
-    lockTimed("getType", key);
+    TimedLock lock(*this, "getType", key);
     const Clock::time_point start = Clock::now();
     bool rowReadFailed = false;
     const Access access = checkKeyAccessLocked(key, uid, /*write=*/false, &rowReadFailed);
@@ -611,12 +613,10 @@ int PreferencesKeyManager::getType(const std::string& key, Type& out) {
         result = getTypeLockedPermitted(key, out);
     }
     if (mTracing) {
-        mProfiler->recordTrace(
-                std::chrono::time_point_cast<std::chrono::microseconds>(start), EventType::GetType,
-                key, fmt::format("type: {}, return {}", static_cast<uint32_t>(out), result),
-                callingPidForTrace(), threadId(), static_cast<unsigned long>(microsSince(start)));
+        traceLocked(EventType::GetType, start, microsSince(start), key,
+                    fmt::format("type: {}, return {}", static_cast<uint32_t>(out), result),
+                    callingPidForTrace());
     }
-    mMutex.unlock();
     return result;
 }
 
@@ -633,34 +633,37 @@ int PreferencesKeyManager::reset(const std::string& key) {
     if (refuseUnknownUser(multiuser_get_user_id(uid), "reset", key)) {
         return KeyManagerStatus::WriteRefused;
     }
-    lockTimed("reset", key);
-    const Clock::time_point start = Clock::now();
-    bool rowReadFailed = false;
-    const Access access = checkKeyAccessLocked(key, uid, /*write=*/true, &rowReadFailed);
-    int result = access.status;
-    if (result != 0) {
-        if (rowReadFailed) {
-            ALOGE("%s, %s: get denied, make sure app key is defined", package.c_str(), key.c_str());
-            Telemetry::reportError("key_reset_error", uid,
-                                   "reset denied, make sure app has key defined");
-        } else {
-            ALOGE("%s, %s: reset denied due to lack of permission, check app key's permission "
-                  "field",
-                  package.c_str(), key.c_str());
-            Telemetry::reportError("key_reset_error", uid,
-                                   "missing permission to write preference");
+    int result = KeyManagerStatus::Ok;
+    {
+        TimedLock lock(*this, "reset", key);
+        const Clock::time_point start = Clock::now();
+        bool rowReadFailed = false;
+        const Access access = checkKeyAccessLocked(key, uid, /*write=*/true, &rowReadFailed);
+        result = access.status;
+        if (result != 0) {
+            if (rowReadFailed) {
+                ALOGE("%s, %s: get denied, make sure app key is defined", package.c_str(),
+                      key.c_str());
+                Telemetry::reportError("key_reset_error", uid,
+                                       "reset denied, make sure app has key defined");
+            } else {
+                ALOGE("%s, %s: reset denied due to lack of permission, check app key's permission "
+                      "field",
+                      package.c_str(), key.c_str());
+                Telemetry::reportError("key_reset_error", uid,
+                                       "missing permission to write preference");
+            }
+        } else if (mDb->clearCurrentPreferenceValue(access.user, key) != 0) {
+            ALOGE("unable to clear key value %d, %s", static_cast<int>(uid), key.c_str());
+            Telemetry::reportError("key_reset_error", uid, "can not be cleared in database");
+            result = KeyManagerStatus::WriteRefused;
+        } else if (mTracing) {
+            traceLocked(EventType::Reset, start, microsSince(start), key, package,
+                        callingPidForTrace());
         }
-    } else if (mDb->clearCurrentPreferenceValue(access.user, key) != 0) {
-        ALOGE("unable to clear key value %d, %s", static_cast<int>(uid), key.c_str());
-        Telemetry::reportError("key_reset_error", uid, "can not be cleared in database");
-        result = KeyManagerStatus::WriteRefused;
-    } else if (mTracing) {
-        mProfiler->recordTrace(std::chrono::time_point_cast<std::chrono::microseconds>(start),
-                               EventType::Reset, key, package, callingPidForTrace(), threadId(),
-                               static_cast<unsigned long>(microsSince(start)));
+        if (access.status == 0) mGenerations.bumpKey(key);
     }
-    if (access.status == 0) mGenerations.bumpKey(key);
-    mMutex.unlock();
+    // Queued once mMutex is released, like a write.
     if (result == 0) mQueue.enqueue(key);
     return result;
 }
@@ -696,7 +699,7 @@ void PreferencesKeyManager::callback() {
             changed.insert(std::move(name));
         }
 
-        lockTimedWith("callback", [&changed] {
+        TimedLock lock(*this, "callback", [&changed] {
             return stringJoin({changed.begin(), changed.end()}, ",");
         });
         std::map<uint32_t, std::set<std::string>> keysByListener;
@@ -720,15 +723,13 @@ void PreferencesKeyManager::callback() {
             // One-way: a slow or dead client cannot hold up the pass.
             record->getListener()->onChanged(keys16);
             if (mTracing) {
-                mProfiler->recordTrace(
-                        std::chrono::time_point_cast<std::chrono::microseconds>(start),
-                        EventType::Callback, stringJoin({keys.begin(), keys.end()}, ","),
-                        fmt::format("{}:{}", record->getUid(), record->getUuid()), record->getPid(),
-                        threadId(), static_cast<unsigned long>(microsSince(start)));
+                traceLocked(EventType::Callback, start, microsSince(start),
+                            stringJoin({keys.begin(), keys.end()}, ","),
+                            fmt::format("{}:{}", record->getUid(), record->getUuid()),
+                            record->getPid());
             }
         }
         reportSuccess("callback_success", getCallingUid());
-        mMutex.unlock();
     }
 }
 
@@ -756,7 +757,7 @@ int PreferencesKeyManager::registerListener(
     if (refuseUnknownUser(multiuser_get_user_id(uid), "register listener", stringJoin(keys, ","))) {
         return KeyManagerStatus::ReadRefused;
     }
-    lockTimed("register", package);
+    TimedLock lock(*this, "register", package);
     const Clock::time_point start = Clock::now();
     int result = 0;
     for (const std::string& key : keys) {
@@ -787,15 +788,11 @@ int PreferencesKeyManager::registerListener(
     if (result == 0) {
         mListeners[uuid] = new PreferencesListener(this, listener, keys, pid, uid, uuid);
         if (mTracing) {
-            mProfiler->recordTrace(std::chrono::time_point_cast<std::chrono::microseconds>(start),
-                                   EventType::Register, stringJoin(keys, ","),
-                                   fmt::format("{}:{}:{}", uid, uuid, pid),
-                                   static_cast<unsigned int>(pid), threadId(),
-                                   static_cast<unsigned long>(microsSince(start)));
+            traceLocked(EventType::Register, start, microsSince(start), stringJoin(keys, ","),
+                        fmt::format("{}:{}:{}", uid, uuid, pid), static_cast<unsigned int>(pid));
         }
         reportSuccess("register_listener_success", uid);
     }
-    mMutex.unlock();
     return result;
 }
 
@@ -809,7 +806,7 @@ int PreferencesKeyManager::unregisterListener(
     }
     // Released after mMutex so that the record's unlink from its binder runs unlocked.
     android::sp<PreferencesListener> removed;
-    lockTimed("unregister", package);
+    TimedLock lock(*this, "unregister", package);
     const Clock::time_point start = Clock::now();
     int result = 0;
     std::vector<unsigned int> uuids;
@@ -834,11 +831,9 @@ int PreferencesKeyManager::unregisterListener(
         } else {
             mDb->unregisterPreferenceListener(uid, removed->getUuid());
             if (mTracing) {
-                mProfiler->recordTrace(
-                        std::chrono::time_point_cast<std::chrono::microseconds>(start),
-                        EventType::Unregister, stringJoin(removed->getKeys(), ","),
-                        fmt::format("{}:{}", uid, removed->getUuid()), removed->getPid(),
-                        threadId(), static_cast<unsigned long>(microsSince(start)));
+                traceLocked(EventType::Unregister, start, microsSince(start),
+                            stringJoin(removed->getKeys(), ","),
+                            fmt::format("{}:{}", uid, removed->getUuid()), removed->getPid());
             }
             reportSuccess("unregister_listener_success", uid);
         }
@@ -856,7 +851,6 @@ int PreferencesKeyManager::unregisterListener(
             }
         }
     }
-    mMutex.unlock();
     return result;
 }
 
@@ -907,60 +901,67 @@ bool PreferencesKeyManager::dump(int callerFd) {
     // The store pointer is only reset by the destructor, which no dump can overlap.
     dprintf(fd, "      Database Exists:             %s\n", trueFalse(mDb != nullptr));
     dprintf(fd, "      Schema Queue Terminated:     %s\n", trueFalse(mQueue.isTerminated()));
-    mMutex.lock();
-    dprintf(fd, "      Schema Thread Running:       %s\n", trueFalse(mRunning));
-    dprintf(fd, "      Listener Info:\n");
-    for (const auto& [uuid, record] : mListeners) {
-        dprintf(fd, "        uuid: %u\n", uuid);
-        dprintf(fd, "          pid: %u, uid: %u, uuid: %u\n", record->getPid(), record->getUid(),
-                record->getUuid());
-        dprintf(fd, "          keys: \n");
-        if (record->getKeys().empty()) {
-            dprintf(fd, "            no keys\n");
-        }
-        for (const std::string& key : record->getKeys()) {
-            dprintf(fd, "            %s\n", key.c_str());
+    {
+        Mutex::Autolock lock(mMutex);
+        dprintf(fd, "      Schema Thread Running:       %s\n", trueFalse(mRunning));
+        dprintf(fd, "      Listener Info:\n");
+        for (const auto& [uuid, record] : mListeners) {
+            dprintf(fd, "        uuid: %u\n", uuid);
+            dprintf(fd, "          pid: %u, uid: %u, uuid: %u\n", record->getPid(),
+                    record->getUid(), record->getUuid());
+            dprintf(fd, "          keys: \n");
+            if (record->getKeys().empty()) {
+                dprintf(fd, "            no keys\n");
+            }
+            for (const std::string& key : record->getKeys()) {
+                dprintf(fd, "            %s\n", key.c_str());
+            }
         }
     }
-    mMutex.unlock();
     text.copyTo(callerFd, dumpTimeout());
     return true;
 }
 
 bool PreferencesKeyManager::dumpDb(int callerFd) {
     DumpBuffer text;
-    mMutex.lock();
-    if (mDb != nullptr) mDb->dumpDatabases(text.fd());
-    mMutex.unlock();
+    {
+        Mutex::Autolock lock(mMutex);
+        if (mDb != nullptr) mDb->dumpDatabases(text.fd());
+    }
     text.copyTo(callerFd, dumpTimeout());
     return true;
 }
 
 bool PreferencesKeyManager::dumpPreferences(int callerFd) {
     DumpBuffer text;
-    mMutex.lock();
-    if (mDb != nullptr) mDb->dumpPreferencesTable(text.fd());
-    mMutex.unlock();
+    {
+        Mutex::Autolock lock(mMutex);
+        if (mDb != nullptr) mDb->dumpPreferencesTable(text.fd());
+    }
     text.copyTo(callerFd, dumpTimeout());
     return true;
 }
 
 bool PreferencesKeyManager::dumpProfile(int callerFd) {
     DumpBuffer text;
-    mMutex.lock();
-    const bool on = mProfiling;
-    if (on) mProfiler->dumpProfile(text.fd());
-    mMutex.unlock();
+    bool on = false;
+    {
+        Mutex::Autolock lock(mMutex);
+        on = mProfiling;
+        if (on) mProfiler->dumpProfile(text.fd());
+    }
     if (on) text.copyTo(callerFd, dumpTimeout());
     return on;
 }
 
 bool PreferencesKeyManager::dumpTrace(int callerFd) {
     DumpBuffer text;
-    mMutex.lock();
-    const bool on = mTracing;
-    if (on) mProfiler->dumpTrace(text.fd());
-    mMutex.unlock();
+    bool on = false;
+    {
+        Mutex::Autolock lock(mMutex);
+        on = mTracing;
+        if (on) mProfiler->dumpTrace(text.fd());
+    }
     if (on) text.copyTo(callerFd, dumpTimeout());
     return on;
 }

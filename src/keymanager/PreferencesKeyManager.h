@@ -13,6 +13,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <type_traits>
 #include <unordered_set>
 #include <vector>
 
@@ -216,13 +217,33 @@ private:
         std::optional<unsigned int> checkingUser;  // passed to the store as the current user
     };
 
-    // Locks mMutex and records the wait when profiling or tracing; returns the time the wait
-    // began. The clock is read a second time only when the wait is recorded.
-    Clock::time_point lockTimed(const char* operation, const std::string& detail) ACQUIRE(mMutex);
-    // The same, for a trace detail that costs something to build: `detail()` is only called when
-    // the wait goes into the trace.
-    template <typename DetailFn>
-    Clock::time_point lockTimedWith(const char* operation, const DetailFn& detail) ACQUIRE(mMutex);
+    // Holds the key manager's mMutex for its lifetime. Taking it records the wait when profiling
+    // (recordLock) or tracing (recordLockTrace with `operation` and `detail`); the clock is read a
+    // second time only when the wait is recorded.
+    class SCOPED_CAPABILITY TimedLock {
+    public:
+        TimedLock(PreferencesKeyManager& keyManager, const char* operation,
+                  const std::string& detail) ACQUIRE(keyManager.mMutex);
+        // For a trace detail that costs something to build: `detail()` is only called when the
+        // wait goes into the trace.
+        template <typename DetailFn,
+                  typename = std::enable_if_t<std::is_invocable_v<const DetailFn&>>>
+        TimedLock(PreferencesKeyManager& keyManager, const char* operation, const DetailFn& detail)
+                ACQUIRE(keyManager.mMutex);
+        ~TimedLock() RELEASE();
+        TimedLock(const TimedLock&) = delete;
+        TimedLock& operator=(const TimedLock&) = delete;
+
+    private:
+        PreferencesKeyManager& mKeyManager;
+    };
+
+    // Appends a trace entry of `type` for an operation of the current thread that began at
+    // `start` and took `durationUs`; `pid` is the process it was done for. Callers check
+    // mTracing first, so that the texts are only built for a trace.
+    void traceLocked(PreferencesProfiler::EventType type, Clock::time_point start,
+                     long long durationUs, std::string first, std::string second, unsigned int pid)
+            REQUIRES(mMutex);
     Access checkKeyAccessLocked(const std::string& key, uid_t uid, bool write, bool* rowReadFailed)
             REQUIRES(mMutex);
     bool isPrivilegedAppId(uid_t uid) const;
