@@ -659,6 +659,78 @@ int PreferencesKeyManager::reset(const std::string& key) {
     return result;
 }
 
+// ---- Listing and describing keys ----
+
+bool PreferencesKeyManager::mayWriteAsOs(uid_t uid) const {
+    return isPrivilegedAppId(uid) ||
+            android::PermissionCache::checkCallingPermission(writePermissionName());
+}
+
+int PreferencesKeyManager::checkReadCall(uid_t uid, const char* operation,
+                                         const std::string& detail) const {
+    if (!isPrivilegedAppId(uid) && checkOsReadPermission() != 0) {
+        ALOGE("%s - %d: %s denied, make sure app has set permission in AndroidManifest.xml",
+              detail.c_str(), static_cast<int>(uid), operation);
+        return -7;
+    }
+    if (refuseUnknownUser(multiuser_get_user_id(uid), operation, detail)) return -9;
+    return 0;
+}
+
+int PreferencesKeyManager::describeLocked(const IPreferencesDb::PreferenceDefinition& definition,
+                                          uid_t uid, bool osWrite, KeyDescription& out) {
+    bool rowReadFailed = false;
+    const Access read = checkKeyAccessLocked(definition.key, uid, /*write=*/false, &rowReadFailed);
+    if (read.status != 0) return read.status;
+    // A declared type outside the value types fails every typed get.
+    if (definition.type >= Type::NoType) return -9;
+    const bool writable =
+            osWrite &&
+            checkKeyAccessLocked(definition.key, uid, /*write=*/true, &rowReadFailed).status == 0;
+    out = KeyDescription{definition.key,          definition.type,         definition.scope,
+                         definition.defaultValue, definition.ownerPackage, writable};
+    return 0;
+}
+
+int PreferencesKeyManager::listKeys(const std::string& ownerPackage,
+                                    std::vector<KeyDescription>& out) {
+    const uid_t uid = getCallingUid();
+    if (const int refused = checkReadCall(uid, "listKeys", ownerPackage); refused != 0) {
+        return refused;
+    }
+    const bool osWrite = mayWriteAsOs(uid);
+    lockTimed("listKeys", ownerPackage);
+    std::vector<IPreferencesDb::PreferenceDefinition> definitions;
+    int result = mDb->getPreferenceDefinitions(std::nullopt, definitions) == 0 ? 0 : -9;
+    std::vector<KeyDescription> described;
+    for (const IPreferencesDb::PreferenceDefinition& definition : definitions) {
+        if (!ownerPackage.empty() && definition.ownerPackage != ownerPackage) continue;
+        KeyDescription description;
+        if (describeLocked(definition, uid, osWrite, description) == 0) {
+            described.push_back(std::move(description));
+        }
+    }
+    mMutex.unlock();
+    if (result == 0) out = std::move(described);
+    return result;
+}
+
+int PreferencesKeyManager::describeKey(const std::string& key, KeyDescription& out) {
+    const uid_t uid = getCallingUid();
+    if (const int refused = checkReadCall(uid, "describeKey", key); refused != 0) return refused;
+    const bool osWrite = mayWriteAsOs(uid);
+    lockTimed("describeKey", key);
+    bool rowReadFailed = false;
+    // The key permission first, as in a get: an app learns nothing about a key it may not read,
+    // not even whether it is declared.
+    int result = checkKeyAccessLocked(key, uid, /*write=*/false, &rowReadFailed).status;
+    std::vector<IPreferencesDb::PreferenceDefinition> definitions;
+    if (result == 0 && mDb->getPreferenceDefinitions(key, definitions) != 0) result = -9;
+    if (result == 0) result = describeLocked(definitions.front(), uid, osWrite, out);
+    mMutex.unlock();
+    return result;
+}
+
 // ---- Change notification ----
 
 std::string PreferencesKeyManager::stringJoin(const std::vector<std::string>& items,
