@@ -663,7 +663,7 @@ int PreferencesKeyManager::reset(const std::string& key) {
 
 bool PreferencesKeyManager::mayWriteAsOs(uid_t uid) const {
     return isPrivilegedAppId(uid) ||
-            android::PermissionCache::checkCallingPermission(writePermissionName());
+           android::PermissionCache::checkCallingPermission(writePermissionName());
 }
 
 int PreferencesKeyManager::checkReadCall(uid_t uid, const char* operation,

@@ -39,9 +39,9 @@ int32_t Sqlite3PreferencesDb::getPreferenceDefinitions(
     sqlite3_stmt* statement = nullptr;
     const char* query = key.has_value() ? kQueryOneDefinition : kQueryAllDefinitions;
     if (sqlite3_prepare_v2(db, query, -1, &statement, nullptr) != SQLITE_OK ||
-        (key.has_value() && sqlite3_bind_text(statement, 1, key->data(),
-                                              static_cast<int>(key->size()),
-                                              SQLITE_STATIC) != SQLITE_OK)) {
+        (key.has_value() &&
+         sqlite3_bind_text(statement, 1, key->data(), static_cast<int>(key->size()),
+                           SQLITE_STATIC) != SQLITE_OK)) {
         ALOGE("Unable to list key definitions: %s", sqlite3_errmsg(db));
         sqlite3_finalize(statement);
         return -1;

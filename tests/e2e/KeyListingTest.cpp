@@ -37,19 +37,21 @@ TEST_F(KeyListingTest, AppsSeeWhatTheyMayReadAndNothingElse) {
     ASSERT_EQ(0, prefs({"set", "alpha_total", "9000000001"}, kAlpha).status);
     CommandResult listed = prefs({"list", "--package", "com.test.alpha", "--values"}, kAlpha);
     EXPECT_EQ(0, listed.status) << listed.err;
-    EXPECT_EQ("alpha_count integer user 3\nalpha_distance double user 1.250000\n"
-              "alpha_enabled boolean system false\nalpha_label string crossUser none\n"
-              "alpha_locked integer user 1\nalpha_ratio float crossUser 0.500000\n"
-              "alpha_total long system 9000000001\n",
-              listed.out);
+    EXPECT_EQ(
+            "alpha_count integer user 3\nalpha_distance double user 1.250000\n"
+            "alpha_enabled boolean system false\nalpha_label string crossUser none\n"
+            "alpha_locked integer user 1\nalpha_ratio float crossUser 0.500000\n"
+            "alpha_total long system 9000000001\n",
+            listed.out);
 
     // The reader sees its own key, none of alpha's, and may not write without WRITE_SETTINGS.
     listed = prefs({"list"}, kBeta);
     EXPECT_NE(std::string::npos, listed.out.find("beta_mode string user\n"));
     EXPECT_EQ(std::string::npos, listed.out.find("alpha_"));
-    EXPECT_EQ("{\"key\": \"beta_mode\", \"type\": \"string\", \"scope\": \"user\", \"default\": "
-              "\"auto\", \"owner\": \"com.test.beta\", \"writable\": false}\n",
-              prefs({"describe", "beta_mode", "--json"}, kBeta).out);
+    EXPECT_EQ(
+            "{\"key\": \"beta_mode\", \"type\": \"string\", \"scope\": \"user\", \"default\": "
+            "\"auto\", \"owner\": \"com.test.beta\", \"writable\": false}\n",
+            prefs({"describe", "beta_mode", "--json"}, kBeta).out);
     // describe refuses what get refuses, with the same reason; an undeclared key alike.
     for (const std::string key : {"alpha_count", "no_such_key"}) {
         const CommandResult described = prefs({"describe", key}, kBeta);

@@ -67,7 +67,9 @@ TEST_F(KeyManagerListingTest, ListingShowsWhatTheCallerMayRead) {
     const std::vector<Case> cases = {
             {0, "", 0, {"cross.bool+", "legacy.k+", "sys.int+", "usr.str+"}},
             {kOwnerApp, "", 0, {"cross.bool+", "legacy.k+", "sys.int+", "usr.str+"}},
-            {multiuser_get_uid(kUser10, kOwnerApp), "", 0,
+            {multiuser_get_uid(kUser10, kOwnerApp),
+             "",
+             0,
              {"cross.bool+", "legacy.k+", "sys.int+", "usr.str+"}},
             {kReaderApp, "", 0, {"legacy.k+", "sys.int"}},
             {kStranger, "", 0, {"legacy.k+"}},
@@ -99,7 +101,7 @@ TEST_F(KeyManagerListingTest, DescribeRefusesAsGetDoes) {
             const int got = mManager->get(key, value, type);
             EXPECT_EQ(got, mManager->describeKey(key, description)) << caller << " " << key;
             const bool inList = std::find(listed.begin(), listed.end(), key) != listed.end() ||
-                    std::find(listed.begin(), listed.end(), key + "+") != listed.end();
+                                std::find(listed.begin(), listed.end(), key + "+") != listed.end();
             EXPECT_EQ(got == 0, inList) << caller << " " << key;
         }
     }

@@ -34,7 +34,8 @@ public:
     static std::string backup(const std::vector<BackupEntry>& entries);
     // The default of `description` as a value of its type; nothing when it declares none. A
     // default text that is not of the type stays a string.
-    static std::optional<PreferenceValue> defaultValue(const PreferencesKeyDescription& description);
+    static std::optional<PreferenceValue> defaultValue(
+            const PreferencesKeyDescription& description);
 };
 
 }  // namespace Halo::OS

@@ -1,10 +1,10 @@
 #include "prefs/PrefsTool.h"
 
+#include <cutils/multiuser.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/eventfd.h>
 #include <sys/signalfd.h>
-#include <cutils/multiuser.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -414,7 +414,8 @@ int PrefsTool::list(PreferencesClient& client, const Request& request) {
             }
         }
         if (request.json) {
-            fprintf(mOut, "%s\n  %s", i == 0 ? "" : ",", PrefsJson::description(key, value).c_str());
+            fprintf(mOut, "%s\n  %s", i == 0 ? "" : ",",
+                    PrefsJson::description(key, value).c_str());
             continue;
         }
         fprintf(mOut, "%s %s %s%s%s\n", key.key.c_str(), PreferenceValue::typeName(key.type),
