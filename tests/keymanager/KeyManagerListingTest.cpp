@@ -1,8 +1,6 @@
 #include <cutils/multiuser.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -14,7 +12,6 @@ namespace {
 using testing::KeyManagerTest;
 using testing::ScopedCallingIdentity;
 using Description = PreferencesKeyManager::KeyDescription;
-using Scope = PreferencesKeyInfo::PreferenceScope;
 using Type = PreferencesKeyInfo::Type;
 
 constexpr uid_t kOwnerApp = 10001;   // declares every key, owns sys.int and usr.str
@@ -45,92 +42,85 @@ protected:
         mManager->setLegacyKeys({"legacy.k"});
     }
 
-    // "key" for a read-only key, "key+" for a writable one.
-    std::vector<std::string> listAs(uid_t caller, const std::string& owner, int* code) {
+    // The keys listed for `caller`, separated by blanks, "+" marking the writable ones.
+    std::string listAs(uid_t caller, const std::string& owner, int* code) {
         mManager->setCaller(caller);
         std::vector<Description> listed;
         *code = mManager->listKeys(owner, listed);
-        std::vector<std::string> words;
-        for (const Description& d : listed) words.push_back(d.key + (d.writable ? "+" : ""));
+        std::string words;
+        for (const Description& d : listed) {
+            words += (words.empty() ? "" : " ") + d.key + (d.writable ? "+" : "");
+        }
         return words;
+    }
+    // "type scope default owner writable" of `key` for `caller`, or the refusal code.
+    std::string describeAs(uid_t caller, const std::string& key) {
+        mManager->setCaller(caller);
+        Description d;
+        if (const int code = mManager->describeKey(key, d); code != 0) return std::to_string(code);
+        return std::to_string(static_cast<int>(d.type)) + " " +
+               std::to_string(static_cast<int>(d.scope)) + " " + d.defaultValue.value_or("-") +
+               " " + d.ownerPackage.value_or("-") + (d.writable ? " rw" : " ro");
     }
 };
 
 // What each caller sees in a listing is what it could read one key at a time.
 TEST_F(KeyManagerListingTest, ListingShowsWhatTheCallerMayRead) {
-    struct Case {
+    const std::string all = "cross.bool+ legacy.k+ sys.int+ usr.str+";
+    const struct {
         uid_t caller;
         const char* owner;
         int code;
-        std::vector<std::string> keys;
-    };
-    const std::vector<Case> cases = {
-            {0, "", 0, {"cross.bool+", "legacy.k+", "sys.int+", "usr.str+"}},
-            {kOwnerApp, "", 0, {"cross.bool+", "legacy.k+", "sys.int+", "usr.str+"}},
-            {multiuser_get_uid(kUser10, kOwnerApp),
-             "",
-             0,
-             {"cross.bool+", "legacy.k+", "sys.int+", "usr.str+"}},
-            {kReaderApp, "", 0, {"legacy.k+", "sys.int"}},
-            {kStranger, "", 0, {"legacy.k+"}},
-            {kReaderApp, "com.example.owner", 0, {"sys.int"}},
-            {kOwnerApp, "com.example.owner", 0, {"sys.int+", "usr.str+"}},
-            {kOwnerApp, "com.example.reader", 0, {}},
+        std::string keys;
+    } cases[] = {
+            {0, "", 0, all},
+            {kOwnerApp, "", 0, all},
+            {multiuser_get_uid(kUser10, kOwnerApp), "", 0, all},
+            {kReaderApp, "", 0, "legacy.k+ sys.int"},
+            {kStranger, "", 0, "legacy.k+"},
+            {kReaderApp, "com.example.owner", 0, "sys.int"},
+            {kOwnerApp, "com.example.owner", 0, "sys.int+ usr.str+"},
+            {kOwnerApp, "com.example.reader", 0, ""},
             // A user that is not on the device: refused as its gets are.
-            {multiuser_get_uid(11, kOwnerApp), "", -9, {}},
+            {multiuser_get_uid(11, kOwnerApp), "", -9, ""},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         int code = 1;
         EXPECT_EQ(c.keys, listAs(c.caller, c.owner, &code)) << c.caller << " " << c.owner;
         EXPECT_EQ(c.code, code) << c.caller << " " << c.owner;
     }
+    EXPECT_EQ("0 0 1 com.example.owner ro", describeAs(kReaderApp, "sys.int"));
+    EXPECT_EQ("4 2 true - rw", describeAs(kOwnerApp, "cross.bool"));
 }
 
 // describeKey answers exactly when get does, with get's refusal code otherwise, and lists agree.
 TEST_F(KeyManagerListingTest, DescribeRefusesAsGetDoes) {
     for (uid_t caller : {uid_t(0), kOwnerApp, kReaderApp, kStranger}) {
         int listCode = 1;
-        const std::vector<std::string> listed = listAs(caller, "", &listCode);
+        const std::string listed = " " + listAs(caller, "", &listCode) + " ";
         for (const std::string& key : kKeys) {
             Description root;
             mManager->setCaller(0);
             const Type type = mManager->describeKey(key, root) == 0 ? root.type : Type::Integer;
             mManager->setCaller(caller);
             std::string value;
-            Description description;
             const int got = mManager->get(key, value, type);
-            EXPECT_EQ(got, mManager->describeKey(key, description)) << caller << " " << key;
-            const bool inList = std::find(listed.begin(), listed.end(), key) != listed.end() ||
-                                std::find(listed.begin(), listed.end(), key + "+") != listed.end();
+            const std::string described = describeAs(caller, key);
+            EXPECT_EQ(std::to_string(got), described[0] == '-' ? described : "0")
+                    << caller << " " << key;
+            const bool inList = listed.find(" " + key + " ") != std::string::npos ||
+                                listed.find(" " + key + "+ ") != std::string::npos;
             EXPECT_EQ(got == 0, inList) << caller << " " << key;
         }
     }
 }
 
-TEST_F(KeyManagerListingTest, DescriptionOfAReadOnlyKey) {
-    mManager->setCaller(kReaderApp);
-    Description d;
-    ASSERT_EQ(0, mManager->describeKey("sys.int", d));
-    EXPECT_EQ(Type::Integer, d.type);
-    EXPECT_EQ(Scope::System, d.scope);
-    EXPECT_EQ(std::optional<std::string>("1"), d.defaultValue);
-    EXPECT_EQ(std::optional<std::string>("com.example.owner"), d.ownerPackage);
-    EXPECT_FALSE(d.writable);
-    EXPECT_EQ(-3, mManager->describeKey("cross.bool", d));
-    mManager->setCaller(kOwnerApp);
-    ASSERT_EQ(0, mManager->describeKey("cross.bool", d));
-    EXPECT_EQ(Scope::Cross, d.scope);
-    EXPECT_EQ(std::nullopt, d.ownerPackage);
-    EXPECT_TRUE(d.writable);
-}
-
 TEST_F(KeyManagerListingTest, WithoutTheOsReadPermissionNothingIsListed) {
     ScopedCallingIdentity binderCaller(kOwnerApp);
     int code = 0;
-    EXPECT_EQ(std::vector<std::string>{}, listAs(kOwnerApp, "", &code));
+    EXPECT_EQ("", listAs(kOwnerApp, "", &code));
     EXPECT_EQ(-7, code);
-    Description d;
-    EXPECT_EQ(-7, mManager->describeKey("sys.int", d));
+    EXPECT_EQ("-7", describeAs(kOwnerApp, "sys.int"));
 }
 
 }  // namespace
