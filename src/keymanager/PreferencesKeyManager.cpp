@@ -677,67 +677,74 @@ bool PreferencesKeyManager::mayWriteAsOs(uid_t uid) const {
 
 int PreferencesKeyManager::checkReadCall(uid_t uid, const char* operation,
                                          const std::string& detail) const {
-    if (!isPrivilegedAppId(uid) && checkOsReadPermission() != 0) {
+    if (!isPrivilegedAppId(uid) && checkOsReadPermission() != KeyManagerStatus::Ok) {
         ALOGE("%s - %d: %s denied, make sure app has set permission in AndroidManifest.xml",
               detail.c_str(), static_cast<int>(uid), operation);
-        return -7;
+        return KeyManagerStatus::OsPermissionDenied;
     }
-    if (refuseUnknownUser(multiuser_get_user_id(uid), operation, detail)) return -9;
-    return 0;
+    if (refuseUnknownUser(multiuser_get_user_id(uid), operation, detail)) {
+        return KeyManagerStatus::ReadRefused;
+    }
+    return KeyManagerStatus::Ok;
 }
 
 int PreferencesKeyManager::describeLocked(const IPreferencesDb::PreferenceDefinition& definition,
                                           uid_t uid, bool osWrite, KeyDescription& out) {
     bool rowReadFailed = false;
     const Access read = checkKeyAccessLocked(definition.key, uid, /*write=*/false, &rowReadFailed);
-    if (read.status != 0) return read.status;
+    if (read.status != KeyManagerStatus::Ok) return read.status;
     // A declared type outside the value types fails every typed get.
-    if (definition.type >= Type::NoType) return -9;
-    const bool writable =
-            osWrite &&
-            checkKeyAccessLocked(definition.key, uid, /*write=*/true, &rowReadFailed).status == 0;
+    if (definition.type >= Type::NoType) return KeyManagerStatus::ReadRefused;
+    const Access write = checkKeyAccessLocked(definition.key, uid, /*write=*/true, &rowReadFailed);
+    const bool writable = osWrite && write.status == KeyManagerStatus::Ok;
     out = KeyDescription{definition.key,          definition.type,         definition.scope,
                          definition.defaultValue, definition.ownerPackage, writable};
-    return 0;
+    return KeyManagerStatus::Ok;
 }
 
 int PreferencesKeyManager::listKeys(const std::string& ownerPackage,
                                     std::vector<KeyDescription>& out) {
     const uid_t uid = getCallingUid();
-    if (const int refused = checkReadCall(uid, "listKeys", ownerPackage); refused != 0) {
+    if (const int refused = checkReadCall(uid, "listKeys", ownerPackage);
+        refused != KeyManagerStatus::Ok) {
         return refused;
     }
     const bool osWrite = mayWriteAsOs(uid);
-    lockTimed("listKeys", ownerPackage);
-    std::vector<IPreferencesDb::PreferenceDefinition> definitions;
-    int result = mDb->getPreferenceDefinitions(std::nullopt, definitions) == 0 ? 0 : -9;
     std::vector<KeyDescription> described;
-    for (const IPreferencesDb::PreferenceDefinition& definition : definitions) {
-        if (!ownerPackage.empty() && definition.ownerPackage != ownerPackage) continue;
-        KeyDescription description;
-        if (describeLocked(definition, uid, osWrite, description) == 0) {
-            described.push_back(std::move(description));
+    {
+        TimedLock lock(*this, "listKeys", ownerPackage);
+        std::vector<IPreferencesDb::PreferenceDefinition> definitions;
+        if (mDb->getPreferenceDefinitions(std::nullopt, definitions) != 0) {
+            return KeyManagerStatus::ReadRefused;
+        }
+        for (const IPreferencesDb::PreferenceDefinition& definition : definitions) {
+            if (!ownerPackage.empty() && definition.ownerPackage != ownerPackage) continue;
+            KeyDescription description;
+            if (describeLocked(definition, uid, osWrite, description) == KeyManagerStatus::Ok) {
+                described.push_back(std::move(description));
+            }
         }
     }
-    mMutex.unlock();
-    if (result == 0) out = std::move(described);
-    return result;
+    out = std::move(described);
+    return KeyManagerStatus::Ok;
 }
 
 int PreferencesKeyManager::describeKey(const std::string& key, KeyDescription& out) {
     const uid_t uid = getCallingUid();
-    if (const int refused = checkReadCall(uid, "describeKey", key); refused != 0) return refused;
+    if (const int refused = checkReadCall(uid, "describeKey", key);
+        refused != KeyManagerStatus::Ok) {
+        return refused;
+    }
     const bool osWrite = mayWriteAsOs(uid);
-    lockTimed("describeKey", key);
+    TimedLock lock(*this, "describeKey", key);
     bool rowReadFailed = false;
     // The key permission first, as in a get: an app learns nothing about a key it may not read,
     // not even whether it is declared.
-    int result = checkKeyAccessLocked(key, uid, /*write=*/false, &rowReadFailed).status;
+    const Access access = checkKeyAccessLocked(key, uid, /*write=*/false, &rowReadFailed);
+    if (access.status != KeyManagerStatus::Ok) return access.status;
     std::vector<IPreferencesDb::PreferenceDefinition> definitions;
-    if (result == 0 && mDb->getPreferenceDefinitions(key, definitions) != 0) result = -9;
-    if (result == 0) result = describeLocked(definitions.front(), uid, osWrite, out);
-    mMutex.unlock();
-    return result;
+    if (mDb->getPreferenceDefinitions(key, definitions) != 0) return KeyManagerStatus::ReadRefused;
+    return describeLocked(definitions.front(), uid, osWrite, out);
 }
 
 // ---- Change notification ----

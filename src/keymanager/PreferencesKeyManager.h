@@ -150,15 +150,16 @@ public:
 
     // Replaces `out` with the keys that the caller could read one at a time with get in its own
     // user, in key order; with a non-empty `ownerPackage`, only the keys that package owns.
-    // Refused as a get is before it looks at any key: -7 without the OS read permission (unless
-    // privileged), -9 when the caller's user is not a user of the device or the store cannot
-    // list its keys.
+    // Refused as a get is before it looks at any key: OsPermissionDenied without the OS read
+    // permission (unless privileged), ReadRefused when the caller's user is not a user of the
+    // device or the store cannot list its keys.
     int listKeys(const std::string& ownerPackage, std::vector<KeyDescription>& out)
             EXCLUDES(mMutex);
     // Describes `key` for a caller that get would let read it, else refuses with get's code for
-    // the same key: -7, -9 (unknown user; key not declared, for callers that pass the key
-    // permission step; permission row unreadable), -3 (no read permission on the key, including
-    // an undeclared key for an app). `out` is only written on success.
+    // the same key: OsPermissionDenied; ReadRefused (unknown user; key not declared, for callers
+    // that pass the key permission step; permission row unreadable); KeyPermissionDenied (no
+    // read permission on the key, including an undeclared key for an app). `out` is only
+    // written on success.
     int describeKey(const std::string& key, KeyDescription& out) EXCLUDES(mMutex);
 
     // ---- Change notification ----
@@ -274,8 +275,8 @@ private:
     Access checkKeyAccessLocked(const std::string& key, uid_t uid, bool write, bool* rowReadFailed)
             REQUIRES(mMutex);
     bool isPrivilegedAppId(uid_t uid) const;
-    // The checks of a get that do not depend on the key, for `uid` calling `operation`: 0, -7
-    // or -9.
+    // The checks of a get that do not depend on the key, for `uid` calling `operation`: Ok,
+    // OsPermissionDenied or ReadRefused.
     int checkReadCall(uid_t uid, const char* operation, const std::string& detail) const;
     // Describes `definition` for `uid` when get would let it read the key; otherwise returns
     // get's refusal code and leaves `out` alone. `osWrite`: the caller may write as far as the

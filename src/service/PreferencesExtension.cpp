@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "keymanager/KeyManagerStatus.h"
 #include "model/PreferencesGenerationLayout.h"
 #include "service/PreferencesService.h"
 #include "service/String16Utils.h"
@@ -56,7 +57,7 @@ halo::preferences::KeyDescription toParcelable(
 }
 
 Status toStatus(int result) {
-    return result == 0 ? Status::ok() : Status::fromServiceSpecificError(result);
+    return result == KeyManagerStatus::Ok ? Status::ok() : Status::fromServiceSpecificError(result);
 }
 
 }  // namespace
@@ -138,7 +139,7 @@ Status PreferencesExtension::listKeys(const String16& ownerPackage,
                                       std::vector<KeyDescription>* out) {
     std::vector<PreferencesKeyManager::KeyDescription> descriptions;
     const int result = mKeyManager->listKeys(toString(ownerPackage), descriptions);
-    if (result != 0) return toStatus(result);
+    if (result != KeyManagerStatus::Ok) return toStatus(result);
     out->clear();
     out->reserve(descriptions.size());
     for (const auto& description : descriptions) out->push_back(toParcelable(description));
@@ -148,7 +149,7 @@ Status PreferencesExtension::listKeys(const String16& ownerPackage,
 Status PreferencesExtension::describeKey(const String16& key, KeyDescription* out) {
     PreferencesKeyManager::KeyDescription description;
     const int result = mKeyManager->describeKey(toString(key), description);
-    if (result != 0) return toStatus(result);
+    if (result != KeyManagerStatus::Ok) return toStatus(result);
     *out = toParcelable(description);
     return Status::ok();
 }
