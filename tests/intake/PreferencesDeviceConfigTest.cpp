@@ -219,12 +219,6 @@ TEST(PreferencesDeviceConfigTest, LegacyTablesAreSortedAndMatchTheSchemaList) {
               tables.names());
     EXPECT_EQ(Names({{0, "1.25"}, {3, "Roboto"}, {9, "-3"}, {17, "0.5"}, {25, "true"}, {40, "7"}}),
               tables.migrationList());
-    EXPECT_EQ(Type::Long, tables.findType(40));
-    EXPECT_EQ(1, tables.findLocation(17));
-    EXPECT_EQ(2, tables.findLocation(3));
-    EXPECT_EQ(std::nullopt, tables.findName(4));
-    EXPECT_EQ(std::nullopt, tables.findLocation(41));
-    EXPECT_EQ(std::nullopt, tables.findIndex("absent"));
     expectConsistent(config);
 
     const Json::Value contents = parseJson(config.legacyKeySchemaList())["schemas"][0]["contents"];
