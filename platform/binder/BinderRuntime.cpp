@@ -441,7 +441,9 @@ void BinderRuntime::runTask(BinderTask task) {
 }
 
 bool BinderRuntime::mayRunLocked(uid_t uid) {
-    if (uid == 0 || uid == mOwnUid || uid == static_cast<uid_t>(-1)) return true;
+    if (uid == mOwnUid || uid == static_cast<uid_t>(-1) || uid % kUidsPerUser < kFirstAppId) {
+        return true;
+    }
     return mTodo[uid].running < mThreadsPerUid.load(std::memory_order_relaxed);
 }
 

@@ -109,11 +109,16 @@ public:
 
     // Work for the pool is taken in turns by calling uid (the peer uid of the task's
     // connection): round-robin across the uids with queued work, first come first served within
-    // one uid. Calls of one uid other than root and this process's own run on at most
-    // threadsPerUid() pool threads at once; the uid's further calls wait in its queue while
-    // calls of other uids are served. So a caller waits for a free thread behind at most one
-    // call of each other uid with queued work, whatever one app sends.
+    // one uid. Calls of one app uid (application id kFirstAppId or above, in any user) run on at
+    // most threadsPerUid() pool threads at once; the uid's further calls wait in its queue while
+    // calls of other uids are served. System uids (root included) and this process's own uid
+    // are not limited. So one app holds at most that many threads, whatever it sends, and a
+    // call of another uid that finds no thread free waits behind at most one call of each uid
+    // ahead of it.
     static size_t threadsPerUid(size_t maxThreads) { return std::max<size_t>(2, maxThreads / 4); }
+    // The first application id of a user's app uids (uid = user * kUidsPerUser + application id).
+    static constexpr uid_t kFirstAppId = 10000;
+    static constexpr uid_t kUidsPerUser = 100000;
 
     // Hands work to a pool thread.
     void queueTask(BinderTask task);
