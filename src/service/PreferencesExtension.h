@@ -2,6 +2,7 @@
 
 #include <binder/ParcelFileDescriptor.h>
 #include <binder/Status.h>
+#include <halo/preferences/BatchEntry.h>
 #include <halo/preferences/BnPreferencesExtension.h>
 #include <halo/preferences/GenerationStamp.h>
 #include <utils/String16.h>
@@ -9,6 +10,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <vector>
 
 #include "keymanager/PreferencesKeyManager.h"
 
@@ -48,6 +50,12 @@ public:
                              GenerationStamp* stamp, bool* out) override;
     Status getFloatStamped(const String16& key, int32_t flavour, int32_t userId,
                            GenerationStamp* stamp, float* out) override;
+
+    // The key manager's setBatch for the user of `flavour`; its code becomes the status's
+    // service-specific error, with the message "entry N". Plain-flavour integer entries of keys
+    // with an override property write it too once the batch is written, as setInteger does.
+    Status setBatch(const std::vector<halo::preferences::BatchEntry>& entries, int32_t flavour,
+                    int32_t userId) override;
 
 private:
     template <typename T>

@@ -129,6 +129,9 @@ public:
     status_t writeParcelable(const Parcelable& parcelable);
     template <typename T>
     status_t writeNullableParcelable(const std::unique_ptr<T>& parcelable);
+    // Writes the element count, then each element as writeParcelable does.
+    template <typename T>
+    status_t writeParcelableVector(const std::vector<T>& val);
 
     // Writes a descriptor record. With `takeOwnership` the parcel closes `fd` when it is
     // destroyed; otherwise `fd` must stay open until the parcel has been sent.
@@ -227,6 +230,9 @@ public:
     status_t readParcelable(Parcelable* parcelable) const;
     template <typename T>
     status_t readParcelable(std::unique_ptr<T>* parcelable) const;
+    // Reads what writeParcelableVector wrote (UNEXPECTED_NULL for a null vector or element).
+    template <typename T>
+    status_t readParcelableVector(std::vector<T>* val) const;
 
     // The descriptor of the next record, owned by the parcel (valid while it lives), or a
     // negative status.
@@ -332,6 +338,25 @@ template <typename T>
 status_t Parcel::writeNullableParcelable(const std::unique_ptr<T>& parcelable) {
     if (!parcelable) return writeInt32(0);
     return writeParcelable(*parcelable);
+}
+
+template <typename T>
+status_t Parcel::writeParcelableVector(const std::vector<T>& val) {
+    status_t err = writeVectorSize(val);
+    for (size_t i = 0; err == OK && i < val.size(); ++i) err = writeParcelable(val[i]);
+    return err;
+}
+
+template <typename T>
+status_t Parcel::readParcelableVector(std::vector<T>* val) const {
+    int32_t size;
+    // Each element is at least its present flag.
+    status_t err = readVectorSize(&size, sizeof(int32_t));
+    if (err != OK) return err;
+    std::vector<T> elements(static_cast<size_t>(size));
+    for (size_t i = 0; err == OK && i < elements.size(); ++i) err = readParcelable(&elements[i]);
+    if (err == OK) *val = std::move(elements);
+    return err;
 }
 
 template <typename T>
