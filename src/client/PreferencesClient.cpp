@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <utility>
 #include <vector>
@@ -28,6 +29,8 @@ using android::binder::Status;
 using halo::preferences::GenerationStamp;
 using halo::preferences::IPreferencesExtension;
 using lumen::preferences::IPreferencesService;
+
+static_assert(PreferencesClient::kMaxBatchEntries == IPreferencesExtension::MAX_BATCH_ENTRIES);
 
 std::atomic<size_t> gCacheEntries{PreferencesClient::kDefaultCacheEntries};
 
@@ -458,6 +461,37 @@ PreferencesStatus PreferencesClient::setString(const std::string& key, const std
                                                const PreferencesTarget& target) {
     return callSet<String16, const String16&>(*mConnection->service(), kStringMethods, key,
                                               toString16(value), target);
+}
+
+PreferencesStatus PreferencesClient::setBatch(const std::vector<BatchEntry>& entries,
+                                              const PreferencesTarget& target, size_t* refused) {
+    if (entries.empty()) return PreferencesStatus::ok();
+    const android::sp<IPreferencesExtension>& extension = mConnection->extension();
+    if (extension == nullptr) return PreferencesStatus::exception(Status::EX_UNSUPPORTED_OPERATION);
+    std::vector<halo::preferences::BatchEntry> wire(entries.size());
+    for (size_t i = 0; i < entries.size(); ++i) {
+        const PreferenceValue& value = entries[i].value;
+        halo::preferences::BatchEntry& out = wire[i];
+        out = halo::preferences::BatchEntry{};
+        out.key = toString16(entries[i].key);
+        out.type = static_cast<int32_t>(value.type());
+        out.integerValue = value.asInteger();
+        out.doubleValue = value.asDouble();
+        out.stringValue = toString16(value.asString());
+        out.longValue = value.asLong();
+        out.booleanValue = value.asBoolean();
+        out.floatValue = value.asFloat();
+    }
+    const Status status = extension->setBatch(wire, flavourCode(target), target.userId());
+    if (refused != nullptr && status.serviceSpecificErrorCode() != 0) {
+        // The service names the refused entry in its message: "entry N".
+        unsigned long index = 0;
+        if (sscanf(status.exceptionMessage().c_str(), "entry %lu", &index) == 1 &&
+            index < entries.size()) {
+            *refused = index;
+        }
+    }
+    return BinderStatusConversion::fromStatus(status);
 }
 
 PreferencesStatus PreferencesClient::reset(const std::string& key) {

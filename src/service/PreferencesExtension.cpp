@@ -43,6 +43,9 @@ template <>
 constexpr Getters<String16> kGetters<String16>{&S::getString, &S::getStringCurrent,
                                                &S::getStringUser};
 
+static_assert(PreferencesKeyManager::kMaxBatchEntries ==
+              halo::preferences::IPreferencesExtension::MAX_BATCH_ENTRIES);
+
 // The value text of `entry` in its type; false for a type code that names no value type.
 bool entryText(const halo::preferences::BatchEntry& entry, PreferencesKeyInfo::Type* type,
                std::string* text) {
