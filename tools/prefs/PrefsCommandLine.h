@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "client/PreferenceValue.h"
@@ -16,6 +17,8 @@ namespace Halo::OS {
 //
 //   prefs [--binder-dir DIR] get KEY [--type TYPE] [--user N | --current]
 //   prefs [--binder-dir DIR] set KEY VALUE [--type TYPE] [--user N | --current]
+//   prefs [--binder-dir DIR] set KEY VALUE KEY VALUE... [--user N | --current]
+//   prefs [--binder-dir DIR] restore FILE [--dry-run]
 //   prefs [--binder-dir DIR] type KEY
 //   prefs [--binder-dir DIR] reset KEY
 //   prefs [--binder-dir DIR] watch KEY... [--values] [--count N] [--timeout SECONDS]
@@ -30,7 +33,7 @@ namespace Halo::OS {
 // `dump` are passed to the service as they are (its arguments start with "--").
 class PrefsCommandLine {
 public:
-    enum class Command { Help, Version, Get, Set, Type, Reset, Watch, Dump, Profile };
+    enum class Command { Help, Version, Get, Set, Type, Reset, Watch, Dump, Profile, Restore };
 
     struct Request {
         Command command = Command::Help;
@@ -45,6 +48,10 @@ public:
         // get, set, type, reset: the key; set: the value text; profile: the word.
         std::string key;
         std::string value;
+        // set of several pairs: every KEY VALUE pair in order (then `key` and `value` are empty).
+        std::vector<std::pair<std::string, std::string>> pairs;
+        // restore: the file (in `key`) and --dry-run.
+        bool dryRun = false;
         // get, set: the --type given, if any.
         std::optional<PreferenceValue::Type> type;
         PreferencesTarget target = PreferencesTarget::caller();
