@@ -258,7 +258,8 @@ int batchLatency(size_t count) {
             }
             if (round != 0) singles.add(Clock::now() - start);
             start = Clock::now();
-            const Status status = extension->setBatch(batch, IPreferencesExtension::FLAVOUR_CALLER, 0);
+            const Status status =
+                    extension->setBatch(batch, IPreferencesExtension::FLAVOUR_CALLER, 0);
             if (round != 0) batches.add(Clock::now() - start);
             if (!status.isOk()) {
                 fprintf(stderr, "prefs-bench client: setBatch: %s\n", status.toString8().string());
@@ -276,8 +277,8 @@ int listen(bool batch) {
     if (service == nullptr || !waitUntilDeclared(service)) return 1;
     sp<TimestampListener> listener = new TimestampListener();
     const Status status = service->registerListener(
-            listener, batch ? batchKeys() : std::vector<String16>{String16(BenchSchemas::kNotifyKey)},
-            false);
+            listener,
+            batch ? batchKeys() : std::vector<String16>{String16(BenchSchemas::kNotifyKey)}, false);
     if (!status.isOk()) {
         fprintf(stderr, "prefs-bench client: registerListener: %s\n", status.toString8().string());
         return 1;
@@ -311,10 +312,9 @@ int notify(size_t count, bool batch) {
     for (size_t i = 0; i < warmup + count; ++i) {
         const Clock::time_point start = Clock::now();
         const int32_t value = static_cast<int32_t>(i + 1);
-        const Status status =
-                batch ? extension->setBatch(batchOf(keys, value),
-                                            IPreferencesExtension::FLAVOUR_CALLER, 0)
-                      : service->setInteger(key, value);
+        const Status status = batch ? extension->setBatch(batchOf(keys, value),
+                                                          IPreferencesExtension::FLAVOUR_CALLER, 0)
+                                    : service->setInteger(key, value);
         int64_t arrived = 0;
         if (!status.isOk() || !readNotification(&arrived)) {
             fprintf(stderr, "prefs-bench client: no notification for set %zu: %s\n", i,

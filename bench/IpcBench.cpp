@@ -122,10 +122,9 @@ bool notify(const IpcBench::Options& options, const BenchDaemon& device, Results
         fprintf(stderr, "prefs-bench: the listener did not register\n");
         return false;
     }
-    ClientProcess setter(
-            clientOptions(options, device,
-                          {batch ? "notify-batch" : "notify", std::to_string(options.samples / 4)},
-                          channel[0]));
+    ClientProcess setter(clientOptions(
+            options, device,
+            {batch ? "notify-batch" : "notify", std::to_string(options.samples / 4)}, channel[0]));
     close(channel[0]);
     const bool measured = collect(setter, "notify", results);
     listener.closeInput();

@@ -601,8 +601,8 @@ int PreferencesKeyManager::setBatch(const std::vector<BatchEntry>& entries, size
     return setBatch(entries, getCallingUid(), refused);
 }
 
-int PreferencesKeyManager::setBatchUser(const std::vector<BatchEntry>& entries,
-                                        unsigned int userId, size_t* refused) {
+int PreferencesKeyManager::setBatchUser(const std::vector<BatchEntry>& entries, unsigned int userId,
+                                        size_t* refused) {
     if (!entries.empty() && refuseUnknownUser(userId, "set", entries.front().key)) {
         if (refused != nullptr) *refused = 0;
         return -8;
@@ -611,8 +611,8 @@ int PreferencesKeyManager::setBatchUser(const std::vector<BatchEntry>& entries,
     return setBatch(entries, uid, refused);
 }
 
-int PreferencesKeyManager::checkBatchEntryLocked(const BatchEntry& entry, uid_t uid,
-                                                 Access* access, std::optional<std::string>* old) {
+int PreferencesKeyManager::checkBatchEntryLocked(const BatchEntry& entry, uid_t uid, Access* access,
+                                                 std::optional<std::string>* old) {
     const std::string& key = entry.key;
     bool rowReadFailed = false;
     *access = checkKeyAccessLocked(key, uid, /*write=*/true, &rowReadFailed);

@@ -261,7 +261,8 @@ private:
     Access checkKeyAccessLocked(const std::string& key, uid_t uid, bool write, bool* rowReadFailed)
             REQUIRES(mMutex);
     // The checks of setBatch for one entry, under mMutex; on success `access` is filled in and
-    // `old` holds the value read now (empty when none could be read). Returns 0 or the refusal code, logged and reported.
+    // `old` holds the value read now (empty when none could be read). Returns 0 or the refusal
+    // code, logged and reported.
     int checkBatchEntryLocked(const BatchEntry& entry, uid_t uid, Access* access,
                               std::optional<std::string>* old) REQUIRES(mMutex);
     bool isPrivilegedAppId(uid_t uid) const;

@@ -41,8 +41,8 @@ protected:
     // A backup file holding `entries` (the JSON text of the entries array), readable by apps.
     std::string backup(const std::string& name, const std::string& entries) {
         const std::string path = mFiles.path() + "/" + name;
-        std::ofstream(path) << R"({"format": "prefs-backup", "version": 1, "entries": [)"
-                            << entries << "]}";
+        std::ofstream(path) << R"({"format": "prefs-backup", "version": 1, "entries": [)" << entries
+                            << "]}";
         chmod(path.c_str(), 0644);
         return path;
     }
@@ -52,9 +52,8 @@ protected:
 
 TEST_F(BatchTest, SetPairsAndRestoreApplyAllOrNothing) {
     const std::vector<std::string> keys = {"alpha_count", "alpha_total", "alpha_label"};
-    CommandResult result =
-            prefs({"set", "alpha_count", "7", "alpha_label", "two words", "alpha_total", "5"},
-                  kAlpha);
+    CommandResult result = prefs(
+            {"set", "alpha_count", "7", "alpha_label", "two words", "alpha_total", "5"}, kAlpha);
     EXPECT_EQ(0, result.status) << result.err;
     EXPECT_EQ("7\n5\ntwo words\n", values(keys));
 
@@ -70,8 +69,7 @@ TEST_F(BatchTest, SetPairsAndRestoreApplyAllOrNothing) {
         {"key": "alpha_label", "type": "string", "scope": "crossUser", "user": 0, "value": "x"})");
     result = prefs({"restore", file, "--dry-run"}, kAlpha);
     EXPECT_EQ(0, result.status) << result.err;
-    EXPECT_EQ("alpha_count (user 0): 7 -> 11\nalpha_label (user 0): two words -> x\n",
-              result.out);
+    EXPECT_EQ("alpha_count (user 0): 7 -> 11\nalpha_label (user 0): two words -> x\n", result.out);
     EXPECT_EQ("7\n5\ntwo words\n", values(keys));
     result = prefs({"restore", file}, kAlpha);
     EXPECT_EQ(0, result.status) << result.err;

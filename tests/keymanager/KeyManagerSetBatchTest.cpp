@@ -22,8 +22,8 @@ constexpr uid_t kApp = 10001;
 
 std::string joined(const std::vector<android::String16>& keys) {
     std::string text;
-    for (const android::String16& key : keys) text += (text.empty() ? "" : " ") +
-                                                      std::string(android::String8(key).c_str());
+    for (const android::String16& key : keys)
+        text += (text.empty() ? "" : " ") + std::string(android::String8(key).c_str());
     return text;
 }
 
@@ -65,8 +65,11 @@ TEST_F(KeyManagerSetBatchTest, RefusedEntryWritesNothingAndNamesItself) {
             {"undeclared key", {a, {"nokey", "1", Type::Integer}}, {}, -3, 1},
             {"user key of another user", {a, c, {"b", "x", Type::String}}, 10u, -8, 2},
             {"unknown user", {a}, 11u, -8, 0},
-            {"too many", std::vector<Entry>(PreferencesKeyManager::kMaxBatchEntries + 1, a), {},
-             -8, 99},
+            {"too many",
+             std::vector<Entry>(PreferencesKeyManager::kMaxBatchEntries + 1, a),
+             {},
+             -8,
+             99},
     };
     for (const Case& test : cases) {
         const uint64_t before = generation("a");
@@ -82,7 +85,8 @@ TEST_F(KeyManagerSetBatchTest, RefusedEntryWritesNothingAndNamesItself) {
     }
     // The largest batch is taken; a key given twice takes its last value.
     mManager->setCaller(kApp);
-    std::vector<Entry> full(PreferencesKeyManager::kMaxBatchEntries, Entry{"a", "8", Type::Integer});
+    std::vector<Entry> full(PreferencesKeyManager::kMaxBatchEntries,
+                            Entry{"a", "8", Type::Integer});
     full.back().value = "9";
     EXPECT_EQ(0, mManager->setBatch(full, nullptr));
     EXPECT_EQ("9", rootValue("a", Type::Integer));

@@ -19,8 +19,8 @@
 #include <binder/Status.h>
 
 #include "binder/BinderServiceManager.h"
-#include "prefs/BackupFileReader.h"
 #include "binder/DirectoryTrust.h"
+#include "prefs/BackupFileReader.h"
 #include "process/ProcessSignals.h"
 #include "threads/Mutex.h"
 
@@ -304,14 +304,13 @@ int PrefsTool::restore(PreferencesClient& client, const Request& request) {
     return exit;
 }
 
-int PrefsTool::printRestoreChanges(PreferencesClient& client, const std::string& what,
-                                   int32_t user,
+int PrefsTool::printRestoreChanges(PreferencesClient& client, const std::string& what, int32_t user,
                                    const std::vector<PreferencesClient::BatchEntry>& entries) {
     int exit = kExitOk;
     for (const PreferencesClient::BatchEntry& entry : entries) {
         PreferenceValue current;
-        const PreferencesStatus status = client.get(entry.key, entry.value.type(),
-                                                    PreferencesTarget::user(user), &current);
+        const PreferencesStatus status =
+                client.get(entry.key, entry.value.type(), PreferencesTarget::user(user), &current);
         if (!status.isOk()) {
             exit = fail(what + ": get " + entry.key + " (user " + std::to_string(user) + ")",
                         status);
