@@ -252,13 +252,13 @@ int PrefsTool::setPairs(PreferencesClient& client, const Request& request) {
         }
         entries.push_back({key, std::move(value)});
     }
-    size_t refused = 0;
+    size_t refused = entries.size();
     const PreferencesStatus status = client.setBatch(entries, request.target, &refused);
     if (!status.isOk()) {
         // Nothing was written; the refused key is named when the service said which it was.
-        const std::string what = status.kind() == PreferencesStatus::Kind::ServiceSpecific
+        const std::string what = refused < entries.size()
                                          ? "set " + entries[refused].key + " (nothing written)"
-                                         : std::string("set");
+                                         : std::string("set (nothing written)");
         return fail(what, status);
     }
     return kExitOk;
@@ -287,14 +287,14 @@ int PrefsTool::restore(PreferencesClient& client, const Request& request) {
             const std::vector<PreferencesClient::BatchEntry> part(
                     entries.begin() + first,
                     entries.begin() + std::min(entries.size(), first + step));
-            size_t refused = 0;
+            size_t refused = part.size();
             const PreferencesStatus status =
                     client.setBatch(part, PreferencesTarget::user(user), &refused);
             if (status.isOk()) continue;
-            const std::string where = what + ": user " + std::to_string(user) + ": " +
-                                      (status.kind() == PreferencesStatus::Kind::ServiceSpecific
-                                               ? part[refused].key + " (this step not written)"
-                                               : std::string("not written"));
+            const std::string where =
+                    what + ": user " + std::to_string(user) + ": " +
+                    (refused < part.size() ? part[refused].key + " (this step not written)"
+                                           : std::string("not written"));
             exit = fail(where, status);
             if (exit == kExitUnreachable) return exit;
             break;
