@@ -258,7 +258,7 @@ int PrefsTool::setPairs(PreferencesClient& client, const Request& request) {
         // Nothing was written; the refused key is named when the service said which it was.
         const std::string what = refused < entries.size()
                                          ? "set " + entries[refused].key + " (nothing written)"
-                                         : std::string("set (nothing written)");
+                                         : std::string("set");
         return fail(what, status);
     }
     return kExitOk;
