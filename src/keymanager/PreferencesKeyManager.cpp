@@ -503,38 +503,51 @@ int PreferencesKeyManager::setWithoutCallback(const std::string& key, const std:
 
 int PreferencesKeyManager::setBatch(const std::vector<BatchEntry>& entries, uid_t uid,
                                     size_t* refused) {
-    if (entries.empty()) return 0;
+    if (entries.empty()) return KeyManagerStatus::Ok;
     if (entries.size() > kMaxBatchEntries) {
         ALOGE("%s: set batch denied, %zu entries where at most %zu are taken",
               PreferencesKeyInfo::get(uid).c_str(), entries.size(), kMaxBatchEntries);
         Telemetry::reportError("key_set_error", uid, "batch too large");
-        return -8;
+        return KeyManagerStatus::WriteRefused;
     }
     const std::string& first = entries.front().key;
-    if (!isPrivilegedAppId(uid) && checkOsWritePermission() != 0) {
+    if (!isPrivilegedAppId(uid) && checkOsWritePermission() != KeyManagerStatus::Ok) {
         ALOGE("%d, %s: set denied, make sure app has set permission in AndroidManifest.xml",
               static_cast<int>(uid), first.c_str());
         Telemetry::reportError("key_set_error", uid,
                                "missing preferences service write permission");
         if (refused != nullptr) *refused = 0;
-        return -7;
+        return KeyManagerStatus::OsPermissionDenied;
     }
     if (refuseUnknownUser(multiuser_get_user_id(uid), "set", first)) {
         if (refused != nullptr) *refused = 0;
-        return -8;
+        return KeyManagerStatus::WriteRefused;
     }
+    std::set<std::string> changed;
+    int result = KeyManagerStatus::Ok;
+    {
+        TimedLock lock(*this, "batch", [&entries] {
+            std::vector<std::string> keys;
+            for (const BatchEntry& entry : entries) keys.push_back(entry.key);
+            return stringJoin(keys, ",");
+        });
+        result = setBatchLocked(entries, uid, refused, &changed);
+    }
+    for (size_t i = 0; !changed.empty() && i < entries.size(); ++i) {
+        if (result == KeyManagerStatus::Ok) reportSuccess("set_value_success", uid);
+        Telemetry::report("key_set_success", uid, true);
+    }
+    if (result == KeyManagerStatus::Ok) mQueue.enqueueAll(changed);
+    return result;
+}
 
-    lockTimedWith("batch", [&entries] {
-        std::vector<std::string> keys;
-        for (const BatchEntry& entry : entries) keys.push_back(entry.key);
-        return stringJoin(keys, ",");
-    });
+int PreferencesKeyManager::setBatchLocked(const std::vector<BatchEntry>& entries, uid_t uid,
+                                          size_t* refused, std::set<std::string>* changed) {
     std::vector<Access> accesses(entries.size());
     std::vector<std::optional<std::string>> olds(entries.size());
     for (size_t i = 0; i < entries.size(); ++i) {
         const int result = checkBatchEntryLocked(entries[i], uid, &accesses[i], &olds[i]);
-        if (result != 0) {
-            mMutex.unlock();
+        if (result != KeyManagerStatus::Ok) {
             if (refused != nullptr) *refused = i;
             return result;
         }
@@ -546,7 +559,7 @@ int PreferencesKeyManager::setBatch(const std::vector<BatchEntry>& entries, uid_
         reportFailure(fmt::format("{}:{}", "begin_transaction_error", begun));
     }
     const bool timed = mProfiling || mTracing;
-    int result = 0;
+    int result = KeyManagerStatus::Ok;
     size_t written = 0;
     for (; written < entries.size(); ++written) {
         const BatchEntry& entry = entries[written];
@@ -557,19 +570,18 @@ int PreferencesKeyManager::setBatch(const std::vector<BatchEntry>& entries, uid_
             ALOGE("%s, %s: set denied, can not be write to database",
                   PreferencesKeyInfo::get(uid).c_str(), entry.key.c_str());
             Telemetry::reportError("key_set_error", uid, "can not be written to database");
-            result = -8;
+            result = KeyManagerStatus::WriteRefused;
             break;
         }
         const long long duration = timed ? microsSince(start) : 0;
         if (entry.key == "mic_muted") Telemetry::report("mic_muted_set", uid, true);
         if (mProfiling) mProfiler->recordWrite(entry.key, duration);
         if (mTracing) {
-            mProfiler->recordTrace(std::chrono::time_point_cast<std::chrono::microseconds>(start),
-                                   EventType::Write, entry.key, entry.value, callingPidForTrace(),
-                                   threadId(), static_cast<unsigned long>(duration));
+            traceLocked(EventType::Write, start, duration, entry.key, entry.value,
+                        callingPidForTrace());
         }
     }
-    if (result != 0) {
+    if (result != KeyManagerStatus::Ok) {
         // The entries written so far get back the values they had; a failure here leaves them
         // as written, which the log tells.
         for (size_t i = 0; i < written; ++i) {
@@ -592,16 +604,9 @@ int PreferencesKeyManager::setBatch(const std::vector<BatchEntry>& entries, uid_
             reportFailure(fmt::format("{}:{}", "commit_transaction_error", committed));
         }
     }
-    std::set<std::string> changed;
     for (const BatchEntry& entry : entries) {
-        if (changed.insert(entry.key).second) mGenerations.bumpKey(entry.key);
+        if (changed->insert(entry.key).second) mGenerations.bumpKey(entry.key);
     }
-    mMutex.unlock();
-    for (size_t i = 0; i < entries.size(); ++i) {
-        if (result == 0) reportSuccess("set_value_success", uid);
-        Telemetry::report("key_set_success", uid, true);
-    }
-    if (result == 0) mQueue.enqueueAll(changed);
     return result;
 }
 
@@ -613,7 +618,7 @@ int PreferencesKeyManager::setBatchUser(const std::vector<BatchEntry>& entries, 
                                         size_t* refused) {
     if (!entries.empty() && refuseUnknownUser(userId, "set", entries.front().key)) {
         if (refused != nullptr) *refused = 0;
-        return -8;
+        return KeyManagerStatus::WriteRefused;
     }
     const uid_t uid = multiuser_get_uid(userId, multiuser_get_app_id(getCallingUid()));
     return setBatch(entries, uid, refused);
@@ -624,7 +629,7 @@ int PreferencesKeyManager::checkBatchEntryLocked(const BatchEntry& entry, uid_t 
     const std::string& key = entry.key;
     bool rowReadFailed = false;
     *access = checkKeyAccessLocked(key, uid, /*write=*/true, &rowReadFailed);
-    if (access->status != 0) {
+    if (access->status != KeyManagerStatus::Ok) {
         if (rowReadFailed) {
             ALOGE("%s, %s: set denied, make sure app has key defined",
                   PreferencesKeyInfo::get(uid).c_str(), key.c_str());
@@ -644,7 +649,7 @@ int PreferencesKeyManager::checkBatchEntryLocked(const BatchEntry& entry, uid_t 
               "definition",
               PreferencesKeyInfo::get(uid).c_str(), key.c_str());
         Telemetry::reportError("key_set_error", uid, "wrong type or undefined key");
-        return -8;
+        return KeyManagerStatus::WriteRefused;
     }
     // The read applies the store's rule on which user a key of each scope may be reached for,
     // which the write would otherwise apply only once the batch is half written.
@@ -656,9 +661,9 @@ int PreferencesKeyManager::checkBatchEntryLocked(const BatchEntry& entry, uid_t 
         ALOGE("%s, %s: set denied, can not be write to database",
               PreferencesKeyInfo::get(uid).c_str(), key.c_str());
         Telemetry::reportError("key_set_error", uid, "can not be written to database");
-        return -8;
+        return KeyManagerStatus::WriteRefused;
     }
-    return 0;
+    return KeyManagerStatus::Ok;
 }
 
 int PreferencesKeyManager::get(const std::string& key, std::string& out, Type type, uid_t uid) {

@@ -121,10 +121,10 @@ public:
     // `*refused` (when not null) set to its index, and nothing written. Otherwise the values are
     // written in one store transaction, each distinct key's generation is bumped once, and the
     // keys are queued together, so that each listener gets one onChanged with all of its
-    // changed keys. A store failure while writing returns -8 after writing back, best effort,
-    // the values read before for the entries already written (a key that had a default and no
-    // value of its own keeps that default as its value). More than kMaxBatchEntries
-    // entries: -8 with nothing checked. An empty batch returns 0 and changes nothing.
+    // changed keys. A store failure while writing returns WriteRefused after writing back, best
+    // effort, the values read before for the entries already written (a key that had a default
+    // and no value of its own keeps that default as its value). More than kMaxBatchEntries
+    // entries: WriteRefused with nothing checked. An empty batch returns Ok and changes nothing.
     int setBatch(const std::vector<BatchEntry>& entries, uid_t uid, size_t* refused)
             EXCLUDES(mMutex);
     // setBatch() for the calling uid.
@@ -279,9 +279,13 @@ private:
             REQUIRES(mMutex);
     Access checkKeyAccessLocked(const std::string& key, uid_t uid, bool write, bool* rowReadFailed)
             REQUIRES(mMutex);
+    // setBatch's work under mMutex: checks every entry, then writes them all. `changed` receives
+    // the distinct keys whose generations were bumped (none when an entry was refused).
+    int setBatchLocked(const std::vector<BatchEntry>& entries, uid_t uid, size_t* refused,
+                       std::set<std::string>* changed) REQUIRES(mMutex);
     // The checks of setBatch for one entry, under mMutex; on success `access` is filled in and
-    // `old` holds the value read now (empty when none could be read). Returns 0 or the refusal
-    // code, logged and reported.
+    // `old` holds the value read now (empty when none could be read). Returns Ok or the
+    // refusal, logged and reported.
     int checkBatchEntryLocked(const BatchEntry& entry, uid_t uid, Access* access,
                               std::optional<std::string>* old) REQUIRES(mMutex);
     bool isPrivilegedAppId(uid_t uid) const;

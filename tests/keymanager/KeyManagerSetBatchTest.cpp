@@ -19,6 +19,8 @@ using Type = PreferencesKeyInfo::Type;
 using namespace std::chrono_literals;
 
 constexpr uid_t kApp = 10001;
+constexpr int kNoRow = KeyManagerStatus::KeyPermissionDenied;
+constexpr int kRefused = KeyManagerStatus::WriteRefused;
 
 std::string joined(const std::vector<android::String16>& keys) {
     std::string text;
@@ -60,15 +62,15 @@ TEST_F(KeyManagerSetBatchTest, RefusedEntryWritesNothingAndNamesItself) {
         size_t refused;
     };
     const Case cases[] = {
-            {"read-only key", {a, {"ro", "1", Type::Integer}, c}, {}, -3, 1},
-            {"wrong type", {a, c, {"b", "x", Type::Integer}}, {}, -8, 2},
-            {"undeclared key", {a, {"nokey", "1", Type::Integer}}, {}, -3, 1},
-            {"user key of another user", {a, c, {"b", "x", Type::String}}, 10u, -8, 2},
-            {"unknown user", {a}, 11u, -8, 0},
+            {"read-only key", {a, {"ro", "1", Type::Integer}, c}, {}, kNoRow, 1},
+            {"wrong type", {a, c, {"b", "x", Type::Integer}}, {}, kRefused, 2},
+            {"undeclared key", {a, {"nokey", "1", Type::Integer}}, {}, kNoRow, 1},
+            {"user key of another user", {a, c, {"b", "x", Type::String}}, 10u, kRefused, 2},
+            {"unknown user", {a}, 11u, kRefused, 0},
             {"too many",
              std::vector<Entry>(PreferencesKeyManager::kMaxBatchEntries + 1, a),
              {},
-             -8,
+             kRefused,
              99},
     };
     for (const Case& test : cases) {
@@ -88,7 +90,7 @@ TEST_F(KeyManagerSetBatchTest, RefusedEntryWritesNothingAndNamesItself) {
     std::vector<Entry> full(PreferencesKeyManager::kMaxBatchEntries,
                             Entry{"a", "8", Type::Integer});
     full.back().value = "9";
-    EXPECT_EQ(0, mManager->setBatch(full, nullptr));
+    EXPECT_EQ(KeyManagerStatus::Ok, mManager->setBatch(full, nullptr));
     EXPECT_EQ("9", rootValue("a", Type::Integer));
 }
 
