@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "client/PreferenceValue.h"
+#include "client/PreferencesKeyDescription.h"
 #include "client/PreferencesStatus.h"
 #include "client/PreferencesTarget.h"
 #include "client/PreferencesWatch.h"
@@ -113,6 +114,18 @@ public:
     PreferencesStatus setString(const std::string& key, const std::string& value,
                                 const PreferencesTarget& target = PreferencesTarget::caller());
 
+    // The keys this caller could read one at a time with the typed gets (in its own user), in
+    // key order; with a non-empty `ownerPackage`, only the keys that package owns. Keys of a
+    // type this client does not know are left out. The service refuses as a get would (for
+    // example OsPermissionDenied without the OS read permission); UNKNOWN_TRANSACTION from a
+    // service without the extension. `out` is only written on success.
+    PreferencesStatus listKeys(const std::string& ownerPackage,
+                               std::vector<PreferencesKeyDescription>* out);
+    // The description of `key`, or the service-specific error a get of it would give
+    // (KeyPermissionDenied when an app may not read it, whether or not it is declared).
+    // BAD_TYPE when its type code names no value type this client knows.
+    PreferencesStatus describeKey(const std::string& key, PreferencesKeyDescription* out);
+
     // One key of a batch and the value (with its own type) to write to it.
     struct BatchEntry {
         std::string key;
@@ -126,8 +139,8 @@ public:
     // nothing written; its index goes to `refused` (when not null). On success each listener of
     // the keys gets one notification with all of its keys that changed, and reads (cached ones
     // too) answer the new values. An empty batch succeeds at once. More than kMaxBatchEntries
-    // entries fail with the exception EX_ILLEGAL_ARGUMENT; a service without batches with
-    // EX_UNSUPPORTED_OPERATION.
+    // entries fail with the exception EX_ILLEGAL_ARGUMENT; a service without the extension with
+    // UNKNOWN_TRANSACTION.
     PreferencesStatus setBatch(const std::vector<BatchEntry>& entries,
                                const PreferencesTarget& target = PreferencesTarget::caller(),
                                size_t* refused = nullptr);

@@ -4,6 +4,7 @@
 
 #include <utility>
 
+#include "keymanager/KeyManagerStatus.h"
 #include "model/PreferencesGenerationLayout.h"
 #include "service/PreferencesOverrides.h"
 #include "service/PreferencesService.h"
@@ -42,6 +43,26 @@ constexpr Getters<bool> kGetters<bool>{&S::getBoolean, &S::getBooleanCurrent, &S
 template <>
 constexpr Getters<String16> kGetters<String16>{&S::getString, &S::getStringCurrent,
                                                &S::getStringUser};
+
+halo::preferences::KeyDescription toParcelable(
+        const PreferencesKeyManager::KeyDescription& description) {
+    halo::preferences::KeyDescription parcel;
+    parcel.key = String16(description.key.data(), description.key.size());
+    parcel.type = static_cast<int32_t>(description.type);
+    parcel.scope = static_cast<int32_t>(description.scope);
+    parcel.hasDefaultValue = description.defaultValue.has_value();
+    const std::string defaultValue = description.defaultValue.value_or(std::string());
+    parcel.defaultValue = String16(defaultValue.data(), defaultValue.size());
+    parcel.hasOwnerPackage = description.ownerPackage.has_value();
+    const std::string owner = description.ownerPackage.value_or(std::string());
+    parcel.ownerPackage = String16(owner.data(), owner.size());
+    parcel.writable = description.writable;
+    return parcel;
+}
+
+Status toStatus(int result) {
+    return result == KeyManagerStatus::Ok ? Status::ok() : Status::fromServiceSpecificError(result);
+}
 
 static_assert(PreferencesKeyManager::kMaxBatchEntries ==
               halo::preferences::IPreferencesExtension::MAX_BATCH_ENTRIES);
@@ -151,6 +172,25 @@ Status PreferencesExtension::getFloatStamped(const String16& key, int32_t flavou
     return stamped(key, flavour, userId, stamp, out);
 }
 
+Status PreferencesExtension::listKeys(const String16& ownerPackage,
+                                      std::vector<KeyDescription>* out) {
+    std::vector<PreferencesKeyManager::KeyDescription> descriptions;
+    const int result = mKeyManager->listKeys(toString(ownerPackage), descriptions);
+    if (result != KeyManagerStatus::Ok) return toStatus(result);
+    out->clear();
+    out->reserve(descriptions.size());
+    for (const auto& description : descriptions) out->push_back(toParcelable(description));
+    return Status::ok();
+}
+
+Status PreferencesExtension::describeKey(const String16& key, KeyDescription* out) {
+    PreferencesKeyManager::KeyDescription description;
+    const int result = mKeyManager->describeKey(toString(key), description);
+    if (result != KeyManagerStatus::Ok) return toStatus(result);
+    *out = toParcelable(description);
+    return Status::ok();
+}
+
 Status PreferencesExtension::setBatch(const std::vector<halo::preferences::BatchEntry>& entries,
                                       int32_t flavour, int32_t userId) {
     if (flavour != FLAVOUR_CALLER && flavour != FLAVOUR_CURRENT && flavour != FLAVOUR_USER) {
@@ -168,7 +208,7 @@ Status PreferencesExtension::setBatch(const std::vector<halo::preferences::Batch
         }
     }
     size_t refused = 0;
-    int result = 0;
+    int result = KeyManagerStatus::Ok;
     switch (flavour) {
         case FLAVOUR_CALLER:
             result = mKeyManager->setBatch(batch, &refused);
@@ -180,7 +220,7 @@ Status PreferencesExtension::setBatch(const std::vector<halo::preferences::Batch
             result = mKeyManager->setBatchUser(batch, static_cast<unsigned int>(userId), &refused);
             break;
     }
-    if (result != 0) {
+    if (result != KeyManagerStatus::Ok) {
         return Status::fromServiceSpecificError(result,
                                                 android::String8::format("entry %zu", refused));
     }

@@ -129,7 +129,7 @@ public:
     status_t writeParcelable(const Parcelable& parcelable);
     template <typename T>
     status_t writeNullableParcelable(const std::unique_ptr<T>& parcelable);
-    // Writes the element count, then each element as writeParcelable does.
+    // The element count, then each element as writeParcelable writes it.
     template <typename T>
     status_t writeParcelableVector(const std::vector<T>& val);
 
@@ -230,7 +230,8 @@ public:
     status_t readParcelable(Parcelable* parcelable) const;
     template <typename T>
     status_t readParcelable(std::unique_ptr<T>* parcelable) const;
-    // Reads what writeParcelableVector wrote (UNEXPECTED_NULL for a null vector or element).
+    // What writeParcelableVector wrote. UNEXPECTED_NULL for a null vector, NOT_ENOUGH_DATA for
+    // a count that the rest of the parcel cannot hold; `val` is only replaced on success.
     template <typename T>
     status_t readParcelableVector(std::vector<T>* val) const;
 
@@ -341,25 +342,6 @@ status_t Parcel::writeNullableParcelable(const std::unique_ptr<T>& parcelable) {
 }
 
 template <typename T>
-status_t Parcel::writeParcelableVector(const std::vector<T>& val) {
-    status_t err = writeVectorSize(val);
-    for (size_t i = 0; err == OK && i < val.size(); ++i) err = writeParcelable(val[i]);
-    return err;
-}
-
-template <typename T>
-status_t Parcel::readParcelableVector(std::vector<T>* val) const {
-    int32_t size;
-    // Each element is at least its present flag.
-    status_t err = readVectorSize(&size, sizeof(int32_t));
-    if (err != OK) return err;
-    std::vector<T> elements(static_cast<size_t>(size));
-    for (size_t i = 0; err == OK && i < elements.size(); ++i) err = readParcelable(&elements[i]);
-    if (err == OK) *val = std::move(elements);
-    return err;
-}
-
-template <typename T>
 status_t Parcel::readStrongBinder(sp<T>* val) const {
     sp<IBinder> tmp;
     status_t ret = readStrongBinder(&tmp);
@@ -393,6 +375,28 @@ status_t Parcel::readParcelable(std::unique_ptr<T>* parcelable) const {
     status = readParcelable(parcelable->get());
     if (status != OK) parcelable->reset();
     return status;
+}
+
+template <typename T>
+status_t Parcel::writeParcelableVector(const std::vector<T>& val) {
+    status_t err = writeVectorSize(val);
+    for (size_t i = 0; err == OK && i < val.size(); ++i) err = writeParcelable(val[i]);
+    return err;
+}
+
+template <typename T>
+status_t Parcel::readParcelableVector(std::vector<T>* val) const {
+    int32_t size;
+    // Each element takes at least its present flag.
+    status_t err = readVectorSize(&size, sizeof(int32_t));
+    if (err != OK) return err;
+    std::vector<T> result(static_cast<size_t>(size));
+    for (T& item : result) {
+        err = readParcelable(&item);
+        if (err != OK) return err;
+    }
+    *val = std::move(result);
+    return OK;
 }
 
 }  // namespace android
