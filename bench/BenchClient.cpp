@@ -3,12 +3,14 @@
 #include <binder/IServiceManager.h>
 #include <binder/Parcel.h>
 #include <binder/ProcessState.h>
+#include <halo/preferences/IPreferencesExtension.h>
 #include <lumen/preferences/BnPreferencesListener.h>
 #include <lumen/preferences/IPreferencesService.h>
 #include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
@@ -26,6 +28,8 @@ namespace {
 using android::sp;
 using android::String16;
 using android::binder::Status;
+using halo::preferences::BatchEntry;
+using halo::preferences::IPreferencesExtension;
 using lumen::preferences::IPreferencesService;
 using Clock = LatencySamples::Clock;
 
@@ -180,7 +184,9 @@ int throughput(double seconds) {
 
 class TimestampListener : public lumen::preferences::BnPreferencesListener {
 public:
-    Status onChanged(const std::vector<String16>& /*keys*/) override {
+    Status onChanged(const std::vector<String16>& keys) override {
+        ++calls;
+        changedKeys += keys.size();
         const int64_t now = std::chrono::duration_cast<std::chrono::nanoseconds>(
                                     Clock::now().time_since_epoch())
                                     .count();
@@ -189,14 +195,90 @@ public:
         }
         return Status::ok();
     }
+
+    std::atomic<uint64_t> calls{0};
+    std::atomic<uint64_t> changedKeys{0};
 };
 
-int listen() {
+// The keys written by one batch: the notify key and the first read keys, kBatchSize in all.
+constexpr size_t kBatchSize = 10;
+std::vector<String16> batchKeys() {
+    std::vector<String16> keys = {String16(BenchSchemas::kNotifyKey)};
+    for (size_t i = 0; keys.size() < kBatchSize; ++i) {
+        keys.emplace_back(BenchSchemas::readKey(i).c_str());
+    }
+    return keys;
+}
+
+// One batch writing `notifyValue` to the notify key and the read value to the others.
+std::vector<BatchEntry> batchOf(const std::vector<String16>& keys, int32_t notifyValue) {
+    std::vector<BatchEntry> entries(keys.size());
+    for (size_t i = 0; i < keys.size(); ++i) {
+        entries[i] = BatchEntry{};
+        entries[i].key = keys[i];
+        entries[i].type = 0;  // integer
+        entries[i].integerValue = i == 0 ? notifyValue : BenchSchemas::kReadValue;
+    }
+    return entries;
+}
+
+sp<IPreferencesExtension> extensionOf(const sp<IPreferencesService>& service) {
+    sp<android::IBinder> extension;
+    if (android::IInterface::asBinder(service)->getExtension(&extension) != android::OK ||
+        extension == nullptr) {
+        fprintf(stderr, "prefs-bench client: the service has no extension\n");
+        return nullptr;
+    }
+    return android::interface_cast<IPreferencesExtension>(extension);
+}
+
+// Ten single setInteger calls against one setBatch of the same ten keys, in alternating blocks.
+int batchLatency(size_t count) {
+    sp<IPreferencesService> service = connect();
+    if (service == nullptr || !waitUntilDeclared(service)) return 1;
+    sp<IPreferencesExtension> extension = extensionOf(service);
+    if (extension == nullptr) return 1;
+    const std::vector<String16> keys = batchKeys();
+    const std::vector<BatchEntry> batch = batchOf(keys, 1);
+    LatencySamples singles;
+    LatencySamples batches;
+    const size_t warmup = kWarmup / 20;
+    const size_t block = std::max<size_t>(1, count / kRounds);
+    for (size_t round = 0; round <= kRounds; ++round) {
+        const size_t n = round == 0 ? warmup : block;
+        for (size_t i = 0; i < n; ++i) {
+            Clock::time_point start = Clock::now();
+            for (size_t k = 0; k < keys.size(); ++k) {
+                const Status status = service->setInteger(keys[k], batch[k].integerValue);
+                if (!status.isOk()) {
+                    fprintf(stderr, "prefs-bench client: setInteger: %s\n",
+                            status.toString8().string());
+                    return 1;
+                }
+            }
+            if (round != 0) singles.add(Clock::now() - start);
+            start = Clock::now();
+            const Status status =
+                    extension->setBatch(batch, IPreferencesExtension::FLAVOUR_CALLER, 0);
+            if (round != 0) batches.add(Clock::now() - start);
+            if (!status.isOk()) {
+                fprintf(stderr, "prefs-bench client: setBatch: %s\n", status.toString8().string());
+                return 1;
+            }
+        }
+    }
+    printf("set_10_p50_us %.3f\n", singles.medianMicros());
+    printf("batch_set_10_p50_us %.3f\n", batches.medianMicros());
+    return 0;
+}
+
+int listen(bool batch) {
     sp<IPreferencesService> service = connect();
     if (service == nullptr || !waitUntilDeclared(service)) return 1;
     sp<TimestampListener> listener = new TimestampListener();
-    const Status status =
-            service->registerListener(listener, {String16(BenchSchemas::kNotifyKey)}, false);
+    const Status status = service->registerListener(
+            listener,
+            batch ? batchKeys() : std::vector<String16>{String16(BenchSchemas::kNotifyKey)}, false);
     if (!status.isOk()) {
         fprintf(stderr, "prefs-bench client: registerListener: %s\n", status.toString8().string());
         return 1;
@@ -207,6 +289,8 @@ int listen() {
     while (read(STDIN_FILENO, &byte, 1) > 0) {
     }
     service->unregisterListener(listener);
+    printf("listen_calls %llu\n", static_cast<unsigned long long>(listener->calls.load()));
+    printf("listen_keys %llu\n", static_cast<unsigned long long>(listener->changedKeys.load()));
     return 0;
 }
 
@@ -216,15 +300,21 @@ bool readNotification(int64_t* nanos) {
     return read(kPassedFd, nanos, sizeof(*nanos)) == sizeof(*nanos);
 }
 
-int notify(size_t count) {
+int notify(size_t count, bool batch) {
     sp<IPreferencesService> service = connect();
     if (service == nullptr || !waitUntilDeclared(service)) return 1;
+    sp<IPreferencesExtension> extension = batch ? extensionOf(service) : nullptr;
+    if (batch && extension == nullptr) return 1;
     const String16 key(BenchSchemas::kNotifyKey);
+    const std::vector<String16> keys = batchKeys();
     LatencySamples samples;
     const size_t warmup = kWarmup / 10;
     for (size_t i = 0; i < warmup + count; ++i) {
         const Clock::time_point start = Clock::now();
-        const Status status = service->setInteger(key, static_cast<int32_t>(i + 1));
+        const int32_t value = static_cast<int32_t>(i + 1);
+        const Status status = batch ? extension->setBatch(batchOf(keys, value),
+                                                          IPreferencesExtension::FLAVOUR_CALLER, 0)
+                                    : service->setInteger(key, value);
         int64_t arrived = 0;
         if (!status.isOk() || !readNotification(&arrived)) {
             fprintf(stderr, "prefs-bench client: no notification for set %zu: %s\n", i,
@@ -237,7 +327,8 @@ int notify(size_t count) {
                                                .count());
         }
     }
-    printf("notify_p50_us %.3f\n", samples.medianMicros());
+    printf(batch ? "notify_batch_p50_us %.3f\n" : "notify_p50_us %.3f\n", samples.medianMicros());
+    printf("sets %zu\n", warmup + count);
     return 0;
 }
 
@@ -255,7 +346,8 @@ int BenchClient::run(const std::vector<std::string>& args) {
     if (args.empty()) return 2;
     const std::string& role = args[0];
     size_t count = 0;
-    if (role == "listen" && args.size() == 1) return listen();
+    if (role == "listen" && args.size() == 1) return listen(false);
+    if (role == "listen-batch" && args.size() == 1) return listen(true);
     if (role == "get-latency" && args.size() == 3 && args[2] == "store") {
         return parseCount(args[1], &count) ? getLatency(count, true) : 2;
     }
@@ -267,7 +359,9 @@ int BenchClient::run(const std::vector<std::string>& args) {
     if (!parseCount(args[1], &count)) return 2;
     if (role == "get-latency") return getLatency(count, false);
     if (role == "set-latency") return setLatency(count);
-    if (role == "notify") return notify(count);
+    if (role == "notify") return notify(count, false);
+    if (role == "notify-batch") return notify(count, true);
+    if (role == "batch-latency") return batchLatency(count);
     return 2;
 }
 

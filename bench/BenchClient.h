@@ -22,9 +22,16 @@ namespace Halo::OS {
 //                        getInteger back to back for SECONDS: ops N
 //   listen               registers a listener for the notify key, prints "ready", writes the
 //                        steady-clock time (int64 nanoseconds) of every onChanged to
-//                        descriptor 3, and ends when standard input ends
+//                        descriptor 3, and ends when standard input ends, printing
+//                        listen_calls and listen_keys (the onChanged calls and the keys they
+//                        carried)
 //   notify COUNT         sets the notify key COUNT times, each time reading from descriptor 3
-//                        the time its onChanged arrived: notify_p50_us
+//                        the time its onChanged arrived: notify_p50_us, sets N
+//   listen-batch         as listen, for the ten keys of a batch (the notify key first)
+//   notify-batch COUNT   as notify, with one setBatch of the ten keys each time:
+//                        notify_batch_p50_us, sets N
+//   batch-latency COUNT  times COUNT rounds of ten setInteger calls and of one setBatch of the
+//                        same ten keys: set_10_p50_us, batch_set_10_p50_us
 class BenchClient {
 public:
     static constexpr const char* kEchoCpuVariable = "PREFS_BENCH_ECHO_CPU";

@@ -108,10 +108,13 @@ bool coherence(const IpcBench::Options& options, const BenchDaemon& device, Resu
     return collect(watcher, "coherence-watch", results) && measured;
 }
 
-bool notify(const IpcBench::Options& options, const BenchDaemon& device, Results* results) {
+// `batch`: the listener watches the ten keys of a batch, and each change is one setBatch.
+bool notify(const IpcBench::Options& options, const BenchDaemon& device, Results* results,
+            bool batch = false) {
     int channel[2];
     if (pipe2(channel, O_CLOEXEC) != 0) return false;
-    ClientProcess listener(clientOptions(options, device, {"listen"}, channel[1]));
+    ClientProcess listener(
+            clientOptions(options, device, {batch ? "listen-batch" : "listen"}, channel[1]));
     close(channel[1]);
     const std::optional<std::string> ready = listener.readLine(kReadyTimeout);
     if (!ready.has_value() || *ready != "ready") {
@@ -120,7 +123,8 @@ bool notify(const IpcBench::Options& options, const BenchDaemon& device, Results
         return false;
     }
     ClientProcess setter(clientOptions(
-            options, device, {"notify", std::to_string(options.samples / 4)}, channel[0]));
+            options, device,
+            {batch ? "notify-batch" : "notify", std::to_string(options.samples / 4)}, channel[0]));
     close(channel[0]);
     const bool measured = collect(setter, "notify", results);
     listener.closeInput();
@@ -154,6 +158,19 @@ bool IpcBench::measure(const Options& options, Figures* out) {
     }
     fprintf(stderr, "prefs-bench: notification\n");
     if (!notify(options, device, &writes)) return false;
+    fprintf(stderr, "prefs-bench: batches\n");
+    Results batches;
+    Results batchNotify;
+    if (!runClient(options, device, {"batch-latency", std::to_string(options.samples / 20)},
+                   &batches) ||
+        !notify(options, device, &batchNotify, true)) {
+        return false;
+    }
+    out->set10P50Micros = batches["set_10_p50_us"];
+    out->batchSet10P50Micros = batches["batch_set_10_p50_us"];
+    out->notifyBatchP50Micros = batchNotify["notify_batch_p50_us"];
+    out->notifyBatchCallsPerBatch = batchNotify["listen_calls"] / batchNotify["sets"];
+    out->notifyBatchKeysPerCall = batchNotify["listen_keys"] / batchNotify["listen_calls"];
     fprintf(stderr, "prefs-bench: cached reads\n");
     Results cached;
     if (!runClient(options, device, {"cached-latency", samples}, &cached) ||

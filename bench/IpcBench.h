@@ -36,6 +36,13 @@ public:
         double opsOne = 0;   // gets per second, one client
         double opsFour = 0;  // gets per second, four clients together
         double notifyP50Micros = 0;
+        // Ten setInteger calls against one setBatch of the same ten keys; the notification of
+        // a batch to a listener of its ten keys, its onChanged calls per batch and keys per call.
+        double set10P50Micros = 0;
+        double batchSet10P50Micros = 0;
+        double notifyBatchP50Micros = 0;
+        double notifyBatchCallsPerBatch = 0;
+        double notifyBatchKeysPerCall = 0;
         // Through libprefsclient's read cache (CacheBenchClient).
         double floorMapNanos = 0;
         double cachedP50Nanos = 0;

@@ -196,6 +196,12 @@ int main(int argc, char** argv) {
         print("get_scaling", calls.opsFour / calls.opsOne);
         print("notify_p50_us", calls.notifyP50Micros);
         print("notify_ratio", calls.notifyP50Micros / calls.floorRttMicros);
+        print("set_10_us", calls.set10P50Micros);
+        print("batch_set_10_us", calls.batchSet10P50Micros);
+        print("batch_set_10_ratio", calls.batchSet10P50Micros / calls.set10P50Micros);
+        print("notify_batch_us", calls.notifyBatchP50Micros);
+        print("notify_batch_calls_per_listener", calls.notifyBatchCallsPerBatch);
+        print("notify_batch_keys_per_call", calls.notifyBatchKeysPerCall);
         print("floor_map_lookup_ns", calls.floorMapNanos);
         print("cached_get_p50_ns", calls.cachedP50Nanos);
         print("cached_get_p99_ns", calls.cachedP99Nanos);

@@ -188,6 +188,7 @@ BinderConnection::BinderConnection(unique_fd fd, const sp<IBinder>& root)
         ALOGE("Binder: cannot read the peer's credentials: %s", strerror(errno));
     }
     mReadBuffer.resize(kReadChunk);
+    BinderRuntime::instance().chargeReadBuffer(0, mReadBuffer.capacity());
     mLastProgress = std::chrono::steady_clock::now();
     if (root != nullptr) {
         mExports.emplace(0, Export{root, 1});
@@ -195,7 +196,9 @@ BinderConnection::BinderConnection(unique_fd fd, const sp<IBinder>& root)
     }
 }
 
-BinderConnection::~BinderConnection() = default;
+BinderConnection::~BinderConnection() {
+    BinderRuntime::instance().chargeReadBuffer(mReadBuffer.capacity(), 0);
+}
 
 sp<IBinder> BinderConnection::connectTo(const std::string& path) {
     sockaddr_un addr{};
@@ -389,11 +392,15 @@ BinderConnection::ReadResult BinderConnection::readSome(bool block) {
             needed = std::max(needed, sizeof(wire::FrameHeader) + header.size);
         }
     }
+    const size_t capacity = mReadBuffer.capacity();
     if (mReadBuffer.size() < needed) {
         mReadBuffer.resize(needed + kReadChunk);
     } else if (mReadBuffer.size() > kMaxIdleReadBuffer && needed <= kReadChunk) {
         mReadBuffer.resize(kReadChunk);
         mReadBuffer.shrink_to_fit();
+    }
+    if (mReadBuffer.capacity() != capacity) {
+        BinderRuntime::instance().chargeReadBuffer(capacity, mReadBuffer.capacity());
     }
 
     iovec iov{mReadBuffer.data() + mReadEnd, mReadBuffer.size() - mReadEnd};
@@ -1035,6 +1042,12 @@ void BinderConnection::execute(BinderTask task) {
         if (!oneway) sendReply(task.txid, status, reply);
         BinderTask next;
         finishIncoming(task, &next);
+        // A chain of one-way calls gives way to other apps' calls waiting for a thread: its
+        // next call waits its uid's turn.
+        if (next.connection != nullptr && BinderRuntime::instance().othersWaiting(mPeerUid)) {
+            BinderRuntime::instance().queueTask(std::move(next));
+            break;
+        }
         task = std::move(next);
     }
 }

@@ -106,7 +106,7 @@ public:
 
     // Runs an incoming transaction on the calling thread with the peer's identity, sends the
     // reply of a two-way call, and for a one-way call continues with the next one-way call queued
-    // for the same object.
+    // for the same object (or queues it for the pool when calls of other uids wait).
     void execute(BinderTask task);
 
     // Called by the runtime's flusher: sends queued output without blocking. Returns true when

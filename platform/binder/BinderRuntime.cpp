@@ -116,6 +116,8 @@ BinderRuntime::BinderRuntime()
       mStopFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       mFlushWakeFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       mNextKey(kFirstKey),
+      mOwnUid(geteuid()),
+      mThreadsPerUid(threadsPerUid(kDefaultMaxThreads)),
       mMaxThreads(kDefaultMaxThreads) {
     LOG_ALWAYS_FATAL_IF(
             mEpollFd.get() < 0 || mWakeFd.get() < 0 || mStopFd.get() < 0 || mFlushWakeFd.get() < 0,
@@ -322,6 +324,7 @@ status_t BinderRuntime::setMaxThreads(size_t maxThreads) {
     if (maxThreads == 0) return android::BAD_VALUE;
     Mutex::Autolock lock(mPoolLock);
     mMaxThreads = maxThreads;
+    mThreadsPerUid.store(threadsPerUid(maxThreads), std::memory_order_relaxed);
     return android::OK;
 }
 
@@ -382,10 +385,7 @@ void BinderRuntime::joinPool(bool /*isMain*/) {
         runnable.clear();
         handleEvent(key, &runnable);
         if (runnable.empty()) continue;
-        for (size_t i = 1; i < runnable.size(); ++i) queueTask(std::move(runnable[i]));
-        task = std::move(runnable[0]);
-        runnable.clear();
-        runTask(std::move(task));
+        if (queueAndTake(&runnable, &task)) runTask(std::move(task));
     }
 }
 
@@ -414,31 +414,105 @@ void BinderRuntime::handleEvent(uint64_t key, std::vector<BinderTask>* runnable)
     }
 }
 
-void BinderRuntime::runTask(BinderTask task) {
-    maybeSpawn();
-    if (task.kind == BinderTask::Kind::Obituary) {
-        task.proxy->sendObituary();
-        return;
-    }
-    sp<BinderConnection> connection = task.connection;
-    connection->execute(std::move(task));
+uid_t BinderRuntime::taskUid(const BinderTask& task) {
+    // Death notices are this process's own work.
+    return task.connection != nullptr ? task.connection->peerUid() : static_cast<uid_t>(-1);
 }
 
-void BinderRuntime::queueTask(BinderTask task) {
+void BinderRuntime::runTask(BinderTask task) {
+    maybeSpawn();
+    const uid_t uid = taskUid(task);
+    if (task.kind == BinderTask::Kind::Obituary) {
+        task.proxy->sendObituary();
+    } else {
+        sp<BinderConnection> connection = task.connection;
+        connection->execute(std::move(task));
+    }
     Mutex::Autolock lock(mTodoLock);
-    mTodo.push_back(std::move(task));
+    auto it = mTodo.find(uid);
+    if (it == mTodo.end()) return;
+    if (it->second.running > 0) --it->second.running;
+    if (it->second.tasks.empty()) {
+        if (it->second.running == 0) mTodo.erase(it);
+    } else {
+        // The uid's queued calls may have waited for this thread's share.
+        wakeLocked();
+    }
+}
+
+bool BinderRuntime::mayRunLocked(uid_t uid) {
+    if (uid == mOwnUid || uid == static_cast<uid_t>(-1) || uid % kUidsPerUser < kFirstAppId) {
+        return true;
+    }
+    return mTodo[uid].running < mThreadsPerUid.load(std::memory_order_relaxed);
+}
+
+bool BinderRuntime::hasRunnableLocked() {
+    for (uid_t uid : mTodoTurns) {
+        if (mayRunLocked(uid)) return true;
+    }
+    return false;
+}
+
+void BinderRuntime::pushTaskLocked(BinderTask task) {
+    const uid_t uid = taskUid(task);
+    UidTodo& todo = mTodo[uid];
+    if (todo.tasks.empty()) mTodoTurns.push_back(uid);
+    todo.tasks.push_back(std::move(task));
+    mQueuedTasks.fetch_add(1, std::memory_order_relaxed);
+}
+
+bool BinderRuntime::popTaskLocked(BinderTask* task) {
+    for (auto turn = mTodoTurns.begin(); turn != mTodoTurns.end(); ++turn) {
+        const uid_t uid = *turn;
+        if (!mayRunLocked(uid)) continue;
+        UidTodo& todo = mTodo[uid];
+        *task = std::move(todo.tasks.front());
+        todo.tasks.pop_front();
+        ++todo.running;
+        mQueuedTasks.fetch_sub(1, std::memory_order_relaxed);
+        mTodoTurns.erase(turn);
+        if (!todo.tasks.empty()) mTodoTurns.push_back(uid);
+        return true;
+    }
+    return false;
+}
+
+void BinderRuntime::wakeLocked() {
     if (!mWakePending) {
         mWakePending = true;
         signalEventFd(mWakeFd.get());
     }
 }
 
-bool BinderRuntime::popTask(BinderTask* task) {
+void BinderRuntime::queueTask(BinderTask task) {
     Mutex::Autolock lock(mTodoLock);
-    if (mTodo.empty()) return false;
-    *task = std::move(mTodo.front());
-    mTodo.pop_front();
-    return true;
+    pushTaskLocked(std::move(task));
+    if (hasRunnableLocked()) wakeLocked();
+}
+
+bool BinderRuntime::queueAndTake(std::vector<BinderTask>* tasks, BinderTask* task) {
+    Mutex::Autolock lock(mTodoLock);
+    for (BinderTask& queued : *tasks) pushTaskLocked(std::move(queued));
+    tasks->clear();
+    const bool found = popTaskLocked(task);
+    if (hasRunnableLocked()) wakeLocked();
+    return found;
+}
+
+bool BinderRuntime::othersWaiting(uid_t uid) {
+    if (mQueuedTasks.load(std::memory_order_relaxed) == 0) return false;
+    Mutex::Autolock lock(mTodoLock);
+    for (uid_t other : mTodoTurns) {
+        if (other != uid && mayRunLocked(other)) return true;
+    }
+    return false;
+}
+
+bool BinderRuntime::popTask(BinderTask* task) {
+    if (mQueuedTasks.load(std::memory_order_relaxed) == 0) return false;
+    Mutex::Autolock lock(mTodoLock);
+    return popTaskLocked(task);
 }
 
 bool BinderRuntime::takeWokenTask(BinderTask* task) {
@@ -447,15 +521,8 @@ bool BinderRuntime::takeWokenTask(BinderTask* task) {
         Mutex::Autolock lock(mTodoLock);
         drainEventFd(mWakeFd.get());
         mWakePending = false;
-        if (!mTodo.empty()) {
-            *task = std::move(mTodo.front());
-            mTodo.pop_front();
-            found = true;
-        }
-        if (!mTodo.empty()) {
-            mWakePending = true;
-            signalEventFd(mWakeFd.get());
-        }
+        found = popTaskLocked(task);
+        if (hasRunnableLocked()) wakeLocked();
     }
     epoll_event wake{};
     wake.events = EPOLLIN | EPOLLONESHOT;

@@ -5,6 +5,7 @@
 
 #include <sys/types.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -63,6 +64,14 @@ public:
     };
     QueueStats queueStats() const;
 
+    // Bytes held by the read buffers of all connections of the process now (for tests and
+    // diagnostics). Each connection reports its buffer's size before and after a change.
+    void chargeReadBuffer(size_t before, size_t after) {
+        mReadBufferBytes.fetch_add(static_cast<int64_t>(after) - static_cast<int64_t>(before),
+                                   std::memory_order_relaxed);
+    }
+    int64_t readBufferBytes() const { return mReadBufferBytes.load(std::memory_order_relaxed); }
+
     // Whether a process running as `receiver` accepts parcels carried out of line (in a memfd,
     // see docs/wire.md) from a peer running as `sender`: root, and processes of its own uid.
     // Senders ask it too, and send a parcel over the frame limit only to receivers that accept
@@ -98,8 +107,24 @@ public:
     void stop();
     std::string makeThreadName();
 
+    // Work for the pool is taken in turns by calling uid (the peer uid of the task's
+    // connection): round-robin across the uids with queued work, first come first served within
+    // one uid. Calls of one app uid (application id kFirstAppId or above, in any user) run on at
+    // most threadsPerUid() pool threads at once; the uid's further calls wait in its queue while
+    // calls of other uids are served. System uids (root included) and this process's own uid
+    // are not limited. So one app holds at most that many threads, whatever it sends, and a
+    // call of another uid that finds no thread free waits behind at most one call of each uid
+    // ahead of it.
+    static size_t threadsPerUid(size_t maxThreads) { return std::max<size_t>(2, maxThreads / 4); }
+    // The first application id of a user's app uids (uid = user * kUidsPerUser + application id).
+    static constexpr uid_t kFirstAppId = 10000;
+    static constexpr uid_t kUidsPerUser = 100000;
+
     // Hands work to a pool thread.
     void queueTask(BinderTask task);
+    // Whether a thread running a call of `uid` should hand on its next one-way call (queue it
+    // behind the others) rather than run it: calls of another uid are waiting for a thread.
+    bool othersWaiting(uid_t uid) EXCLUDES(mTodoLock);
     // Makes the flusher send the connection's queued output.
     void requestFlush(BinderConnection* connection);
 
@@ -115,8 +140,26 @@ private:
 
     BinderRuntime();
 
-    bool popTask(BinderTask* task);
-    bool takeWokenTask(BinderTask* task);
+    struct UidTodo {
+        std::deque<BinderTask> tasks;
+        // Pool threads running tasks of the uid now.
+        size_t running = 0;
+    };
+    static uid_t taskUid(const BinderTask& task);
+    // Takes the next task due (see queueTask) and counts it as running. False when no task may
+    // run now.
+    bool popTaskLocked(BinderTask* task) REQUIRES(mTodoLock);
+    void pushTaskLocked(BinderTask task) REQUIRES(mTodoLock);
+    // Wakes a thread for the queued work unless one is already being woken.
+    void wakeLocked() REQUIRES(mTodoLock);
+    // Whether a queued task of `uid` may start now (the uid is under its share of threads).
+    bool mayRunLocked(uid_t uid) REQUIRES(mTodoLock);
+    bool hasRunnableLocked() REQUIRES(mTodoLock);
+    bool popTask(BinderTask* task) EXCLUDES(mTodoLock);
+    bool takeWokenTask(BinderTask* task) EXCLUDES(mTodoLock);
+    // Queues the tasks a pool thread read and takes the next one due for that thread.
+    bool queueAndTake(std::vector<BinderTask>* tasks, BinderTask* task) EXCLUDES(mTodoLock);
+    // Runs a task taken by popTaskLocked and then counts it as done.
     void runTask(BinderTask task);
     void handleEvent(uint64_t key, std::vector<BinderTask>* runnable);
     void acceptConnections(const std::shared_ptr<Listener>& listener, uint64_t key);
@@ -137,8 +180,15 @@ private:
     std::unordered_map<std::string, uint64_t> mListenerKeys GUARDED_BY(mLock);
 
     Mutex mTodoLock;
-    std::deque<BinderTask> mTodo GUARDED_BY(mTodoLock);
+    std::unordered_map<uid_t, UidTodo> mTodo GUARDED_BY(mTodoLock);
+    // The uids with queued tasks, in the order of their turns.
+    std::deque<uid_t> mTodoTurns GUARDED_BY(mTodoLock);
+    // Written under mTodoLock; read without it to skip the lock when nothing is queued.
+    std::atomic<size_t> mQueuedTasks{0};
+    const uid_t mOwnUid;
     bool mWakePending GUARDED_BY(mTodoLock) = false;
+    // threadsPerUid(mMaxThreads), read without mPoolLock.
+    std::atomic<size_t> mThreadsPerUid;
 
     mutable Mutex mPoolLock;
     size_t mMaxThreads GUARDED_BY(mPoolLock);
@@ -152,6 +202,7 @@ private:
     mutable Mutex mQueueLock;
     std::unordered_map<uid_t, QueueTotals> mUidQueues GUARDED_BY(mQueueLock);
     QueueStats mQueueStats GUARDED_BY(mQueueLock);
+    std::atomic<int64_t> mReadBufferBytes{0};
 
     Mutex mFlushLock;
     bool mFlusherStarted GUARDED_BY(mFlushLock) = false;

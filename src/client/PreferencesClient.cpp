@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <utility>
 #include <vector>
@@ -28,6 +29,8 @@ using android::binder::Status;
 using halo::preferences::GenerationStamp;
 using halo::preferences::IPreferencesExtension;
 using lumen::preferences::IPreferencesService;
+
+static_assert(PreferencesClient::kMaxBatchEntries == IPreferencesExtension::MAX_BATCH_ENTRIES);
 
 std::atomic<size_t> gCacheEntries{PreferencesClient::kDefaultCacheEntries};
 
@@ -514,6 +517,37 @@ PreferencesStatus PreferencesClient::describeKey(const std::string& key,
     if (!status.isOk()) return status;
     if (!fromParcelable(parcel, out)) return PreferencesStatus::failed(android::BAD_TYPE);
     return status;
+}
+
+PreferencesStatus PreferencesClient::setBatch(const std::vector<BatchEntry>& entries,
+                                              const PreferencesTarget& target, size_t* refused) {
+    if (entries.empty()) return PreferencesStatus::ok();
+    const android::sp<IPreferencesExtension> extension = extensionOf(*mConnection);
+    if (extension == nullptr) return PreferencesStatus::failed(android::UNKNOWN_TRANSACTION);
+    std::vector<halo::preferences::BatchEntry> wire(entries.size());
+    for (size_t i = 0; i < entries.size(); ++i) {
+        const PreferenceValue& value = entries[i].value;
+        halo::preferences::BatchEntry& out = wire[i];
+        out = halo::preferences::BatchEntry{};
+        out.key = toString16(entries[i].key);
+        out.type = static_cast<int32_t>(value.type());
+        out.integerValue = value.asInteger();
+        out.doubleValue = value.asDouble();
+        out.stringValue = toString16(value.asString());
+        out.longValue = value.asLong();
+        out.booleanValue = value.asBoolean();
+        out.floatValue = value.asFloat();
+    }
+    const Status status = extension->setBatch(wire, flavourCode(target), target.userId());
+    if (refused != nullptr && status.serviceSpecificErrorCode() != 0) {
+        // The service names the refused entry in its message: "entry N".
+        unsigned long index = 0;
+        if (sscanf(status.exceptionMessage().c_str(), "entry %lu", &index) == 1 &&
+            index < entries.size()) {
+            *refused = index;
+        }
+    }
+    return BinderStatusConversion::fromStatus(status);
 }
 
 PreferencesStatus PreferencesClient::reset(const std::string& key) {

@@ -126,6 +126,25 @@ public:
     // BAD_TYPE when its type code names no value type this client knows.
     PreferencesStatus describeKey(const std::string& key, PreferencesKeyDescription* out);
 
+    // One key of a batch and the value (with its own type) to write to it.
+    struct BatchEntry {
+        std::string key;
+        PreferenceValue value;
+    };
+    // The most entries that one setBatch takes.
+    static constexpr size_t kMaxBatchEntries = 256;
+
+    // Writes every entry for `target`'s user, all or nothing: each entry is checked as the set
+    // of its type would be, and the first one refused fails the call with that set's status and
+    // nothing written; its index goes to `refused` (when not null). On success each listener of
+    // the keys gets one notification with all of its keys that changed, and reads (cached ones
+    // too) answer the new values. An empty batch succeeds at once. More than kMaxBatchEntries
+    // entries fail with the exception EX_ILLEGAL_ARGUMENT; a service without the extension with
+    // UNKNOWN_TRANSACTION.
+    PreferencesStatus setBatch(const std::vector<BatchEntry>& entries,
+                               const PreferencesTarget& target = PreferencesTarget::caller(),
+                               size_t* refused = nullptr);
+
     // Restores the default of `key` (the caller's own user).
     PreferencesStatus reset(const std::string& key);
 

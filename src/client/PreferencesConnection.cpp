@@ -18,15 +18,15 @@ PreferencesConnection::PreferencesConnection(const android::sp<android::IBinder>
       mService(android::interface_cast<IPreferencesService>(binder)),
       mDeathRecipient(new PreferencesDeathRecipient) {
     mBinder->linkToDeath(mDeathRecipient);
-    if (cacheEntries == 0) return;
     android::sp<android::IBinder> extension;
     if (mBinder->getExtension(&extension) != android::OK || extension == nullptr) return;
-    android::sp<IPreferencesExtension> typed =
-            android::interface_cast<IPreferencesExtension>(extension);
+    mExtension = android::interface_cast<IPreferencesExtension>(extension);
     android::os::ParcelFileDescriptor table;
-    if (typed == nullptr || !typed->getGenerationTable(&table).isOk()) return;
+    if (cacheEntries == 0 || mExtension == nullptr ||
+        !mExtension->getGenerationTable(&table).isOk()) {
+        return;
+    }
     mReadCache = PreferencesReadCache::shared(table.release(), cacheEntries);
-    if (mReadCache != nullptr) mExtension = typed;
 }
 
 PreferencesConnection::~PreferencesConnection() {

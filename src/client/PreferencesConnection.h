@@ -25,9 +25,10 @@ namespace Halo::OS {
 // so a watch can unregister after the client object is gone.
 class PreferencesConnection {
 public:
-    // `binder` is the service's binder (not null). Links a death recipient to it. With
-    // `cacheEntries` above 0, asks the service for its extension and generation table and keeps
-    // a read cache of that many entries; a service without them is used through plain calls.
+    // `binder` is the service's binder (not null). Links a death recipient to it and asks the
+    // service for its extension. With `cacheEntries` above 0, also asks for its generation table
+    // and keeps a read cache of that many entries; a service without them is read through plain
+    // calls.
     PreferencesConnection(const android::sp<android::IBinder>& binder, size_t cacheEntries);
     ~PreferencesConnection();
     PreferencesConnection(const PreferencesConnection&) = delete;
@@ -36,8 +37,8 @@ public:
     const android::sp<lumen::preferences::IPreferencesService>& service() const { return mService; }
     const android::sp<android::IBinder>& binder() const { return mBinder; }
     const android::sp<PreferencesDeathRecipient>& deathRecipient() const { return mDeathRecipient; }
-    // The service's extension and the process's read cache for it (shared by every connection
-    // of this process to the same service); both null when not caching.
+    // The service's extension (null when it offers none) and the process's read cache for it
+    // (shared by every connection of this process to the same service; null when not caching).
     const android::sp<halo::preferences::IPreferencesExtension>& extension() const {
         return mExtension;
     }

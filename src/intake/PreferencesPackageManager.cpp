@@ -7,6 +7,7 @@
 #include <binder/PermissionCache.h>
 #include <json/value.h>
 #include <log/log.h>
+#include <malloc.h>
 
 #include <cstdio>
 #include <exception>
@@ -322,9 +323,16 @@ void PreferencesPackageManager::process() {
     do {
         std::unique_ptr<PreferencesSchemaList> list;
         // Without a key manager (a service built without one) lists are dropped.
-        if (mQueue.dequeue(list) && waitUntilReleased() && mKeyManager != nullptr) {
+        if (!mQueue.dequeue(list)) continue;
+        if (waitUntilReleased() && mKeyManager != nullptr) {
             mKeyManager->process(list, KeySourceDomain::Application);
         }
+        list.reset();
+        // Parsing and applying a list take memory in proportion to its size (about 1.5 KB a
+        // key), mostly in the malloc arenas of the pool threads that parsed it; glibc keeps
+        // what is freed there. Giving it back bounds the resident size by what is in use, not
+        // by the largest list ever received (docs/reliability.md).
+        malloc_trim(0);
     } while (!mQueue.isTerminated() && mRunning);
 }
 

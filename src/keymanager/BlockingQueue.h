@@ -6,6 +6,7 @@
 #include <condition_variable>
 #include <cstddef>
 #include <deque>
+#include <iterator>
 #include <utility>
 
 #include "threads/Mutex.h"
@@ -40,6 +41,19 @@ public:
         {
             Mutex::Autolock lock(mMutex);
             mItems.push_back(item);
+        }
+        mCondition.notify_one();
+    }
+
+    // Appends every item of `items` in order under one hold of the mutex, so that a consumer
+    // that drains the queue sees all of them or none, and wakes one waiting consumer. Fatal when
+    // the queue is terminated.
+    template <typename Items>
+    void enqueueAll(const Items& items) EXCLUDES(mMutex) {
+        assertNotTerminated("Enqueueing an already terminated BlockingQueue");
+        {
+            Mutex::Autolock lock(mMutex);
+            mItems.insert(mItems.end(), std::begin(items), std::end(items));
         }
         mCondition.notify_one();
     }

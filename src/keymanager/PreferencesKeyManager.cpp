@@ -498,6 +498,171 @@ int PreferencesKeyManager::setWithoutCallback(const std::string& key, const std:
     return setWithoutCallback(key, value, type, getCallingUid());
 }
 
+int PreferencesKeyManager::setBatch(const std::vector<BatchEntry>& entries, uid_t uid,
+                                    size_t* refused) {
+    if (entries.empty()) return KeyManagerStatus::Ok;
+    if (entries.size() > kMaxBatchEntries) {
+        ALOGE("%s: set batch denied, %zu entries where at most %zu are taken",
+              PreferencesKeyInfo::get(uid).c_str(), entries.size(), kMaxBatchEntries);
+        Telemetry::reportError("key_set_error", uid, "batch too large");
+        return KeyManagerStatus::WriteRefused;
+    }
+    const std::string& first = entries.front().key;
+    if (!isPrivilegedAppId(uid) && checkOsWritePermission() != KeyManagerStatus::Ok) {
+        ALOGE("%d, %s: set denied, make sure app has set permission in AndroidManifest.xml",
+              static_cast<int>(uid), first.c_str());
+        Telemetry::reportError("key_set_error", uid,
+                               "missing preferences service write permission");
+        if (refused != nullptr) *refused = 0;
+        return KeyManagerStatus::OsPermissionDenied;
+    }
+    if (refuseUnknownUser(multiuser_get_user_id(uid), "set", first)) {
+        if (refused != nullptr) *refused = 0;
+        return KeyManagerStatus::WriteRefused;
+    }
+    std::set<std::string> changed;
+    int result = KeyManagerStatus::Ok;
+    {
+        TimedLock lock(*this, "batch", [&entries] {
+            std::vector<std::string> keys;
+            for (const BatchEntry& entry : entries) keys.push_back(entry.key);
+            return stringJoin(keys, ",");
+        });
+        result = setBatchLocked(entries, uid, refused, &changed);
+    }
+    for (size_t i = 0; !changed.empty() && i < entries.size(); ++i) {
+        if (result == KeyManagerStatus::Ok) reportSuccess("set_value_success", uid);
+        Telemetry::report("key_set_success", uid, true);
+    }
+    if (result == KeyManagerStatus::Ok) mQueue.enqueueAll(changed);
+    return result;
+}
+
+int PreferencesKeyManager::setBatchLocked(const std::vector<BatchEntry>& entries, uid_t uid,
+                                          size_t* refused, std::set<std::string>* changed) {
+    std::vector<Access> accesses(entries.size());
+    std::vector<std::optional<std::string>> olds(entries.size());
+    for (size_t i = 0; i < entries.size(); ++i) {
+        const int result = checkBatchEntryLocked(entries[i], uid, &accesses[i], &olds[i]);
+        if (result != KeyManagerStatus::Ok) {
+            if (refused != nullptr) *refused = i;
+            return result;
+        }
+    }
+
+    const int begun = mDb->beginBatch();
+    if (begun != 0) {
+        ALOGE("Failed to start a batch of values in a single transaction: %d", begun);
+        reportFailure(fmt::format("{}:{}", "begin_transaction_error", begun));
+    }
+    const bool timed = mProfiling || mTracing;
+    int result = KeyManagerStatus::Ok;
+    size_t written = 0;
+    for (; written < entries.size(); ++written) {
+        const BatchEntry& entry = entries[written];
+        const Access& access = accesses[written];
+        const Clock::time_point start = timed ? Clock::now() : Clock::time_point();
+        if (mDb->setPreferenceValue(access.user, access.checkingUser, entry.key, entry.value) !=
+            0) {
+            ALOGE("%s, %s: set denied, can not be write to database",
+                  PreferencesKeyInfo::get(uid).c_str(), entry.key.c_str());
+            Telemetry::reportError("key_set_error", uid, "can not be written to database");
+            result = KeyManagerStatus::WriteRefused;
+            break;
+        }
+        const long long duration = timed ? microsSince(start) : 0;
+        if (entry.key == "mic_muted") Telemetry::report("mic_muted_set", uid, true);
+        if (mProfiling) mProfiler->recordWrite(entry.key, duration);
+        if (mTracing) {
+            traceLocked(EventType::Write, start, duration, entry.key, entry.value,
+                        callingPidForTrace());
+        }
+    }
+    if (result != KeyManagerStatus::Ok) {
+        // The entries written so far get back the values they had; a failure here leaves them
+        // as written, which the log tells.
+        for (size_t i = 0; i < written; ++i) {
+            const int32_t restored =
+                    olds[i].has_value()
+                            ? mDb->setPreferenceValue(accesses[i].user, accesses[i].checkingUser,
+                                                      entries[i].key, *olds[i])
+                            : mDb->clearCurrentPreferenceValue(accesses[i].user, entries[i].key);
+            if (restored != 0) {
+                ALOGE("%s: could not restore the value it had before a failed batch",
+                      entries[i].key.c_str());
+            }
+        }
+        if (refused != nullptr) *refused = written;
+    }
+    if (begun == 0) {
+        const int committed = mDb->commitBatch();
+        if (committed != 0) {
+            ALOGE("Failed to commit a batch of values in a single transaction: %d", committed);
+            reportFailure(fmt::format("{}:{}", "commit_transaction_error", committed));
+        }
+    }
+    for (const BatchEntry& entry : entries) {
+        if (changed->insert(entry.key).second) mGenerations.bumpKey(entry.key);
+    }
+    return result;
+}
+
+int PreferencesKeyManager::setBatch(const std::vector<BatchEntry>& entries, size_t* refused) {
+    return setBatch(entries, getCallingUid(), refused);
+}
+
+int PreferencesKeyManager::setBatchUser(const std::vector<BatchEntry>& entries, unsigned int userId,
+                                        size_t* refused) {
+    if (!entries.empty() && refuseUnknownUser(userId, "set", entries.front().key)) {
+        if (refused != nullptr) *refused = 0;
+        return KeyManagerStatus::WriteRefused;
+    }
+    const uid_t uid = multiuser_get_uid(userId, multiuser_get_app_id(getCallingUid()));
+    return setBatch(entries, uid, refused);
+}
+
+int PreferencesKeyManager::checkBatchEntryLocked(const BatchEntry& entry, uid_t uid, Access* access,
+                                                 std::optional<std::string>* old) {
+    const std::string& key = entry.key;
+    bool rowReadFailed = false;
+    *access = checkKeyAccessLocked(key, uid, /*write=*/true, &rowReadFailed);
+    if (access->status != KeyManagerStatus::Ok) {
+        if (rowReadFailed) {
+            ALOGE("%s, %s: set denied, make sure app has key defined",
+                  PreferencesKeyInfo::get(uid).c_str(), key.c_str());
+            Telemetry::reportError("key_set_error", uid,
+                                   "set denied, make sure app has key defined");
+        } else {
+            ALOGE("%s, %s: set denied due to lack of permission, check app key's permission "
+                  "field",
+                  PreferencesKeyInfo::get(uid).c_str(), key.c_str());
+            Telemetry::reportError("key_set_error", uid, "missing permission to write preference");
+        }
+        return access->status;
+    }
+    Type declared = Type::NoType;
+    if (getTypeLockedPermitted(key, declared) != 0 || declared != entry.type) {
+        ALOGE("%s, %s: set denied due to wrong type, check app's method of call or key type "
+              "definition",
+              PreferencesKeyInfo::get(uid).c_str(), key.c_str());
+        Telemetry::reportError("key_set_error", uid, "wrong type or undefined key");
+        return KeyManagerStatus::WriteRefused;
+    }
+    // The read applies the store's rule on which user a key of each scope may be reached for,
+    // which the write would otherwise apply only once the batch is half written.
+    // Any other failure to read (a key with neither a value nor a default) leaves `old` empty.
+    constexpr int32_t kUserRequired = -14;
+    const int32_t read = mDb->getPreferenceValue(access->user, access->checkingUser, key, *old);
+    if (read != 0) old->reset();
+    if (read == kUserRequired) {
+        ALOGE("%s, %s: set denied, can not be write to database",
+              PreferencesKeyInfo::get(uid).c_str(), key.c_str());
+        Telemetry::reportError("key_set_error", uid, "can not be written to database");
+        return KeyManagerStatus::WriteRefused;
+    }
+    return KeyManagerStatus::Ok;
+}
+
 int PreferencesKeyManager::get(const std::string& key, std::string& out, Type type, uid_t uid) {
     if (!isPrivilegedAppId(uid) && checkOsReadPermission() != 0) {
         ALOGE("%s - %d: denied, make sure app has set permission in AndroidManifest.xml",

@@ -106,6 +106,39 @@ public:
     int setWithoutCallback(const std::string& key, const std::string& value, Type type)
             EXCLUDES(mMutex);
 
+    // ---- Batches ----
+
+    // One key of a batch: the key, its value text and the type it is written as.
+    struct BatchEntry {
+        std::string key;
+        std::string value;
+        Type type;
+    };
+    // The most entries that one batch takes. A batch holds mMutex while it checks and writes all
+    // of its entries, so this also bounds that hold (a few milliseconds of store writes).
+    static constexpr size_t kMaxBatchEntries = 256;
+
+    // Writes every entry for the user of `uid`, all or nothing. The OS write permission (unless
+    // the uid's application id is privileged) and the user are checked once, as set() checks
+    // them; then, under mMutex and before anything is written, every entry gets the checks of
+    // setWithoutCallback (key permission, declared type) and its current value is read, which
+    // also applies the store's user rule of the key's scope. The first entry refused ends the
+    // call with the code that set() would return for it (with its log line and telemetry),
+    // `*refused` (when not null) set to its index, and nothing written. Otherwise the values are
+    // written in one store transaction, each distinct key's generation is bumped once, and the
+    // keys are queued together, so that each listener gets one onChanged with all of its
+    // changed keys. A store failure while writing returns WriteRefused after writing back, best
+    // effort, the values read before for the entries already written (a key that had a default
+    // and no value of its own keeps that default as its value). More than kMaxBatchEntries
+    // entries: WriteRefused with nothing checked. An empty batch returns Ok and changes nothing.
+    int setBatch(const std::vector<BatchEntry>& entries, uid_t uid, size_t* refused)
+            EXCLUDES(mMutex);
+    // setBatch() for the calling uid.
+    int setBatch(const std::vector<BatchEntry>& entries, size_t* refused) EXCLUDES(mMutex);
+    // setBatch() for the caller's application in `userId`.
+    int setBatchUser(const std::vector<BatchEntry>& entries, unsigned int userId, size_t* refused)
+            EXCLUDES(mMutex);
+
     // OS read-permission check (unless privileged), then getWithoutPermissionCheck.
     int get(const std::string& key, std::string& out, Type type, uid_t uid) EXCLUDES(mMutex);
     int get(const std::string& key, std::string& out, Type type) EXCLUDES(mMutex);
@@ -280,6 +313,15 @@ private:
             REQUIRES(mMutex);
     Access checkKeyAccessLocked(const std::string& key, uid_t uid, bool write, bool* rowReadFailed)
             REQUIRES(mMutex);
+    // setBatch's work under mMutex: checks every entry, then writes them all. `changed` receives
+    // the distinct keys whose generations were bumped (none when an entry was refused).
+    int setBatchLocked(const std::vector<BatchEntry>& entries, uid_t uid, size_t* refused,
+                       std::set<std::string>* changed) REQUIRES(mMutex);
+    // The checks of setBatch for one entry, under mMutex; on success `access` is filled in and
+    // `old` holds the value read now (empty when none could be read). Returns Ok or the
+    // refusal, logged and reported.
+    int checkBatchEntryLocked(const BatchEntry& entry, uid_t uid, Access* access,
+                              std::optional<std::string>* old) REQUIRES(mMutex);
     bool isPrivilegedAppId(uid_t uid) const;
     // The caller's pid as trace entries record it (TraceData::kOwnPid for this process).
     unsigned int callingPidForTrace() const;

@@ -1,11 +1,15 @@
 #include "service/PreferencesExtension.h"
 
+#include <utils/String8.h>
+
 #include <utility>
 
 #include "keymanager/KeyManagerStatus.h"
 #include "model/PreferencesGenerationLayout.h"
+#include "service/PreferencesOverrides.h"
 #include "service/PreferencesService.h"
 #include "service/String16Utils.h"
+#include "service/ValueCodec.h"
 
 namespace Halo::OS {
 
@@ -58,6 +62,39 @@ halo::preferences::KeyDescription toParcelable(
 
 Status toStatus(int result) {
     return result == KeyManagerStatus::Ok ? Status::ok() : Status::fromServiceSpecificError(result);
+}
+
+static_assert(PreferencesKeyManager::kMaxBatchEntries ==
+              halo::preferences::IPreferencesExtension::MAX_BATCH_ENTRIES);
+
+// The value text of `entry` in its type; false for a type code that names no value type.
+bool entryText(const halo::preferences::BatchEntry& entry, PreferencesKeyInfo::Type* type,
+               std::string* text) {
+    using Type = PreferencesKeyInfo::Type;
+    switch (static_cast<Type>(entry.type)) {
+        case Type::Integer:
+            *text = ValueCodec<int32_t>::toText(entry.integerValue);
+            break;
+        case Type::Double:
+            *text = ValueCodec<double>::toText(entry.doubleValue);
+            break;
+        case Type::String:
+            *text = ValueCodec<String16>::toText(entry.stringValue);
+            break;
+        case Type::Long:
+            *text = ValueCodec<int64_t>::toText(entry.longValue);
+            break;
+        case Type::Boolean:
+            *text = ValueCodec<bool>::toText(entry.booleanValue);
+            break;
+        case Type::Float:
+            *text = ValueCodec<float>::toText(entry.floatValue);
+            break;
+        default:
+            return false;
+    }
+    *type = static_cast<Type>(entry.type);
+    return true;
 }
 
 }  // namespace
@@ -151,6 +188,54 @@ Status PreferencesExtension::describeKey(const String16& key, KeyDescription* ou
     const int result = mKeyManager->describeKey(toString(key), description);
     if (result != KeyManagerStatus::Ok) return toStatus(result);
     *out = toParcelable(description);
+    return Status::ok();
+}
+
+Status PreferencesExtension::setBatch(const std::vector<halo::preferences::BatchEntry>& entries,
+                                      int32_t flavour, int32_t userId) {
+    if (flavour != FLAVOUR_CALLER && flavour != FLAVOUR_CURRENT && flavour != FLAVOUR_USER) {
+        return Status::fromExceptionCode(Status::EX_ILLEGAL_ARGUMENT, "unknown flavour");
+    }
+    if (entries.size() > static_cast<size_t>(MAX_BATCH_ENTRIES)) {
+        return Status::fromExceptionCode(Status::EX_ILLEGAL_ARGUMENT, "too many entries");
+    }
+    std::vector<PreferencesKeyManager::BatchEntry> batch(entries.size());
+    for (size_t i = 0; i < entries.size(); ++i) {
+        batch[i].key = toString(entries[i].key);
+        if (!entryText(entries[i], &batch[i].type, &batch[i].value)) {
+            return Status::fromExceptionCode(Status::EX_ILLEGAL_ARGUMENT,
+                                             android::String8::format("entry %zu: no type", i));
+        }
+    }
+    size_t refused = 0;
+    int result = KeyManagerStatus::Ok;
+    switch (flavour) {
+        case FLAVOUR_CALLER:
+            result = mKeyManager->setBatch(batch, &refused);
+            break;
+        case FLAVOUR_CURRENT:
+            result = mKeyManager->setBatchUser(batch, mKeyManager->getCurrentUser(), &refused);
+            break;
+        default:
+            result = mKeyManager->setBatchUser(batch, static_cast<unsigned int>(userId), &refused);
+            break;
+    }
+    if (result != KeyManagerStatus::Ok) {
+        return Status::fromServiceSpecificError(result,
+                                                android::String8::format("entry %zu", refused));
+    }
+    if (flavour == FLAVOUR_CALLER) {
+        bool overridden = false;
+        for (const halo::preferences::BatchEntry& entry : entries) {
+            if (entry.type != static_cast<int32_t>(PreferencesKeyInfo::Type::Integer) ||
+                PreferencesOverrides::kOverrides.count(toString(entry.key)) == 0) {
+                continue;
+            }
+            PreferencesOverrides::setInteger(entry.key, entry.integerValue);
+            overridden = true;
+        }
+        if (overridden) mKeyManager->invalidateAllReads();
+    }
     return Status::ok();
 }
 

@@ -2,6 +2,7 @@
 
 #include <binder/ParcelFileDescriptor.h>
 #include <binder/Status.h>
+#include <halo/preferences/BatchEntry.h>
 #include <halo/preferences/BnPreferencesExtension.h>
 #include <halo/preferences/GenerationStamp.h>
 #include <halo/preferences/KeyDescription.h>
@@ -56,6 +57,12 @@ public:
     // its code.
     Status listKeys(const String16& ownerPackage, std::vector<KeyDescription>* out) override;
     Status describeKey(const String16& key, KeyDescription* out) override;
+
+    // The key manager's setBatch for the user of `flavour`; its code becomes the status's
+    // service-specific error, with the message "entry N". Plain-flavour integer entries of keys
+    // with an override property write it too once the batch is written, as setInteger does.
+    Status setBatch(const std::vector<halo::preferences::BatchEntry>& entries, int32_t flavour,
+                    int32_t userId) override;
 
 private:
     template <typename T>

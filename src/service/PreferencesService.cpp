@@ -18,6 +18,7 @@
 #include "keymanager/DumpBuffer.h"
 #include "service/PreferencesExtension.h"
 #include "service/String16Utils.h"
+#include "service/ValueCodec.h"
 
 namespace Halo::OS {
 namespace {
@@ -44,59 +45,6 @@ using Type = PreferencesKeyInfo::Type;
 Status toStatus(int result) {
     return result == KeyManagerStatus::Ok ? Status::ok() : Status::fromServiceSpecificError(result);
 }
-
-// The stored text of each interface value type and its reading back. These encodings are what
-// the databases hold: changing one changes how every existing value reads.
-template <typename T>
-struct ValueCodec;
-
-template <>
-struct ValueCodec<int32_t> {
-    static constexpr Type kType = Type::Integer;
-    static std::string toText(int32_t value) { return std::to_string(value); }
-    static int32_t fromText(const std::string& text) {
-        return static_cast<int32_t>(std::strtol(text.c_str(), nullptr, 10));
-    }
-};
-
-template <>
-struct ValueCodec<int64_t> {
-    static constexpr Type kType = Type::Long;
-    static std::string toText(int64_t value) { return std::to_string(value); }
-    static int64_t fromText(const std::string& text) {
-        return static_cast<int64_t>(std::strtol(text.c_str(), nullptr, 10));
-    }
-};
-
-template <>
-struct ValueCodec<double> {
-    static constexpr Type kType = Type::Double;
-    static std::string toText(double value) { return std::to_string(value); }
-    static double fromText(const std::string& text) { return std::strtod(text.c_str(), nullptr); }
-};
-
-template <>
-struct ValueCodec<float> {
-    static constexpr Type kType = Type::Float;
-    static std::string toText(float value) { return std::to_string(value); }
-    static float fromText(const std::string& text) { return std::strtof(text.c_str(), nullptr); }
-};
-
-template <>
-struct ValueCodec<bool> {
-    static constexpr Type kType = Type::Boolean;
-    static std::string toText(bool value) { return std::to_string(value ? 1 : 0); }
-    static bool fromText(const std::string& text) { return text == "1" || text == "true"; }
-};
-
-template <>
-struct ValueCodec<String16> {
-    static constexpr Type kType = Type::String;
-    static std::string toText(const String16& value) { return toString(value); }
-    static String16 fromText(const std::string& text) {
-        return String16(text.c_str(), text.size());
-    }
-};
 
 }  // namespace
 

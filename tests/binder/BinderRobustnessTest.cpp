@@ -11,11 +11,14 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <condition_variable>
 #include <random>
 #include <thread>
 
 #include "BinderTestEnvironment.h"
 #include "binder/BinderConnection.h"
+#include "binder/BinderRuntime.h"
+#include "threads/Mutex.h"
 
 namespace Halo::OS::testing {
 namespace {
@@ -396,6 +399,156 @@ TEST_F(BinderRobustnessTest, OutOfLineParcelsComeOnlyFromTrustedPeersInSealedMem
         }
         int32_t out = 0;
         EXPECT_TRUE(service->echoInt(16, &out).isOk()) << c.what;
+    }
+}
+
+// A service of the test process. kGate calls wait until open() (counting how many wait at once);
+// every call is counted.
+class GateService : public android::BBinder {
+public:
+    static constexpr uint32_t kGate = 1;
+    static constexpr uint32_t kCount = 2;
+
+    android::status_t onTransact(uint32_t code, const android::Parcel&, android::Parcel*,
+                                 uint32_t) override {
+        Mutex::Autolock lock(mLock);
+        ++mCalls;
+        if (code == kGate) {
+            ++mWaiting;
+            mChanged.wait(lock.unique(), [&]() NO_THREAD_SAFETY_ANALYSIS { return mOpen; });
+            --mWaiting;
+        }
+        return android::OK;
+    }
+
+    void open() {
+        Mutex::Autolock lock(mLock);
+        mOpen = true;
+        mChanged.notify_all();
+    }
+    size_t calls() {
+        Mutex::Autolock lock(mLock);
+        return mCalls;
+    }
+    size_t waiting() {
+        Mutex::Autolock lock(mLock);
+        return mWaiting;
+    }
+
+private:
+    Mutex mLock;
+    std::condition_variable mChanged;
+    bool mOpen GUARDED_BY(mLock) = false;
+    size_t mCalls GUARDED_BY(mLock) = 0;
+    size_t mWaiting GUARDED_BY(mLock) = 0;
+};
+
+// The value of `sample` once it has stopped changing (the same for half a second).
+template <typename Sample>
+auto settled(const Sample& sample) {
+    auto last = sample();
+    for (int same = 0; same < 10;) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        const auto now = sample();
+        same = now == last ? same + 1 : 0;
+        last = now;
+    }
+    return last;
+}
+
+// Sends `count` copies of `frame` on a thread of its own (blocking while the service does not
+// read).
+std::thread sendRepeatedly(RawClient* client, Bytes frame, int count) {
+    return std::thread([client, frame = std::move(frame), count] {
+        for (int i = 0; i < count; ++i) client->send(frame);
+    });
+}
+
+TEST_F(BinderRobustnessTest, OneUidRunsOnItsShareOfThreadsWhileOtherUidsAreServed) {
+    sp<GateService> gate = new GateService();
+    ASSERT_EQ(android::OK, android::defaultServiceManager()->addService(String16("gate"), gate));
+    const size_t share = BinderRuntime::threadsPerUid(BinderRuntime::instance().maxThreads());
+    TransactionFrame wait;
+    wait.code = GateService::kGate;
+    // One app's calls that do not return, twice its share, each on a connection of its own.
+    std::vector<std::unique_ptr<RawClient>> app;
+    for (size_t i = 0; i < 2 * share; ++i) {
+        app.push_back(std::make_unique<RawClient>(socketPath("gate"), 10123));
+        app.back()->send(wait.encode());
+    }
+    EXPECT_EQ(share, settled([&] { return gate->waiting(); }));
+    // Another app's call still gets a thread; the first app's queued calls wait.
+    RawClient other(socketPath("gate"), 10124);
+    TransactionFrame count;
+    count.code = GateService::kCount;
+    other.send(count.encode());
+    EXPECT_EQ(32u, other.receive(8 + 24).size());
+    EXPECT_EQ(share, gate->waiting());
+
+    gate->open();
+    for (auto& client : app) EXPECT_EQ(32u, client->receive(8 + 24).size());
+    EXPECT_EQ(2 * share + 1, gate->calls());
+}
+
+TEST_F(BinderRobustnessTest, OneUidsConnectionsTogetherStayWithinTheUidsQueueBound) {
+    sp<GateService> gate = new GateService();
+    ASSERT_EQ(android::OK, android::defaultServiceManager()->addService(String16("gate"), gate));
+    // Twelve connections of one app, each a one-way call that waits and then more one-way calls
+    // than one connection may queue: together more than the uid may queue.
+    constexpr int kConnections = 12;
+    constexpr int kCalls = 1500;
+    TransactionFrame wait;
+    wait.txid = 0;
+    wait.code = GateService::kGate;
+    wait.flags = android::IBinder::FLAG_ONEWAY;
+    TransactionFrame count = wait;
+    count.code = GateService::kCount;
+    count.data.resize(500);
+    const Bytes frame = count.encode();
+    static_assert(kConnections * BinderConnection::kMaxQueuedCalls >
+                  BinderRuntime::kMaxQueuedCallsPerUid);
+    std::vector<std::unique_ptr<RawClient>> app;
+    std::vector<std::thread> senders;
+    for (int i = 0; i < kConnections; ++i) {
+        app.push_back(std::make_unique<RawClient>(socketPath("gate"), 10123));
+        app.back()->send(wait.encode());
+        senders.push_back(sendRepeatedly(app.back().get(), frame, kCalls));
+    }
+    BinderRuntime& runtime = BinderRuntime::instance();
+    const size_t queued = settled([&] { return runtime.queueStats().now.calls; });
+    // Past the uid's bound each connection may have finished the read it was in.
+    const size_t oneRead = BinderConnection::kReadChunk / frame.size() + 1;
+    EXPECT_GE(queued, BinderRuntime::kMaxQueuedCallsPerUid);
+    EXPECT_LE(runtime.queueStats().peakPerUid.calls,
+              BinderRuntime::kMaxQueuedCallsPerUid + kConnections * oneRead);
+
+    // Nothing is lost: every call runs once the first ones return.
+    gate->open();
+    for (std::thread& sender : senders) sender.join();
+    EXPECT_TRUE(eventually([&] { return gate->calls() == size_t(kConnections) * (kCalls + 1); }));
+}
+
+TEST_F(BinderRobustnessTest, ReadBufferShrinksBackAfterALargeFrame) {
+    sp<GateService> gate = new GateService();
+    ASSERT_EQ(android::OK, android::defaultServiceManager()->addService(String16("gate"), gate));
+    RawClient raw(socketPath("gate"));
+    TransactionFrame small;
+    small.code = GateService::kCount;
+    raw.send(small.encode());
+    ASSERT_EQ(32u, raw.receive(8 + 24).size());
+    BinderRuntime& runtime = BinderRuntime::instance();
+    const int64_t before = runtime.readBufferBytes();
+    for (size_t size : {size_t(300) << 10, (size_t(1) << 20) - 4096}) {
+        TransactionFrame large = small;
+        large.data.resize(size);
+        raw.send(large.encode());
+        ASSERT_EQ(32u, raw.receive(8 + 24).size());
+        EXPECT_GE(runtime.readBufferBytes() - before, int64_t(size)) << size;
+        // The next read, with no large frame pending, gives the memory back.
+        raw.send(small.encode());
+        ASSERT_EQ(32u, raw.receive(8 + 24).size());
+        EXPECT_LT(runtime.readBufferBytes() - before, int64_t(BinderConnection::kReadChunk))
+                << size;
     }
 }
 

@@ -92,6 +92,10 @@ public:
         mChanged.wait_for(lock, std::chrono::seconds(10), [&] { return !mCalls.empty(); });
         return mCalls.empty() ? std::vector<android::String16>{} : mCalls.front();
     }
+    size_t calls() {
+        std::lock_guard<std::mutex> lock(mMutex);
+        return mCalls.size();
+    }
 
 private:
     std::mutex mMutex;

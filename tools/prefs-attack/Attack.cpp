@@ -12,6 +12,7 @@
 #include <nimbus/internal/IPreferencesAppInfoInquirer.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 #include <utils/String16.h>
@@ -21,6 +22,7 @@
 #include <atomic>
 #include <climits>
 #include <cstdio>
+#include <mutex>
 #include <sstream>
 #include <thread>
 
@@ -87,10 +89,11 @@ Attack::Count busyApp(const Attack::Target& target, Clock::time_point deadline) 
 }
 
 // One-way pings, as fast as the runtime takes them, on one connection (a new one when the
-// service drops it).
+// service drops it). `directory`: where the app looks the service up (default: the device's).
 Attack::Count floodOneway(const Attack::Target& target, Clock::time_point deadline,
-                          const char* name) {
+                          const char* name, const char* directory = nullptr) {
     return asApp(target, [&](Attack::Count* count) {
+        if (directory != nullptr) setenv("BINDER_DIR", directory, 1);
         sp<IBinder> binder;
         android::Parcel empty;
         while (Clock::now() < deadline) {
@@ -109,6 +112,102 @@ Attack::Count floodOneway(const Attack::Target& target, Clock::time_point deadli
                 }
             }
         }
+    });
+}
+
+constexpr int kBusyThreads = 8;
+
+// Two-way calls on kBusyThreads threads, each as fast as its answers come: `call` makes one
+// and returns whether it succeeded.
+template <typename Call>
+Attack::Count busyCalls(const Attack::Target& target, Clock::time_point deadline,
+                        const char* directory, const Call& call) {
+    return asApp(target, [&](Attack::Count* count) {
+        if (directory != nullptr) setenv("BINDER_DIR", directory, 1);
+        std::atomic<long> calls{0}, refused{0};
+        std::vector<std::thread> threads;
+        for (int t = 0; t < kBusyThreads; ++t) {
+            threads.emplace_back([&] {
+                while (Clock::now() < deadline) {
+                    const bool ok = call();
+                    ++calls;
+                    refused += !ok;
+                    if (!ok) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+                }
+            });
+        }
+        for (std::thread& thread : threads) thread.join();
+        count->calls = calls;
+        count->refused = refused;
+    });
+}
+
+// Runs `flood` against a service of the attacking app's own, served by another process of the
+// same uid that does nothing with a call but what the runtime does. The probe then loses what
+// the flood's CPU use costs every process of the machine: the floor for the same flood at the
+// device's services.
+template <typename Flood>
+Attack::Count atOwnService(const Attack::Target& target, Clock::time_point deadline,
+                           const Flood& flood) {
+    char directory[] = "/tmp/prefs-attack-sink-XXXXXX";
+    if (mkdtemp(directory) == nullptr || chown(directory, target.attacker, target.attacker) != 0) {
+        return {0, 1, "no directory for the app's own service"};
+    }
+    Attack::Count count;
+    {
+        AppProcess sink(target.attacker, [&](int) {
+            setenv("BINDER_DIR", directory, 1);
+            android::defaultServiceManager()->addService(String16("sink"), new android::BBinder());
+            std::this_thread::sleep_until(deadline);
+        });
+        count = flood(directory);
+        sink.finish();
+    }
+    unlink((std::string(directory) + "/sink").c_str());
+    rmdir(directory);
+    return count;
+}
+
+Attack::Count floodFloor(const Attack::Target& target, Clock::time_point deadline) {
+    return atOwnService(target, deadline, [&](const char* directory) {
+        return floodOneway(target, deadline, "sink", directory);
+    });
+}
+
+// Two-way pings, the cheapest call there is, on kBusyThreads threads.
+Attack::Count callsFloor(const Attack::Target& target, Clock::time_point deadline) {
+    return atOwnService(target, deadline, [&](const char* directory) {
+        sp<IBinder> sink;
+        return busyCalls(target, deadline, directory, [&sink] {
+            static std::mutex lock;
+            sp<IBinder> binder;
+            {
+                std::lock_guard<std::mutex> guard(lock);
+                if (sink == nullptr) sink = service("sink");
+                binder = sink;
+            }
+            return binder != nullptr && binder->pingBinder() == android::OK;
+        });
+    });
+}
+
+// Reads of its own key on kBusyThreads threads, as fast as the service answers.
+Attack::Count busyReads(const Attack::Target& target, Clock::time_point deadline) {
+    sp<IPreferencesService> prefs;
+    const String16 key(target.systemKey.c_str());
+    return busyCalls(target, deadline, nullptr, [&prefs, &key] {
+        static std::mutex lock;
+        sp<IPreferencesService> service;
+        {
+            std::lock_guard<std::mutex> guard(lock);
+            if (prefs == nullptr) {
+                prefs = android::interface_cast<IPreferencesService>(
+                        Halo::OS::service("PreferencesService"));
+            }
+            service = prefs;
+        }
+        int32_t value = 0;
+        return service != nullptr && service->getInteger(key, &value).isOk();
     });
 }
 
@@ -323,12 +422,10 @@ Attack::Count bigRestartList(const Attack::Target& target, Clock::time_point dea
     // Arrival of a list this size is measured whatever the attack window is.
     const bool arrived = waitForKey(last, std::max(deadline, begin + std::chrono::minutes(3)));
     const double seconds = std::chrono::duration<double>(Clock::now() - begin).count();
-    if (getenv("FAIR_HOLD")) { fprintf(stderr, "HOLD arrived pid %d\n", target.device->daemonPid()); sleep(atoi(getenv("FAIR_HOLD"))); }
     for (int p = 0; p < packages; ++p) {
         target.device->removeFile("com.example.big" + std::to_string(p) + ".json");
     }
     target.device->restartAppInfo();
-    if (getenv("FAIR_HOLD")) { waitForKey("zz_none", Clock::now() + std::chrono::seconds(5)); fprintf(stderr, "HOLD removed\n"); sleep(atoi(getenv("FAIR_HOLD"))); }
     char left[64];
     snprintf(left, sizeof left, arrived ? "arrived in %.1f s" : "not arrived after %.0f s",
              seconds);
@@ -366,9 +463,18 @@ const std::vector<Attack>& attackCatalog() {
     static const std::vector<Attack> catalog = {
             {kBusyAppControl, "control, not an attack: an app that only keeps a CPU busy", false,
              busyApp},
-            {"flood-service", "one-way pings at PreferencesService", false, floodService},
-            {"flood-appinfo", "one-way pings at PreferencesAppInfoInquirer", false, floodAppInfo},
-            {"flood-permission", "one-way pings at permission", false, floodPermission},
+            {kFloodFloor, "control, not an attack: one-way pings at a service of the app's own",
+             false, floodFloor},
+            {kCallsFloor, "control: two-way pings on 8 threads at a service of the app's own",
+             false, callsFloor},
+            {"flood-service", "one-way pings at PreferencesService", false, floodService,
+             kFloodFloor},
+            {"flood-appinfo", "one-way pings at PreferencesAppInfoInquirer", false, floodAppInfo,
+             kFloodFloor},
+            {"flood-permission", "one-way pings at permission", false, floodPermission,
+             kFloodFloor},
+            {"busy-reads", "reads of its own key on 8 threads, as fast as they are answered", false,
+             busyReads, kCallsFloor},
             {"appinfo-calls", "an app unregisters, registers and asks for every package", false,
              appInfoCalls},
             {"listener-rows", "registrations that fail part way; the service as its own listener",

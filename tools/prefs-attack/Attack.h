@@ -35,12 +35,21 @@ struct Attack {
     // Large-device cases take minutes on a sanitizer build: only run when asked by name.
     bool onlyByName;
     Count (*run)(const Target& target, std::chrono::steady_clock::time_point deadline);
+    // The control run whose cost to the probe this attack is judged against besides the
+    // busy app's (null: only that): the same load aimed at a service of the app's own.
+    const char* floor = nullptr;
 };
 
 // The name of the first entry of the catalog: no attack but an app that keeps a CPU busy. The
 // probe's p99 beside it is what any busy app costs the others on this machine, and the
 // reference against which attacks are judged.
 constexpr const char* kBusyAppControl = "busy-app";
+// Controls, not attacks: the floods and the busy calls of the attacks aimed at a service of the
+// attacking app's own in another process. The probe's p99 beside them is what such a load costs
+// on this machine whoever serves it; what the same load at the device's services costs beyond
+// that is the services' doing.
+constexpr const char* kFloodFloor = "flood-floor";
+constexpr const char* kCallsFloor = "calls-floor";
 
 // Every attack prefs-attack knows, in the order it runs them.
 const std::vector<Attack>& attackCatalog();

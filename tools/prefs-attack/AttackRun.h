@@ -14,8 +14,10 @@ namespace Halo::OS {
 // attack did, the daemon's resident size and descriptors before and after, a probe app's latency
 // while it ran, and whether the device still works (the probe's acknowledged writes are there, a
 // newly installed package arrives, both services still run). A baseline line without an attack
-// comes first, then a control app that only keeps a CPU busy; an attack fails when it breaks
-// anything, or when it raises the probe's p99 to more than twice the higher of those two.
+// comes first, then the controls: an app that only keeps a CPU busy, and the floods of the
+// attacks aimed at a service of the app's own (the floors). An attack fails when it breaks
+// anything, or when it raises the probe's p99 to more than twice the highest of the baseline,
+// the busy app and its floor.
 class AttackRun {
 public:
     struct Settings {
@@ -46,8 +48,10 @@ private:
     Row measure(const Attack* attack);
     bool canaryArrives();
     bool selected(const Attack& attack) const;
-    // Prints the row and returns whether the device withstood the attack.
-    bool report(FILE* out, const char* name, const Row& row, double referenceP99) const;
+    // Prints the row and returns whether the device withstood the attack: nothing broke and,
+    // unless it is a control, the probe's p99 is at most twice `referenceP99`.
+    bool report(FILE* out, const char* name, const Row& row, double referenceP99,
+                bool control) const;
 
     DeviceRunner* mDevice;
     Settings mSettings;

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <sstream>
+#include <thread>
 #include <vector>
 
 namespace Halo::OS {
@@ -79,11 +80,18 @@ bool ProbeClient::writesKept(const Figures& figures) const {
     if (figures.lastAcknowledged < 0) return true;
     const String16 key(mKey.c_str());
     AppProcess reader(mUid, [key](int report) {
-        sp<IPreferencesService> service = connect();
-        int32_t value = 0;
-        if (service != nullptr && service->getInteger(key, &value).isOk()) {
-            dprintf(report, "%d\n", value);
-        }
+        // A read refused while the app-info service (and with it `permission`) restarts says
+        // nothing about the write: it is retried for a while.
+        const auto deadline = Clock::now() + std::chrono::seconds(30);
+        do {
+            sp<IPreferencesService> service = connect();
+            int32_t value = 0;
+            if (service != nullptr && service->getInteger(key, &value).isOk()) {
+                dprintf(report, "%d\n", value);
+                return;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        } while (Clock::now() < deadline);
     });
     long value = -2;
     std::istringstream(reader.finish()) >> value;

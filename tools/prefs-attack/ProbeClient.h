@@ -30,7 +30,8 @@ public:
     void start(std::chrono::steady_clock::time_point deadline);
     // Waits for the deadline's end of the run.
     Figures finish();
-    // True when the key holds `figures.lastAcknowledged` (or nothing was acknowledged).
+    // True when the key holds `figures.lastAcknowledged` (or nothing was acknowledged). Reads
+    // refused meanwhile are retried for up to 30 s.
     bool writesKept(const Figures& figures) const;
 
 private:

@@ -6,12 +6,16 @@
 #include <cstdint>
 #include <cstdlib>
 #include <limits>
+#include <string>
 
 namespace Halo::OS {
 
 namespace {
 
 using Command = PrefsCommandLine::Command;
+
+// The most KEY VALUE pairs of one set: what one batch of the service takes.
+constexpr size_t kMaxPairs = 256;
 
 struct CommandInfo {
     Command command;
@@ -35,14 +39,30 @@ const CommandInfo kCommands[] = {
          "Without --user or --current the caller's own user is meant.\n"},
         {Command::Set, "set",
          "usage: prefs set KEY VALUE [--type TYPE] [--user N | --current]\n"
+         "       prefs set KEY VALUE KEY VALUE... [--user N | --current]\n"
          "\n"
          "Writes VALUE to KEY. Integers and longs are decimal, floats and doubles decimal\n"
          "numbers, booleans true, false, 1 or 0, strings any text (put \"--\" before a value\n"
          "that starts with \"--\").\n"
          "\n"
          "  --type TYPE  write the key as TYPE instead of asking the service for its type first\n"
+         "               (one KEY VALUE pair only)\n"
          "  --user N     write the value of user N\n"
-         "  --current    write the value of the device's current user\n"},
+         "  --current    write the value of the device's current user\n"
+         "\n"
+         "With several KEY VALUE pairs, all of them are written in one step or none is: a key\n"
+         "that the service refuses leaves every value as it was, and each listener hears of the\n"
+         "change once. At most 256 pairs.\n"},
+        {Command::Restore, "restore",
+         "usage: prefs restore FILE [--dry-run]\n"
+         "\n"
+         "Writes back the values of a backup that 'prefs backup' wrote: the values of each user\n"
+         "in one step (in steps of 256 values when there are more), through the same checks as\n"
+         "'prefs set --user N'. A user whose values are refused keeps all of them as they were;\n"
+         "the other users are restored all the same (exit status 1).\n"
+         "\n"
+         "  --dry-run  print what would change, one line KEY (user N): OLD -> NEW per value\n"
+         "             that differs, and write nothing\n"},
         {Command::Type, "type",
          "usage: prefs type KEY\n"
          "\n"
@@ -222,6 +242,11 @@ public:
                 request->values = true;
                 continue;
             }
+            if (mCommand == Command::Restore && name == "--dry-run") {
+                if (inlineValue) return fail(error, "--dry-run takes no value");
+                request->dryRun = true;
+                continue;
+            }
             if (watching && name == "--values") {
                 if (inlineValue) return fail(error, "--values takes no value");
                 request->values = true;
@@ -293,11 +318,16 @@ private:
                 request->key = mPositional[0];
                 return true;
             case Command::Set:
+                if (mPositional.size() > 2) return takePairs(request, error);
                 if (!expect(2, mPositional.empty() ? "KEY and VALUE" : "VALUE", error)) {
                     return false;
                 }
                 request->key = mPositional[0];
                 request->value = mPositional[1];
+                return true;
+            case Command::Restore:
+                if (!expect(1, "FILE", error)) return false;
+                request->key = mPositional[0];
                 return true;
             case Command::Profile:
                 if (!expect(1, "WORD", error)) return false;
@@ -314,6 +344,21 @@ private:
             case Command::Version:
             case Command::Dump:
                 break;
+        }
+        return true;
+    }
+
+    // Several KEY VALUE pairs of a set.
+    bool takePairs(PrefsCommandLine::Request* request, std::string* error) {
+        if (mPositional.size() % 2 != 0) {
+            return fail(error, "missing VALUE for '" + mPositional.back() + "'");
+        }
+        if (request->type) return fail(error, "--type takes one KEY VALUE pair only");
+        if (mPositional.size() / 2 > kMaxPairs) {
+            return fail(error, "at most " + std::to_string(kMaxPairs) + " KEY VALUE pairs");
+        }
+        for (size_t i = 0; i < mPositional.size(); i += 2) {
+            request->pairs.emplace_back(mPositional[i], mPositional[i + 1]);
         }
         return true;
     }
@@ -469,6 +514,7 @@ std::string PrefsCommandLine::overview() {
            "commands:\n"
            "  get KEY [--type TYPE] [--user N | --current]        print a value (--json)\n"
            "  set KEY VALUE [--type TYPE] [--user N | --current]  write a value\n"
+           "  set KEY VALUE KEY VALUE... [--user N | --current]   write values in one step\n"
            "  type KEY                                            print the declared type\n"
            "  reset KEY                                           restore the default\n"
            "  watch KEY... [--values] [--count N] [--timeout S]   print change notifications\n"
@@ -477,6 +523,7 @@ std::string PrefsCommandLine::overview() {
            "  list [--package P] [--values] [--json]              list the readable keys\n"
            "  describe KEY [--json]                               type, scope, default, owner\n"
            "  backup [--user N]                                   every readable value, as JSON\n"
+           "  restore FILE [--dry-run]                            write back a backup\n"
            "  help [COMMAND]                                      this text, or a command's\n"
            "\n"
            "options:\n"

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "client/PreferenceValue.h"
@@ -16,6 +17,8 @@ namespace Halo::OS {
 //
 //   prefs [--binder-dir DIR] get KEY [--type TYPE] [--user N | --current] [--json]
 //   prefs [--binder-dir DIR] set KEY VALUE [--type TYPE] [--user N | --current]
+//   prefs [--binder-dir DIR] set KEY VALUE KEY VALUE... [--user N | --current]
+//   prefs [--binder-dir DIR] restore FILE [--dry-run]
 //   prefs [--binder-dir DIR] type KEY
 //   prefs [--binder-dir DIR] reset KEY
 //   prefs [--binder-dir DIR] watch KEY... [--values] [--count N] [--timeout SECONDS]
@@ -46,6 +49,7 @@ public:
         List,
         Describe,
         Backup,
+        Restore,
     };
 
     struct Request {
@@ -61,6 +65,10 @@ public:
         // get, set, type, reset, describe: the key; set: the value text; profile: the word.
         std::string key;
         std::string value;
+        // set of several pairs: every KEY VALUE pair in order (then `key` and `value` are empty).
+        std::vector<std::pair<std::string, std::string>> pairs;
+        // restore: the file (in `key`) and --dry-run.
+        bool dryRun = false;
         // get, set: the --type given, if any.
         std::optional<PreferenceValue::Type> type;
         // get, set: whose value; backup: a User target with --user, else the caller's.

@@ -12,6 +12,7 @@
 #include <cmath>
 #include <cstring>
 #include <deque>
+#include <map>
 #include <optional>
 #include <thread>
 #include <utility>
@@ -20,6 +21,7 @@
 
 #include "binder/BinderServiceManager.h"
 #include "binder/DirectoryTrust.h"
+#include "prefs/BackupFileReader.h"
 #include "prefs/PrefsJson.h"
 #include "process/ProcessSignals.h"
 #include "threads/Mutex.h"
@@ -141,7 +143,9 @@ int PrefsTool::run(const std::vector<std::string>& words) {
         case Command::Get:
             return get(*client, request);
         case Command::Set:
-            return set(*client, request);
+            return request.pairs.empty() ? set(*client, request) : setPairs(*client, request);
+        case Command::Restore:
+            return restore(*client, request);
         case Command::Type:
             return type(*client, request);
         case Command::Reset:
@@ -247,6 +251,91 @@ int PrefsTool::set(PreferencesClient& client, const Request& request) {
     const PreferencesStatus status = client.set(request.key, value, request.target);
     if (!status.isOk()) return fail("set " + request.key, status);
     return kExitOk;
+}
+
+int PrefsTool::setPairs(PreferencesClient& client, const Request& request) {
+    std::vector<PreferencesClient::BatchEntry> entries;
+    for (const auto& [key, text] : request.pairs) {
+        PreferenceValue::Type type;
+        const PreferencesStatus status = client.getType(key, &type);
+        if (!status.isOk()) return fail("type of " + key, status);
+        PreferenceValue value;
+        if (!PreferenceValue::parse(type, text, &value)) {
+            return usage("set " + key + ": '" + text + "' is not a valid " +
+                         PreferenceValue::typeName(type));
+        }
+        entries.push_back({key, std::move(value)});
+    }
+    size_t refused = entries.size();
+    const PreferencesStatus status = client.setBatch(entries, request.target, &refused);
+    if (!status.isOk()) {
+        // Nothing was written; the refused key is named when the service said which it was.
+        const std::string what = refused < entries.size()
+                                         ? "set " + entries[refused].key + " (nothing written)"
+                                         : std::string("set");
+        return fail(what, status);
+    }
+    return kExitOk;
+}
+
+int PrefsTool::restore(PreferencesClient& client, const Request& request) {
+    const std::string what = "restore " + request.key;
+    std::vector<BackupFileReader::Entry> backup;
+    std::string error;
+    if (!BackupFileReader::read(request.key, &backup, &error)) {
+        return usage(what + ": " + error);
+    }
+    std::map<int32_t, std::vector<PreferencesClient::BatchEntry>> byUser;
+    for (BackupFileReader::Entry& entry : backup) {
+        byUser[entry.user].push_back({std::move(entry.key), std::move(entry.value)});
+    }
+    int exit = kExitOk;
+    for (const auto& [user, entries] : byUser) {
+        if (request.dryRun) {
+            const int printed = printRestoreChanges(client, what, user, entries);
+            if (printed != kExitOk) exit = printed;
+            continue;
+        }
+        const size_t step = PreferencesClient::kMaxBatchEntries;
+        for (size_t first = 0; first < entries.size(); first += step) {
+            const std::vector<PreferencesClient::BatchEntry> part(
+                    entries.begin() + first,
+                    entries.begin() + std::min(entries.size(), first + step));
+            size_t refused = part.size();
+            const PreferencesStatus status =
+                    client.setBatch(part, PreferencesTarget::user(user), &refused);
+            if (status.isOk()) continue;
+            const std::string where =
+                    what + ": user " + std::to_string(user) + ": " +
+                    (refused < part.size() ? part[refused].key + " (this step not written)"
+                                           : std::string("not written"));
+            exit = fail(where, status);
+            if (exit == kExitUnreachable) return exit;
+            break;
+        }
+    }
+    if (request.dryRun && exit == kExitOk) return finishOutput(what);
+    return exit;
+}
+
+int PrefsTool::printRestoreChanges(PreferencesClient& client, const std::string& what, int32_t user,
+                                   const std::vector<PreferencesClient::BatchEntry>& entries) {
+    int exit = kExitOk;
+    for (const PreferencesClient::BatchEntry& entry : entries) {
+        PreferenceValue current;
+        const PreferencesStatus status =
+                client.get(entry.key, entry.value.type(), PreferencesTarget::user(user), &current);
+        if (!status.isOk()) {
+            exit = fail(what + ": get " + entry.key + " (user " + std::to_string(user) + ")",
+                        status);
+            if (exit == kExitUnreachable) return exit;
+            continue;
+        }
+        if (current == entry.value) continue;
+        fprintf(mOut, "%s (user %d): %s -> %s\n", entry.key.c_str(), user,
+                current.toString().c_str(), entry.value.toString().c_str());
+    }
+    return exit;
 }
 
 int PrefsTool::type(PreferencesClient& client, const Request& request) {

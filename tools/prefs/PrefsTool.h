@@ -37,6 +37,13 @@ private:
 
     int get(PreferencesClient& client, const Request& request);
     int set(PreferencesClient& client, const Request& request);
+    // A set of several KEY VALUE pairs, as one batch.
+    int setPairs(PreferencesClient& client, const Request& request);
+    int restore(PreferencesClient& client, const Request& request);
+    // Prints, for `entries` of user `user`, a line per value that a restore would change.
+    // Returns kExitOk or the status of a value that could not be read (already reported).
+    int printRestoreChanges(PreferencesClient& client, const std::string& what, int32_t user,
+                            const std::vector<PreferencesClient::BatchEntry>& entries);
     int type(PreferencesClient& client, const Request& request);
     int reset(PreferencesClient& client, const Request& request);
     int watch(PreferencesClient& client, const Request& request);

@@ -1,5 +1,6 @@
 package halo.preferences;
 
+import halo.preferences.BatchEntry;
 import halo.preferences.GenerationStamp;
 import halo.preferences.KeyDescription;
 
@@ -12,6 +13,8 @@ interface IPreferencesExtension {
     const int FLAVOUR_CURRENT = 1;
     const int FLAVOUR_USER = 2;
     const int NO_SLOT = -1;
+    // The most entries that one setBatch takes.
+    const int MAX_BATCH_ENTRIES = 256;
 
     // The read-only, seal-locked descriptor of the service's generation table: a 64-byte header
     // (magic, slot count, global generation) followed by one 64-bit generation per slot.
@@ -35,4 +38,14 @@ interface IPreferencesExtension {
     // The description of `key` when the caller could read it with a plain get; otherwise the
     // service-specific error that get would give (-7, -9 or -3).
     KeyDescription describeKey(String key);
+
+    // Writes every entry for the user of `flavour` (as the typed sets: FLAVOUR_USER writes the
+    // user `userId`), all or nothing: each entry passes the checks of the single typed set of
+    // its type (OS permission, the key's permission row, its declared type, the user), and the
+    // first entry refused ends the call with that set's service-specific error and nothing
+    // written. On success every listener of the changed keys gets one onChanged with all of its
+    // keys that changed. More than MAX_BATCH_ENTRIES entries, an unknown flavour or type code
+    // are the exception EX_ILLEGAL_ARGUMENT; an empty batch succeeds and changes nothing.
+    // The message of a refusal is "entry N", N the index of the refused entry.
+    void setBatch(in BatchEntry[] entries, int flavour, int userId);
 }

@@ -10,7 +10,7 @@ _prefs() {
         cword=$COMP_CWORD
     }
 
-    local commands="get set type reset watch dump profile list describe backup help"
+    local commands="get set type reset watch dump profile list describe backup restore help"
     local command="" i
     for ((i = 1; i < cword; i++)); do
         case ${words[i]} in
@@ -63,6 +63,12 @@ _prefs() {
             COMPREPLY=($(compgen -W "$commands" -- "$cur")) ;;
         type|reset)
             COMPREPLY=($(compgen -W "--help" -- "$cur")) ;;
+        restore)
+            if [[ $cur == -* ]]; then
+                COMPREPLY=($(compgen -W "--dry-run --help" -- "$cur"))
+            else
+                COMPREPLY=($(compgen -f -- "$cur"))
+            fi ;;
     esac
 }
 
