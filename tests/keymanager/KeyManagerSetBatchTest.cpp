@@ -75,7 +75,7 @@ TEST_F(KeyManagerSetBatchTest, RefusedEntryWritesNothingAndNamesItself) {
     };
     for (const Case& test : cases) {
         const uint64_t before = generation("a");
-        mManager->setCaller(kApp);
+        mAccess->setCaller(kApp);
         size_t refused = 99;
         const int code = test.user ? mManager->setBatchUser(test.entries, *test.user, &refused)
                                    : mManager->setBatch(test.entries, &refused);
@@ -86,7 +86,7 @@ TEST_F(KeyManagerSetBatchTest, RefusedEntryWritesNothingAndNamesItself) {
         EXPECT_EQ(before, generation("a")) << test.what;
     }
     // The largest batch is taken; a key given twice takes its last value.
-    mManager->setCaller(kApp);
+    mAccess->setCaller(kApp);
     std::vector<Entry> full(PreferencesKeyManager::kMaxBatchEntries,
                             Entry{"a", "8", Type::Integer});
     full.back().value = "9";
@@ -98,7 +98,7 @@ TEST_F(KeyManagerSetBatchTest, EachListenerHearsOnceWithAllItsKeysAndEachKeyMove
     android::sp<RecordingListener> ab = new RecordingListener;
     android::sp<RecordingListener> bc = new RecordingListener;
     android::sp<RecordingListener> other = new RecordingListener;
-    mManager->setCaller(kApp);
+    mAccess->setCaller(kApp);
     ASSERT_EQ(0, mManager->registerListener(ab, {"a", "b"}, false));
     ASSERT_EQ(0, mManager->registerListener(bc, {"b", "c"}, false));
     ASSERT_EQ(0, mManager->registerListener(other, {"ro"}, false));
