@@ -258,7 +258,6 @@ status_t BinderConnection::transact(uint64_t target, uint32_t code, const Parcel
         if (mDead) return android::DEAD_OBJECT;
         if (!oneway) {
             waiter.txid = ++mNextTxid;
-            waiter.reply = reply != nullptr ? reply : &localReply;
             mWaiters.emplace(waiter.txid, &waiter);
             if (!mReading) {
                 mReading = true;
@@ -290,10 +289,10 @@ status_t BinderConnection::transact(uint64_t target, uint32_t code, const Parcel
         if (idle) markDead(nullptr);
         return err;
     }
-    return waitForReply(&waiter, reading);
+    return waitForReply(&waiter, reply != nullptr ? reply : &localReply, reading);
 }
 
-status_t BinderConnection::waitForReply(Waiter* waiter, bool reading) {
+status_t BinderConnection::waitForReply(Waiter* waiter, Parcel* reply, bool reading) {
     BinderRuntime& runtime = BinderRuntime::instance();
     for (;;) {
         enum class Action { Done, Nested, Read } action;
@@ -345,7 +344,19 @@ status_t BinderConnection::waitForReply(Waiter* waiter, bool reading) {
         idle = idleLocked();
     }
     if (idle) markDead(nullptr);
+    if (waiter->replied) swapParcels(reply, &waiter->received);
     return waiter->status;
+}
+
+void BinderConnection::swapParcels(Parcel* a, Parcel* b) {
+    std::swap(a->mData, b->mData);
+    std::swap(a->mDataSize, b->mDataSize);
+    std::swap(a->mDataCapacity, b->mDataCapacity);
+    std::swap(a->mDataPos, b->mDataPos);
+    std::swap(a->mError, b->mError);
+    a->mObjects.swap(b->mObjects);
+    a->mBinders.swap(b->mBinders);
+    a->mFds.swap(b->mFds);
 }
 
 void BinderConnection::releaseReadingToken() {
@@ -583,16 +594,16 @@ const char* BinderConnection::routeFrames(std::vector<FrameRef>* frames,
             if (it == mWaiters.end() || it->second->done) return kProtocolError;
             Waiter* waiter = it->second;
             if (reply.status != android::OK) {
-                waiter->reply->freeData();
                 waiter->status = reply.status;
             } else {
                 const uint8_t* data = frame.body + sizeof(reply);
                 if (!unflattenLocked(data, reply.dataSize, data + reply.dataSize, reply.objectCount,
-                                     &frame.fds, waiter->reply)) {
+                                     &frame.fds, &waiter->received)) {
                     return kProtocolError;
                 }
                 waiter->status = android::OK;
             }
+            waiter->replied = true;
             waiter->done = true;
             waiter->cv.notify_one();
             continue;
@@ -823,7 +834,7 @@ status_t BinderConnection::sendParcel(uint32_t type, void* body, size_t bodySize
         payload = patched.data();
     }
     *fdCount = static_cast<uint32_t>(fds.size());
-    if (exported) BinderRuntime::instance().startPool();
+    if (exported) BinderRuntime::instance().ensurePool();
 
     if (outOfLine) {
         unique_fd memfd = sealedPayload(payload, data.mDataSize, offsets.data(), objects * 4);
@@ -948,6 +959,13 @@ status_t BinderConnection::sendFrame(const iovec* iov, int iovcnt, const int* fd
         size_t sent = 0;
         if (mPending.empty()) {
             const ssize_t n = sendWithRights(mFd.get(), iov, iovcnt, fds, fdCount);
+            if (n < 0 && errno == EBADF && fdCount > 0) {
+                // Nothing of the frame went out: only this transaction fails.
+                ALOGW("Binder: a parcel for pid %d carries a descriptor that is not open; "
+                      "dropped",
+                      mPeerPid);
+                return android::FAILED_TRANSACTION;
+            }
             if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK) {
                 broken = true;
             } else {
@@ -1025,8 +1043,9 @@ void BinderConnection::execute(BinderTask task) {
         Parcel reply;
         // Held from mCallTargets: the target cannot go while one of its calls is in progress.
         sp<IBinder> target = callTarget(task.targetId);
-        const IPCThreadState::SavedState saved =
-                threadState->beginIncoming(this, task.txid, mPeerPid, mPeerUid, task.flags);
+        // One-way calls report no calling pid, as the kernel driver gives none for them.
+        const IPCThreadState::SavedState saved = threadState->beginIncoming(
+                this, task.txid, oneway ? 0 : mPeerPid, mPeerUid, task.flags);
         const status_t status =
                 target != nullptr ? target->transact(task.code, *task.data, &reply, task.flags)
                                   : android::DEAD_OBJECT;

@@ -92,7 +92,8 @@ public:
 
     // Sends a transaction to the peer's object `target` and, for a two-way call, waits for the
     // reply (serving calls nested in it meanwhile). Returns OK, DEAD_OBJECT when the connection is
-    // or becomes broken, FAILED_TRANSACTION when the request is over the frame limit, BAD_VALUE
+    // or becomes broken, FAILED_TRANSACTION when the request is over the frame limit or carries
+    // a descriptor that is not open (the connection stays usable), BAD_VALUE
     // for a parcel with damaged object records, or the bare status the peer's onTransact returned.
     android::status_t transact(uint64_t target, uint32_t code, const android::Parcel& data,
                                android::Parcel* reply, uint32_t flags);
@@ -121,7 +122,11 @@ public:
 private:
     struct Waiter {
         uint64_t txid = 0;
-        android::Parcel* reply = nullptr;
+        // The reply as it arrived. It is built here, never in the caller's parcel, because what
+        // the caller's parcel held before (possibly the last reference to a proxy of this
+        // connection) must be destroyed outside mLock; the waiting thread swaps it in.
+        android::Parcel received;
+        bool replied = false;
         android::status_t status = android::OK;
         bool done = false;
         // Calls nested in this one, to be served by the waiting thread. A list: every call
@@ -170,7 +175,7 @@ private:
     // Sends a frame, or queues it when the socket cannot take it now; when another thread is
     // writing, hands the frame (copied, descriptors duplicated) to that thread instead of waiting.
     // Returns OK, DEAD_OBJECT once the connection is broken, or FAILED_TRANSACTION when a
-    // descriptor cannot be duplicated.
+    // descriptor is not open or cannot be duplicated (nothing of the frame is sent then).
     android::status_t writeFrame(const iovec* iov, int iovcnt, const int* fds, size_t fdCount);
     // The writing itself, under the write lock; the caller is the active writer.
     android::status_t sendFrame(const iovec* iov, int iovcnt, const int* fds, size_t fdCount);
@@ -181,9 +186,13 @@ private:
     static bool copyFrame(const iovec* iov, int iovcnt, size_t skip, const int* fds, size_t fdCount,
                           PendingOutput* out);
 
-    // Waits for the waiter's reply, reading the connection while nobody else does. `reading`:
-    // the caller already holds the reading token (and has disarmed the connection if needed).
-    android::status_t waitForReply(Waiter* waiter, bool reading);
+    // Waits for the waiter's reply, reading the connection while nobody else does, and moves it
+    // into `reply` (whose earlier content is destroyed with the waiter, outside every lock).
+    // `reading`: the caller already holds the reading token (and has disarmed the connection if
+    // needed).
+    android::status_t waitForReply(Waiter* waiter, android::Parcel* reply, bool reading);
+    // Exchanges the contents of two parcels.
+    static void swapParcels(android::Parcel* a, android::Parcel* b);
 
     // The token holder reads once and routes every complete frame. Returns false when the
     // connection broke (it is then marked dead).

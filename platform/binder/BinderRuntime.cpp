@@ -306,20 +306,27 @@ void BinderRuntime::acceptConnections(const std::shared_ptr<Listener>& listener,
 }
 
 void BinderRuntime::startPool() {
-    if (poolStarted()) return;
-    bool start = false;
     {
         Mutex::Autolock lock(mPoolLock);
-        if (!mPoolStarted.load(std::memory_order_relaxed)) {
-            mPoolStarted.store(true, std::memory_order_release);
-            start = true;
-        }
+        if (mMainStarted) return;
+        mMainStarted = true;
+        mPoolStarted.store(true, std::memory_order_release);
     }
-    if (start) spawnPooledThread(true);
+    spawnPooledThread(true);
+}
+
+void BinderRuntime::ensurePool() {
+    if (poolStarted()) return;
+    {
+        Mutex::Autolock lock(mPoolLock);
+        if (mPoolStarted.load(std::memory_order_relaxed) || mOnDemand >= mMaxThreads) return;
+        ++mOnDemand;
+        mPoolStarted.store(true, std::memory_order_release);
+    }
+    spawnPooledThread(false);
 }
 
 status_t BinderRuntime::setMaxThreads(size_t maxThreads) {
-    if (maxThreads == 0) return android::BAD_VALUE;
     Mutex::Autolock lock(mPoolLock);
     mMaxThreads = maxThreads;
     return android::OK;
@@ -337,10 +344,6 @@ std::string BinderRuntime::makeThreadName() {
 }
 
 void BinderRuntime::spawnPooledThread(bool isMain) {
-    {
-        Mutex::Autolock lock(mPoolLock);
-        ++mSpawned;
-    }
     const std::string name = makeThreadName();
     std::thread([this, name, isMain] {
         pthread_setname_np(pthread_self(), name.substr(0, 15).c_str());
@@ -352,7 +355,8 @@ void BinderRuntime::maybeSpawn() {
     if (mIdle.load() > 0 || mStopping.load() || !poolStarted()) return;
     {
         Mutex::Autolock lock(mPoolLock);
-        if (mSpawned >= mMaxThreads) return;
+        if (mOnDemand >= mMaxThreads) return;
+        ++mOnDemand;
     }
     spawnPooledThread(false);
 }

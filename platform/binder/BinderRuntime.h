@@ -86,11 +86,22 @@ public:
     android::status_t publish(const std::string& directory, const std::string& name,
                               const android::sp<android::IBinder>& service);
 
+    // Whether some thread serves the pool (one was started, or one joined): connections are then
+    // watched by the pool's epoll set.
     bool poolStarted() const { return mPoolStarted.load(std::memory_order_acquire); }
-    // Starts the pool with one thread; later calls do nothing.
+    // ProcessState::startThreadPool: starts the pool's main thread, which the maximum does not
+    // count (as libbinder's); later calls do nothing.
     void startPool();
+    // For a process that publishes a service, hands out a local object or links a death
+    // recipient without having started a pool: starts one thread when no thread serves the pool
+    // yet, counted against the maximum (so a maximum of 0 starts none).
+    void ensurePool();
+    // The most threads started on demand, while every pool thread is busy (libbinder's
+    // BINDER_SET_MAX_THREADS). The thread of startPool and threads that join are not counted:
+    // 0 means the pool is just those. Always OK.
     android::status_t setMaxThreads(size_t maxThreads);
     size_t maxThreads() const;
+    // Starts one more pool thread, not counted against the maximum.
     void spawnPooledThread(bool isMain);
     // Runs the pool loop on the calling thread until stop().
     void joinPool(bool isMain);
@@ -142,7 +153,9 @@ private:
 
     mutable Mutex mPoolLock;
     size_t mMaxThreads GUARDED_BY(mPoolLock);
-    size_t mSpawned GUARDED_BY(mPoolLock) = 0;
+    // Threads started on demand (and by ensurePool), bounded by mMaxThreads.
+    size_t mOnDemand GUARDED_BY(mPoolLock) = 0;
+    bool mMainStarted GUARDED_BY(mPoolLock) = false;
     std::atomic<bool> mPoolStarted{false};
     std::atomic<int> mIdle{0};
     std::atomic<bool> mStopping{false};

@@ -8,6 +8,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <functional>
+#include <future>
 #include <limits>
 #include <thread>
 
@@ -72,6 +75,29 @@ private:
 };
 
 class BinderIpcTest : public BinderTest {};
+
+// Runs `work` on a thread of its own: false when it has not finished within 20 s (the thread is
+// then left behind).
+bool finishes(std::function<void()> work) {
+    auto done = std::make_shared<std::promise<void>>();
+    std::future<void> finished = done->get_future();
+    std::thread([work = std::move(work), done] {
+        work();
+        done->set_value();
+    }).detach();
+    return finished.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
+}
+
+// `calls` calls of meet(calls, waitMs) from as many threads at once: the most that ran at once.
+int32_t meetAtOnce(const sp<ITestService>& service, int32_t calls, int32_t waitMs) {
+    std::vector<int32_t> most(static_cast<size_t>(calls), 0);
+    std::vector<std::thread> threads;
+    for (int32_t i = 0; i < calls; ++i) {
+        threads.emplace_back([&, i] { EXPECT_TRUE(service->meet(calls, waitMs, &most[i]).isOk()); });
+    }
+    for (auto& thread : threads) thread.join();
+    return *std::max_element(most.begin(), most.end());
+}
 
 int32_t echoed(const sp<ITestService>& service, int32_t value) {
     int32_t out = 0;
@@ -261,6 +287,60 @@ TEST_F(BinderIpcTest, OnewayCallsArriveInOrder) {
     ASSERT_TRUE(service->recorded(1000, &recorded).isOk());
     ASSERT_EQ(1000u, recorded.size());
     for (int32_t i = 0; i < 1000; ++i) ASSERT_EQ(i, recorded[i]) << "at " << i;
+}
+
+// A reply parcel used again may hold the last reference to a proxy of the connection it is used
+// on; that proxy is released when the next reply (with data or a bare status) replaces it.
+TEST_F(BinderIpcTest, ReusedReplyMayHoldTheLastReferenceToAProxy) {
+    sp<ITestService> extended = startService<ITestService>("serve-extended", "extended");
+    ASSERT_NE(nullptr, extended);
+    const sp<IBinder> root = IInterface::asBinder(extended);
+    constexpr uint32_t kUnknown = 0x00ffffff;
+    const std::vector<std::pair<uint32_t, android::status_t>> calls = {
+            {IBinder::EXTENSION_TRANSACTION, OK},
+            {IBinder::EXTENSION_TRANSACTION, OK},
+            {kUnknown, android::UNKNOWN_TRANSACTION},
+            {IBinder::EXTENSION_TRANSACTION, OK},
+    };
+    auto statuses = std::make_shared<std::vector<android::status_t>>();
+    ASSERT_TRUE(finishes([root, calls, statuses] {
+        android::Parcel request;
+        android::Parcel reply;
+        for (const auto& [code, expected] : calls) {
+            statuses->push_back(root->transact(code, request, &reply));
+        }
+    }));
+    for (size_t i = 0; i < calls.size(); ++i) EXPECT_EQ(calls[i].second, (*statuses)[i]) << i;
+    EXPECT_EQ(4, echoed(extended, 4));
+}
+
+// One-way calls report no calling pid (0, as on a device); their uid is the caller's, and
+// two-way calls keep the caller's pid.
+TEST_F(BinderIpcTest, OnewayCallsReportNoCallingPid) {
+    sp<ITestService> service = startService<ITestService>("serve", "test");
+    ASSERT_NE(nullptr, service);
+    ASSERT_TRUE(service->recordCaller().isOk());
+    std::vector<int32_t> recorded;
+    ASSERT_TRUE(service->recorded(2, &recorded).isOk());
+    EXPECT_EQ((std::vector<int32_t>{0, static_cast<int32_t>(getuid())}), recorded);
+    int32_t pid = 0;
+    ASSERT_TRUE(service->callingPid(&pid).isOk());
+    EXPECT_EQ(getpid(), pid);
+}
+
+// The pool is the thread that joined it plus at most the maximum started on demand; a maximum of
+// 0 is accepted and leaves the joined main thread alone serving.
+TEST_F(BinderIpcTest, PoolIsTheJoinedThreadPlusTheMaximum) {
+    for (int32_t max : {0, 2}) {
+        const std::string name = "pool" + std::to_string(max);
+        startPeer({"serve-pool", name, std::to_string(max)});
+        sp<ITestService> service;
+        ASSERT_EQ(OK, android::getService(String16(name.c_str()), &service)) << max;
+        ASSERT_NE(nullptr, service) << max;
+        // max + 1 calls run at once; one more never runs beside them.
+        EXPECT_EQ(max + 1, meetAtOnce(service, max + 1, 20000)) << max;
+        EXPECT_EQ(max + 1, meetAtOnce(service, max + 2, 500)) << max;
+    }
 }
 
 TEST_F(BinderIpcTest, KilledPeerIsReportedOnceAndItsProxiesAreDead) {

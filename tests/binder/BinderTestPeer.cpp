@@ -3,6 +3,8 @@
 //   serve NAME [DELAY_MS]          publish a TestService (after DELAY_MS) and serve it
 //   serve-plain NAME               publish a BBinder that knows no transaction
 //   serve-extended NAME            publish a TestService whose extension is a second TestService
+//   serve-pool NAME MAX            set the pool's maximum to MAX, publish a TestService and serve
+//                                  it on the main thread only (no startThreadPool)
 //   serve-permission NAME UID PERMISSION
 //                                  publish an IPermissionController that grants PERMISSION to
 //                                  UID only, and print "asked UID" for every question
@@ -97,6 +99,16 @@ int main(int argc, char** argv) {
         sp<Halo::OS::testing::TestService> service = new Halo::OS::testing::TestService();
         service->setExtension(new Halo::OS::testing::TestService());
         return serve(name, service);
+    }
+    if (mode == "serve-pool" && argc == 4) {
+        if (android::ProcessState::self()->setThreadPoolMaxThreadCount(
+                    static_cast<size_t>(atoi(argv[3]))) != android::OK ||
+            android::defaultServiceManager()->addService(
+                    String16(name.c_str()), new Halo::OS::testing::TestService()) != android::OK) {
+            return 3;
+        }
+        android::IPCThreadState::self()->joinThreadPool();
+        return 0;
     }
     if (mode == "serve-permission" && argc == 5) {
         return serve(name, new PermissionController(atoi(argv[3]), String16(argv[4])));

@@ -203,6 +203,26 @@ Status TestService::queueStats(std::vector<int32_t>* out) {
     return Status::ok();
 }
 
+Status TestService::recordCaller() {
+    const IPCThreadState* ipc = IPCThreadState::self();
+    Mutex::Autolock lock(mLock);
+    mRecorded.push_back(ipc->getCallingPid());
+    mRecorded.push_back(static_cast<int32_t>(ipc->getCallingUid()));
+    mChanged.notify_all();
+    return Status::ok();
+}
+
+Status TestService::meet(int32_t parties, int32_t waitMs, int32_t* out) {
+    Mutex::Autolock lock(mLock);
+    mMostMeeting = std::max(mMostMeeting, ++mMeeting);
+    mChanged.notify_all();
+    mChanged.wait_for(lock.unique(), std::chrono::milliseconds(waitMs),
+                      [&]() NO_THREAD_SAFETY_ANALYSIS { return mMostMeeting >= parties; });
+    *out = mMostMeeting;
+    --mMeeting;
+    return Status::ok();
+}
+
 void TestService::DeathCounter::binderDied(const android::wp<IBinder>& /*who*/) {
     Mutex::Autolock lock(mService->mLock);
     ++mService->mDeaths;

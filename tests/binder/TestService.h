@@ -58,6 +58,8 @@ public:
     android::binder::Status hold() override;
     android::binder::Status release() override;
     android::binder::Status queueStats(std::vector<int32_t>* out) override;
+    android::binder::Status recordCaller() override;
+    android::binder::Status meet(int32_t parties, int32_t waitMs, int32_t* out) override;
 
 private:
     class DeathCounter : public android::IBinder::DeathRecipient {
@@ -76,6 +78,8 @@ private:
     android::sp<DeathCounter> mDeathCounter GUARDED_BY(mLock);
     int32_t mDeaths GUARDED_BY(mLock) = 0;
     bool mReleased GUARDED_BY(mLock) = false;
+    int32_t mMeeting GUARDED_BY(mLock) = 0;
+    int32_t mMostMeeting GUARDED_BY(mLock) = 0;
 };
 
 }  // namespace Halo::OS::testing

@@ -51,4 +51,10 @@ interface ITestService {
     // BinderRuntime::queueStats() of the serving process: calls in progress now, the most calls
     // and bytes one connection had in progress.
     int[] queueStats();
+
+    // Records the calling pid, then the calling uid, for recorded().
+    oneway void recordCaller();
+    // Waits until `parties` calls of meet have run at once (now or before), or `waitMs` pass;
+    // returns the most that ran at once.
+    int meet(int parties, int waitMs);
 }
