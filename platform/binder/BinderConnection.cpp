@@ -5,6 +5,7 @@
 #include <binder/IPCThreadState.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -169,6 +170,19 @@ unique_fd sealedPayload(const uint8_t* data, size_t dataSize, const void* offset
     return fd;
 }
 
+// The calling thread's eventfd on which it is woken while it waits for a reply (a child of
+// fork() makes its own).
+int threadWakeFd() {
+    thread_local pid_t owner = -1;
+    thread_local unique_fd fd;
+    if (owner != getpid()) {
+        fd.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+        LOG_ALWAYS_FATAL_IF(fd.get() < 0, "Binder: cannot create an eventfd: %s", strerror(errno));
+        owner = getpid();
+    }
+    return fd.get();
+}
+
 // The descriptor numbers of `fds`, which hold at most one frame's worth, into `out`.
 void rawFds(const std::vector<unique_fd>& fds, int (&out)[wire::kMaxFdsPerFrame]) {
     for (size_t i = 0; i < fds.size(); ++i) out[i] = fds[i].get();
@@ -257,7 +271,8 @@ status_t BinderConnection::transact(uint64_t target, uint32_t code, const Parcel
         Mutex::Autolock lock(mLock);
         if (mDead) return android::DEAD_OBJECT;
         if (!oneway) {
-            waiter.txid = ++mNextTxid;
+            waiter.txid = BinderRuntime::instance().nextTxid();
+            waiter.wakeFd = threadWakeFd();
             mWaiters.emplace(waiter.txid, &waiter);
             if (!mReading) {
                 mReading = true;
@@ -270,6 +285,7 @@ status_t BinderConnection::transact(uint64_t target, uint32_t code, const Parcel
         }
     }
     if (disarm) BinderRuntime::instance().disarm(this);
+    if (!oneway) BinderRuntime::instance().registerWaiter(waiter.txid, this);
     body.txid = waiter.txid;
     body.target = target;
     body.context = oneway ? 0 : IPCThreadState::self()->nestingContext(this);
@@ -286,6 +302,7 @@ status_t BinderConnection::transact(uint64_t target, uint32_t code, const Parcel
             mWaiters.erase(waiter.txid);
             idle = idleLocked();
         }
+        BinderRuntime::instance().unregisterWaiter(waiter.txid);
         if (idle) markDead(nullptr);
         return err;
     }
@@ -295,7 +312,7 @@ status_t BinderConnection::transact(uint64_t target, uint32_t code, const Parcel
 status_t BinderConnection::waitForReply(Waiter* waiter, Parcel* reply, bool reading) {
     BinderRuntime& runtime = BinderRuntime::instance();
     for (;;) {
-        enum class Action { Done, Nested, Read } action;
+        enum class Action { Done, Nested, Read, Wait } action;
         BinderTask nested;
         bool disarm = false;
         if (reading) {
@@ -304,9 +321,6 @@ status_t BinderConnection::waitForReply(Waiter* waiter, Parcel* reply, bool read
             reading = false;
         } else {
             Mutex::Autolock lock(mLock);
-            while (!waiter->done && waiter->nested.empty() && mReading) {
-                waiter->cv.wait(lock.unique());
-            }
             if (waiter->done) {
                 mWaiters.erase(waiter->txid);
                 action = Action::Done;
@@ -314,26 +328,34 @@ status_t BinderConnection::waitForReply(Waiter* waiter, Parcel* reply, bool read
                 nested = std::move(waiter->nested.front());
                 waiter->nested.pop_front();
                 action = Action::Nested;
-            } else {
+            } else if (!mReading) {
                 mReading = true;
                 if (mArmed && runtime.poolStarted()) {
                     mArmed = false;
                     disarm = true;
                 }
                 action = Action::Read;
+            } else {
+                action = Action::Wait;
             }
         }
         if (action == Action::Done) break;
         if (action == Action::Nested) {
-            execute(std::move(nested));
+            // The call may have come on another connection to the same process.
+            sp<BinderConnection> connection = nested.connection;
+            connection->execute(std::move(nested));
             continue;
         }
         if (disarm) runtime.disarm(this);
         std::vector<BinderTask> runnable;
-        readAndRoute(/*block=*/true, &runnable);
-        releaseReadingToken();
+        const bool readable = waitForWork(waiter->wakeFd, action == Action::Read, &runnable);
+        if (action == Action::Read) {
+            if (readable) readAndRoute(/*block=*/false, &runnable);
+            releaseReadingToken();
+        }
         for (BinderTask& task : runnable) runtime.queueTask(std::move(task));
     }
+    runtime.unregisterWaiter(waiter->txid);
     // Calls nested in a call that has already been answered can only come from a peer that
     // broke the rules; they still get served, by the pool.
     for (BinderTask& task : waiter->nested) runtime.queueTask(std::move(task));
@@ -346,6 +368,74 @@ status_t BinderConnection::waitForReply(Waiter* waiter, Parcel* reply, bool read
     if (idle) markDead(nullptr);
     if (waiter->replied) swapParcels(reply, &waiter->received);
     return waiter->status;
+}
+
+bool BinderConnection::waitForWork(int wakeFd, bool reading, std::vector<BinderTask>* runnable) {
+    BinderRuntime& runtime = BinderRuntime::instance();
+    // A call nested in ours may come on another connection with the same process. An idle pool
+    // thread reads it and hands it over; with none idle, this thread reads those connections
+    // itself (and looks again after a while, as a pool thread may get busy meanwhile).
+    // The peer may also connect anew: this thread then accepts.
+    std::vector<sp<BinderConnection>> others;
+    std::vector<std::pair<uint64_t, int>> listeners;
+    int timeoutMs = kNestedPollMs;
+    if (runtime.idleThreads() == 0) {
+        others = runtime.connectionsOf(mPeerPid, mPeerUid, this);
+        listeners = runtime.listeners();
+        timeoutMs = others.empty() && listeners.empty() ? -1 : kNestedPollMs;
+    }
+    std::vector<pollfd> fds;
+    fds.push_back(pollfd{wakeFd, POLLIN, 0});
+    if (reading) fds.push_back(pollfd{mFd.get(), POLLIN | POLLRDHUP, 0});
+    const size_t firstOther = fds.size();
+    for (const sp<BinderConnection>& other : others) {
+        fds.push_back(pollfd{other->fd(), POLLIN | POLLRDHUP, 0});
+    }
+    const size_t firstListener = fds.size();
+    for (const auto& [key, fd] : listeners) fds.push_back(pollfd{fd, POLLIN, 0});
+    int count;
+    do {
+        count = poll(fds.data(), fds.size(), timeoutMs);
+    } while (count < 0 && errno == EINTR);
+    if (count <= 0) return false;
+    if ((fds[0].revents & POLLIN) != 0) {
+        uint64_t value;
+        while (read(wakeFd, &value, sizeof(value)) < 0 && errno == EINTR) {
+        }
+    }
+    for (size_t i = firstOther; i < firstListener; ++i) {
+        if (fds[i].revents != 0) others[i - firstOther]->readForNested(runnable);
+    }
+    for (size_t i = firstListener; i < fds.size(); ++i) {
+        if (fds[i].revents != 0) runtime.acceptOn(listeners[i - firstListener].first);
+    }
+    return reading && fds[1].revents != 0;
+}
+
+void BinderConnection::readForNested(std::vector<BinderTask>* runnable) {
+    {
+        Mutex::Autolock lock(mLock);
+        if (mDead || mReading || mPaused) return;
+        mReading = true;
+    }
+    readAndRoute(/*block=*/false, runnable);
+    releaseReadingToken();
+}
+
+bool BinderConnection::deliverNested(uint64_t txid, pid_t pid, uid_t uid, BinderTask* task) {
+    Mutex::Autolock lock(mLock);
+    if (pid != mPeerPid || uid != mPeerUid) return false;
+    auto it = mWaiters.find(txid);
+    if (it == mWaiters.end() || it->second->done) return false;
+    it->second->nested.push_back(std::move(*task));
+    wakeWaiter(it->second);
+    return true;
+}
+
+void BinderConnection::wakeWaiter(const Waiter* waiter) {
+    const uint64_t one = 1;
+    while (write(waiter->wakeFd, &one, sizeof(one)) < 0 && errno == EINTR) {
+    }
 }
 
 void BinderConnection::swapParcels(Parcel* a, Parcel* b) {
@@ -368,7 +458,7 @@ void BinderConnection::releaseReadingToken() {
             mArmed = true;
             rearm = true;
         }
-        for (auto& [txid, waiter] : mWaiters) waiter->cv.notify_one();
+        for (auto& [txid, waiter] : mWaiters) wakeWaiter(waiter);
     }
     if (rearm) BinderRuntime::instance().rearm(this);
 }
@@ -551,14 +641,20 @@ bool BinderConnection::readAndRoute(bool block, std::vector<BinderTask>* runnabl
     if (frames.empty()) return true;
     std::vector<BinderTask> discard;
     std::vector<sp<IBinder>> dropped;
+    std::vector<BinderTask> nestedElsewhere;
     const char* error;
     bool idle = false;
     {
         Mutex::Autolock lock(mLock);
-        error = routeFrames(&frames, runnable, &discard, &dropped);
+        error = routeFrames(&frames, runnable, &nestedElsewhere, &discard, &dropped);
         if (error == nullptr) {
             if (!mPaused && overQueueBoundLocked()) mPaused = true;
             idle = idleLocked();
+        }
+    }
+    for (BinderTask& task : nestedElsewhere) {
+        if (!BinderRuntime::instance().deliverNested(&task, mPeerPid, mPeerUid)) {
+            runnable->push_back(std::move(task));
         }
     }
     if (error != nullptr) {
@@ -571,6 +667,7 @@ bool BinderConnection::readAndRoute(bool block, std::vector<BinderTask>* runnabl
 
 const char* BinderConnection::routeFrames(std::vector<FrameRef>* frames,
                                           std::vector<BinderTask>* runnable,
+                                          std::vector<BinderTask>* nestedElsewhere,
                                           std::vector<BinderTask>* discard,
                                           std::vector<sp<IBinder>>* dropped) {
     static constexpr const char* kProtocolError = "protocol error";
@@ -605,7 +702,7 @@ const char* BinderConnection::routeFrames(std::vector<FrameRef>* frames,
             }
             waiter->replied = true;
             waiter->done = true;
-            waiter->cv.notify_one();
+            wakeWaiter(waiter);
             continue;
         }
 
@@ -644,9 +741,14 @@ const char* BinderConnection::routeFrames(std::vector<FrameRef>* frames,
             if (waiter != mWaiters.end() && !waiter->second->done) {
                 task.connection = this;
                 waiter->second->nested.push_back(std::move(task));
-                waiter->second->cv.notify_one();
+                wakeWaiter(waiter->second);
                 continue;
             }
+            // Nested in a call of ours on another connection with the same process.
+            task.connection = this;
+            task.context = t.context;
+            nestedElsewhere->push_back(std::move(task));
+            continue;
         }
         task.connection = this;
         runnable->push_back(std::move(task));
@@ -1113,7 +1215,7 @@ void BinderConnection::markDead(const char* reason) {
                 waiter->done = true;
                 waiter->status = android::DEAD_OBJECT;
             }
-            waiter->cv.notify_one();
+            wakeWaiter(waiter);
         }
         mWaiters.clear();
         for (auto& [id, entry] : mProxies) {

@@ -8,7 +8,6 @@
 #include <sys/uio.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <list>
@@ -105,6 +104,11 @@ public:
     // ready to run to `runnable`.
     void onPollEvent(std::vector<BinderTask>* runnable);
 
+    // Hands `task`, a call from a connection with peer `pid` and `uid` nested in this side's
+    // call `txid`, to the thread waiting for that call. False when no such call waits here, or
+    // its peer is another process.
+    bool deliverNested(uint64_t txid, pid_t pid, uid_t uid, BinderTask* task) EXCLUDES(mLock);
+
     // Runs an incoming transaction on the calling thread with the peer's identity, sends the
     // reply of a two-way call, and for a one-way call continues with the next one-way call queued
     // for the same object.
@@ -132,7 +136,9 @@ private:
         // Calls nested in this one, to be served by the waiting thread. A list: every call
         // makes a Waiter and almost none gets a nested call, and an empty list allocates nothing.
         std::list<BinderTask> nested;
-        std::condition_variable cv;
+        // The waiting thread's eventfd: written when the reply or a nested call arrives, or the
+        // reading token is released.
+        int wakeFd = -1;
     };
 
     struct Export {
@@ -194,6 +200,18 @@ private:
     // Exchanges the contents of two parcels.
     static void swapParcels(android::Parcel* a, android::Parcel* b);
 
+    // Waits until the waiter's eventfd is written or, when `reading` (the caller holds the
+    // reading token), the socket is readable; returns whether it is. Meanwhile reads the other
+    // connections with the same peer process when no pool thread is idle (see kNestedPollMs), so
+    // that calls nested in the waiting call reach it whichever connection they come on; calls for
+    // the pool go to `runnable`.
+    bool waitForWork(int wakeFd, bool reading, std::vector<BinderTask>* runnable);
+    // Reads once without blocking, unless another thread reads or the connection is paused.
+    void readForNested(std::vector<BinderTask>* runnable);
+    static void wakeWaiter(const Waiter* waiter);
+    // How often a waiting thread looks again whether the pool can read for it.
+    static constexpr int kNestedPollMs = 100;
+
     // The token holder reads once and routes every complete frame. Returns false when the
     // connection broke (it is then marked dead).
     bool readAndRoute(bool block, std::vector<BinderTask>* runnable);
@@ -206,7 +224,9 @@ private:
     bool readOutOfLine(uint32_t type, const uint8_t* fixed, uint32_t size, FrameRef* frame);
     // Returns null, or why the frames break the protocol. What must be destroyed outside the
     // lock goes to `discard` and `dropped`.
+    // Calls nested in a call this side waits for on another connection go to `nestedElsewhere`.
     const char* routeFrames(std::vector<FrameRef>* frames, std::vector<BinderTask>* runnable,
+                            std::vector<BinderTask>* nestedElsewhere,
                             std::vector<BinderTask>* discard,
                             std::vector<android::sp<android::IBinder>>* dropped) REQUIRES(mLock);
     // Rebuilds a parcel from wire data: proxies for the peer's objects, our own objects for
@@ -251,7 +271,6 @@ private:
     bool mDead GUARDED_BY(mLock) = false;
     bool mReading GUARDED_BY(mLock) = false;
     bool mArmed GUARDED_BY(mLock) = true;
-    uint64_t mNextTxid GUARDED_BY(mLock) = 0;
     uint64_t mNextExportId GUARDED_BY(mLock) = 1;
     bool mPaused GUARDED_BY(mLock) = false;
     // Incoming calls in progress (see the class comment) and the bytes of their frames.

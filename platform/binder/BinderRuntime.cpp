@@ -184,6 +184,55 @@ BinderRuntime::QueueStats BinderRuntime::queueStats() const {
     return mQueueStats;
 }
 
+std::vector<sp<BinderConnection>> BinderRuntime::connectionsOf(
+        pid_t pid, uid_t uid, const BinderConnection* except) const {
+    std::vector<sp<BinderConnection>> found;
+    if (pid <= 0) return found;
+    Mutex::Autolock lock(mLock);
+    for (const auto& [key, connection] : mConnections) {
+        if (connection.get() != except && connection->peerPid() == pid &&
+            connection->peerUid() == uid) {
+            found.push_back(connection);
+        }
+    }
+    return found;
+}
+
+std::vector<std::pair<uint64_t, int>> BinderRuntime::listeners() const {
+    std::vector<std::pair<uint64_t, int>> found;
+    Mutex::Autolock lock(mLock);
+    for (const auto& [key, listener] : mListeners) found.emplace_back(key, listener->fd.get());
+    return found;
+}
+
+void BinderRuntime::acceptOn(uint64_t key) {
+    std::shared_ptr<Listener> listener;
+    {
+        Mutex::Autolock lock(mLock);
+        auto it = mListeners.find(key);
+        if (it == mListeners.end()) return;
+        listener = it->second;
+    }
+    acceptConnections(listener, key);
+}
+
+void BinderRuntime::registerWaiter(uint64_t txid, BinderConnection* connection) {
+    Mutex::Autolock lock(mWaiterLock);
+    mWaiters.emplace(txid, connection);
+}
+
+void BinderRuntime::unregisterWaiter(uint64_t txid) {
+    Mutex::Autolock lock(mWaiterLock);
+    mWaiters.erase(txid);
+}
+
+bool BinderRuntime::deliverNested(BinderTask* task, pid_t pid, uid_t uid) {
+    // Held while delivering: the waiting connection cannot go before its waiter unregisters.
+    Mutex::Autolock lock(mWaiterLock);
+    auto it = mWaiters.find(task->context);
+    return it != mWaiters.end() && it->second->deliverNested(task->context, pid, uid, task);
+}
+
 void BinderRuntime::unregisterConnection(BinderConnection* connection) {
     sp<BinderConnection> removed;
     {

@@ -111,6 +111,28 @@ public:
 
     // Hands work to a pool thread.
     void queueTask(BinderTask task);
+
+    // Numbers of two-way calls, unique in the process (so a peer can name one in a call nested
+    // in it on another connection).
+    uint64_t nextTxid() { return mNextTxid.fetch_add(1) + 1; }
+    // The calls this process waits for, by number, and their connections.
+    void registerWaiter(uint64_t txid, BinderConnection* connection) EXCLUDES(mWaiterLock);
+    void unregisterWaiter(uint64_t txid) EXCLUDES(mWaiterLock);
+    // Hands an incoming call nested in a call of this process (task->context) to its waiting
+    // thread, when that call went to the same process (`pid`, `uid`) the nested call comes
+    // from. False otherwise: the pool serves it.
+    bool deliverNested(BinderTask* task, pid_t pid, uid_t uid) EXCLUDES(mWaiterLock);
+    // The listening sockets of the published services, by key, for a thread waiting for a reply
+    // while no pool thread is idle (a call nested in its call may come on a new connection);
+    // acceptOn accepts what is waiting on one of them.
+    std::vector<std::pair<uint64_t, int>> listeners() const EXCLUDES(mLock);
+    void acceptOn(uint64_t key) EXCLUDES(mLock);
+    // Pool threads waiting for work now.
+    int idleThreads() const { return mIdle.load(); }
+    // The live connections with the process `pid` (running as `uid`), but `except`.
+    std::vector<android::sp<BinderConnection>> connectionsOf(pid_t pid, uid_t uid,
+                                                             const BinderConnection* except) const
+            EXCLUDES(mLock);
     // Makes the flusher send the connection's queued output.
     void requestFlush(BinderConnection* connection);
 
@@ -160,6 +182,11 @@ private:
     std::atomic<int> mIdle{0};
     std::atomic<bool> mStopping{false};
     std::atomic<uint32_t> mThreadCounter{0};
+
+    std::atomic<uint64_t> mNextTxid{0};
+    // Taken before a connection's lock (deliverNested), never under one.
+    Mutex mWaiterLock;
+    std::unordered_map<uint64_t, BinderConnection*> mWaiters GUARDED_BY(mWaiterLock);
 
     // Taken with a connection's lock held; nothing else is locked under it.
     mutable Mutex mQueueLock;

@@ -234,6 +234,25 @@ TEST_F(BinderIpcTest, CallbacksNestedInACallRunOnTheWaitingThread) {
     }
 }
 
+// A -> B -> A where B calls back over its own connection to A, and A has one thread: the thread
+// of A waiting for B's reply serves the nested call (as the kernel driver hands it over).
+TEST_F(BinderIpcTest, CallsNestedOverAnotherConnectionRunOnTheWaitingThread) {
+    startPeer({"serve-pool", "single", "0"});
+    sp<ITestService> single;
+    ASSERT_EQ(OK, android::getService(String16("single"), &single));
+    ASSERT_NE(nullptr, single);
+    startPeer({"serve-callback", "forwarder", "single"});
+    ASSERT_NE(nullptr, android::defaultServiceManager()->getService(String16("forwarder")));
+    auto results = std::make_shared<std::vector<int32_t>>();
+    ASSERT_TRUE(finishes([single, results] {
+        for (int32_t value : {5, 6}) {
+            int32_t out = 0;
+            results->push_back(single->callNamed("forwarder", value, &out).isOk() ? out : -1);
+        }
+    }));
+    EXPECT_EQ((std::vector<int32_t>{10, 12}), *results);
+}
+
 TEST_F(BinderIpcTest, ConcurrentCallsOnOneConnectionKeepTheirBytesAndDescriptors) {
     // Eight threads share the one connection to the service, and the service answers them from
     // several pool threads: requests and replies are written by one thread while others have

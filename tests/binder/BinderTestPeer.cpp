@@ -5,6 +5,8 @@
 //   serve-extended NAME            publish a TestService whose extension is a second TestService
 //   serve-pool NAME MAX            set the pool's maximum to MAX, publish a TestService and serve
 //                                  it on the main thread only (no startThreadPool)
+//   serve-callback NAME TARGET     publish a callback whose onCall(v) returns the TestService
+//                                  TARGET's echoInt(v * 2) (looked up by this process)
 //   serve-permission NAME UID PERMISSION
 //                                  publish an IPermissionController that grants PERMISSION to
 //                                  UID only, and print "asked UID" for every question
@@ -67,6 +69,22 @@ public:
     Status onData(const std::vector<uint8_t>& /*data*/) override { return Status::ok(); }
 };
 
+// Calls the service `target` from inside onCall, over this process's own connection to it.
+class ForwardingCallback : public binder::test::BnTestCallback {
+public:
+    explicit ForwardingCallback(std::string target) : mTarget(std::move(target)) {}
+    Status onCall(int32_t value, int32_t* out) override {
+        sp<binder::test::ITestService> service;
+        android::getService(String16(mTarget.c_str()), &service);
+        if (service == nullptr) return Status::fromExceptionCode(Status::EX_ILLEGAL_STATE);
+        return service->echoInt(value * 2, out);
+    }
+    Status onData(const std::vector<uint8_t>& /*data*/) override { return Status::ok(); }
+
+private:
+    const std::string mTarget;
+};
+
 int serve(const std::string& name, const sp<android::IBinder>& service) {
     if (android::defaultServiceManager()->addService(String16(name.c_str()), service) !=
         android::OK) {
@@ -100,6 +118,7 @@ int main(int argc, char** argv) {
         service->setExtension(new Halo::OS::testing::TestService());
         return serve(name, service);
     }
+    if (mode == "serve-callback" && argc == 4) return serve(name, new ForwardingCallback(argv[3]));
     if (mode == "serve-pool" && argc == 4) {
         if (android::ProcessState::self()->setThreadPoolMaxThreadCount(
                     static_cast<size_t>(atoi(argv[3]))) != android::OK ||

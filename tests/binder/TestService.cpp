@@ -1,6 +1,7 @@
 #include "TestService.h"
 
 #include <binder/IPCThreadState.h>
+#include <binder/IServiceManager.h>
 #include <binder/PermissionCache.h>
 #include <fcntl.h>
 #include <unistd.h>
@@ -221,6 +222,15 @@ Status TestService::meet(int32_t parties, int32_t waitMs, int32_t* out) {
     *out = mMostMeeting;
     --mMeeting;
     return Status::ok();
+}
+
+Status TestService::callNamed(const std::string& name, int32_t value, int32_t* out) {
+    sp<ITestCallback> callback;
+    if (android::getService(String16(name.c_str()), &callback) != android::OK ||
+        callback == nullptr) {
+        return Status::fromExceptionCode(Status::EX_ILLEGAL_STATE);
+    }
+    return callback->onCall(value, out);
 }
 
 void TestService::DeathCounter::binderDied(const android::wp<IBinder>& /*who*/) {

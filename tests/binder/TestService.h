@@ -60,6 +60,8 @@ public:
     android::binder::Status queueStats(std::vector<int32_t>* out) override;
     android::binder::Status recordCaller() override;
     android::binder::Status meet(int32_t parties, int32_t waitMs, int32_t* out) override;
+    android::binder::Status callNamed(const std::string& name, int32_t value,
+                                      int32_t* out) override;
 
 private:
     class DeathCounter : public android::IBinder::DeathRecipient {

@@ -57,4 +57,6 @@ interface ITestService {
     // Waits until `parties` calls of meet have run at once (now or before), or `waitMs` pass;
     // returns the most that ran at once.
     int meet(int parties, int waitMs);
+    // Looks up the callback published as `name` and returns its onCall(value).
+    int callNamed(@utf8InCpp String name, int value);
 }
