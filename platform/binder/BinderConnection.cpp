@@ -62,6 +62,10 @@ bool validateFrame(uint32_t type, const uint8_t* body, uint32_t size, uint32_t* 
         if (size != sizeof(wire::ReleaseBody)) return false;
         return load<wire::ReleaseBody>(body).count > 0;
     }
+    if (type == wire::kFrameDeath) {
+        if (size != sizeof(wire::ReleaseBody)) return false;
+        return load<wire::ReleaseBody>(body).count == 0;
+    }
     size_t fixed;
     uint32_t dataSize;
     uint32_t objectCount;
@@ -542,7 +546,7 @@ bool BinderConnection::extractFrames(std::vector<FrameRef>* frames) {
         } else if (type == wire::kFrameReplyOutOfLine) {
             type = wire::kFrameReply;
         } else if (type != wire::kFrameTransaction && type != wire::kFrameReply &&
-                   type != wire::kFrameRelease) {
+                   type != wire::kFrameRelease && type != wire::kFrameDeath) {
             ALOGW("Binder: pid %d sent a frame of unknown type 0x%x", mPeerPid, header.type);
             return false;
         }
@@ -642,11 +646,13 @@ bool BinderConnection::readAndRoute(bool block, std::vector<BinderTask>* runnabl
     std::vector<BinderTask> discard;
     std::vector<sp<IBinder>> dropped;
     std::vector<BinderTask> nestedElsewhere;
+    std::vector<sp<BpBinder>> relayedDeaths;
     const char* error;
     bool idle = false;
     {
         Mutex::Autolock lock(mLock);
-        error = routeFrames(&frames, runnable, &nestedElsewhere, &discard, &dropped);
+        error = routeFrames(&frames, runnable, &nestedElsewhere, &relayedDeaths, &discard,
+                            &dropped);
         if (error == nullptr) {
             if (!mPaused && overQueueBoundLocked()) mPaused = true;
             idle = idleLocked();
@@ -657,6 +663,11 @@ bool BinderConnection::readAndRoute(bool block, std::vector<BinderTask>* runnabl
             runnable->push_back(std::move(task));
         }
     }
+    for (sp<BpBinder>& proxy : relayedDeaths) {
+        proxy->queueObituary();
+        BinderRuntime::instance().relayDeath(proxy.get());
+    }
+    relayedDeaths.clear();
     if (error != nullptr) {
         markDead(error);
         return false;
@@ -668,10 +679,20 @@ bool BinderConnection::readAndRoute(bool block, std::vector<BinderTask>* runnabl
 const char* BinderConnection::routeFrames(std::vector<FrameRef>* frames,
                                           std::vector<BinderTask>* runnable,
                                           std::vector<BinderTask>* nestedElsewhere,
+                                          std::vector<sp<BpBinder>>* relayedDeaths,
                                           std::vector<BinderTask>* discard,
                                           std::vector<sp<IBinder>>* dropped) {
     static constexpr const char* kProtocolError = "protocol error";
     for (FrameRef& frame : *frames) {
+        if (frame.type == wire::kFrameDeath) {
+            // A proxy released meanwhile is simply gone.
+            auto it = mProxies.find(load<wire::ReleaseBody>(frame.body).id);
+            if (it != mProxies.end()) {
+                sp<BpBinder> proxy = it->second.proxy.promote();
+                if (proxy != nullptr) relayedDeaths->push_back(std::move(proxy));
+            }
+            continue;
+        }
         if (frame.type == wire::kFrameRelease) {
             const auto release = load<wire::ReleaseBody>(frame.body);
             auto it = mExports.find(release.id);
@@ -901,6 +922,10 @@ status_t BinderConnection::sendParcel(uint32_t type, void* body, size_t bodySize
     std::vector<int> fds;
     const uint8_t* payload = data.mData;
     bool exported = false;
+    // Proxies of other connections handed on: those whose object has died are reported once the
+    // frame is out (a later death is reported by relayDeath). Checked outside mLock (a proxy's
+    // liveness takes its own connection's lock); `data` holds them meanwhile.
+    std::vector<std::pair<uint64_t, BpBinder*>> relayed;
     if (objects > 0) {
         patched.assign(data.mData, data.mData + data.mDataSize);
         offsets.reserve(objects);
@@ -921,6 +946,7 @@ status_t BinderConnection::sendParcel(uint32_t type, void* body, size_t bodySize
                     out.type = wire::kWireSenderObject;
                     out.value = exportLocked(binder);
                     exported = true;
+                    if (proxy != nullptr) relayed.emplace_back(out.value, proxy);
                 }
             } else if (record.type == wire::kRecordFd && record.value < data.mFds.size()) {
                 if (fds.size() >= maxFds) return android::FAILED_TRANSACTION;
@@ -946,7 +972,13 @@ status_t BinderConnection::sendParcel(uint32_t type, void* body, size_t bodySize
                                                                  : wire::kFrameReplyOutOfLine,
                                  static_cast<uint32_t>(bodySize)};
         iovec iov[2] = {{&header, sizeof(header)}, {body, bodySize}};
-        return writeFrame(iov, 2, fds.data(), fds.size());
+        const status_t status = writeFrame(iov, 2, fds.data(), fds.size());
+        if (status == android::OK) {
+            for (const auto& [id, proxy] : relayed) {
+                if (!proxy->isBinderAlive()) sendDeath(id);
+            }
+        }
+        return status;
     }
     wire::FrameHeader header{type, static_cast<uint32_t>(total)};
     iovec iov[4];
@@ -955,7 +987,13 @@ status_t BinderConnection::sendParcel(uint32_t type, void* body, size_t bodySize
     iov[iovcnt++] = {body, bodySize};
     if (data.mDataSize > 0) iov[iovcnt++] = {const_cast<uint8_t*>(payload), data.mDataSize};
     if (objects > 0) iov[iovcnt++] = {offsets.data(), objects * 4};
-    return writeFrame(iov, iovcnt, fds.data(), fds.size());
+    const status_t status = writeFrame(iov, iovcnt, fds.data(), fds.size());
+    if (status == android::OK) {
+        for (const auto& [id, proxy] : relayed) {
+            if (!proxy->isBinderAlive()) sendDeath(id);
+        }
+    }
+    return status;
 }
 
 status_t BinderConnection::sendReply(uint64_t txid, status_t status, const Parcel& reply) {
@@ -1261,7 +1299,29 @@ void BinderConnection::markDead(const char* reason) {
         mHandoff.clear();
     }
     BinderRuntime::instance().unregisterConnection(this);
-    for (sp<BpBinder>& proxy : proxies) proxy->queueObituary();
+    for (sp<BpBinder>& proxy : proxies) {
+        proxy->queueObituary();
+        BinderRuntime::instance().relayDeath(proxy.get());
+    }
+}
+
+void BinderConnection::relayDeath(const IBinder* proxy) {
+    uint64_t id;
+    {
+        Mutex::Autolock lock(mLock);
+        if (mDead) return;
+        auto it = mExportIds.find(proxy);
+        if (it == mExportIds.end()) return;
+        id = it->second;
+    }
+    sendDeath(id);
+}
+
+void BinderConnection::sendDeath(uint64_t id) {
+    wire::FrameHeader header{wire::kFrameDeath, sizeof(wire::ReleaseBody)};
+    wire::ReleaseBody body{id, 0, 0};
+    iovec iov[2] = {{&header, sizeof(header)}, {&body, sizeof(body)}};
+    writeFrame(iov, 2, nullptr, 0);
 }
 
 }  // namespace Halo::OS

@@ -104,6 +104,10 @@ public:
     // ready to run to `runnable`.
     void onPollEvent(std::vector<BinderTask>* runnable);
 
+    // `proxy` (of another connection) died: when this side has handed it to the peer, tells the
+    // peer (a death frame), whose proxy for it dies too.
+    void relayDeath(const android::IBinder* proxy) EXCLUDES(mLock);
+
     // Hands `task`, a call from a connection with peer `pid` and `uid` nested in this side's
     // call `txid`, to the thread waiting for that call. False when no such call waits here, or
     // its peer is another process.
@@ -152,7 +156,7 @@ private:
     };
 
     struct FrameRef {
-        uint32_t type;  // kFrameTransaction, kFrameReply or kFrameRelease
+        uint32_t type;  // kFrameTransaction, kFrameReply, kFrameRelease or kFrameDeath
         const uint8_t* body;
         uint32_t size;
         std::vector<android::base::unique_fd> fds;
@@ -178,6 +182,7 @@ private:
     android::status_t sendReply(uint64_t txid, android::status_t status,
                                 const android::Parcel& reply);
     void sendRelease(uint64_t id, uint64_t count);
+    void sendDeath(uint64_t id);
     // Sends a frame, or queues it when the socket cannot take it now; when another thread is
     // writing, hands the frame (copied, descriptors duplicated) to that thread instead of waiting.
     // Returns OK, DEAD_OBJECT once the connection is broken, or FAILED_TRANSACTION when a
@@ -224,9 +229,11 @@ private:
     bool readOutOfLine(uint32_t type, const uint8_t* fixed, uint32_t size, FrameRef* frame);
     // Returns null, or why the frames break the protocol. What must be destroyed outside the
     // lock goes to `discard` and `dropped`.
-    // Calls nested in a call this side waits for on another connection go to `nestedElsewhere`.
+    // Calls nested in a call this side waits for on another connection go to `nestedElsewhere`;
+    // proxies the peer reported dead (death frames) to `relayedDeaths`.
     const char* routeFrames(std::vector<FrameRef>* frames, std::vector<BinderTask>* runnable,
                             std::vector<BinderTask>* nestedElsewhere,
+                            std::vector<android::sp<android::BpBinder>>* relayedDeaths,
                             std::vector<BinderTask>* discard,
                             std::vector<android::sp<android::IBinder>>* dropped) REQUIRES(mLock);
     // Rebuilds a parcel from wire data: proxies for the peer's objects, our own objects for

@@ -216,6 +216,16 @@ void BinderRuntime::acceptOn(uint64_t key) {
     acceptConnections(listener, key);
 }
 
+void BinderRuntime::relayDeath(const android::IBinder* proxy) {
+    std::vector<sp<BinderConnection>> connections;
+    {
+        Mutex::Autolock lock(mLock);
+        connections.reserve(mConnections.size());
+        for (const auto& [key, connection] : mConnections) connections.push_back(connection);
+    }
+    for (const sp<BinderConnection>& connection : connections) connection->relayDeath(proxy);
+}
+
 void BinderRuntime::registerWaiter(uint64_t txid, BinderConnection* connection) {
     Mutex::Autolock lock(mWaiterLock);
     mWaiters.emplace(txid, connection);

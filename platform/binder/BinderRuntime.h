@@ -127,6 +127,8 @@ public:
     // acceptOn accepts what is waiting on one of them.
     std::vector<std::pair<uint64_t, int>> listeners() const EXCLUDES(mLock);
     void acceptOn(uint64_t key) EXCLUDES(mLock);
+    // A proxy died: every connection that has handed it to its peer tells the peer.
+    void relayDeath(const android::IBinder* proxy) EXCLUDES(mLock);
     // Pool threads waiting for work now.
     int idleThreads() const { return mIdle.load(); }
     // The live connections with the process `pid` (running as `uid`), but `except`.

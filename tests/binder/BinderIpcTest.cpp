@@ -394,6 +394,32 @@ TEST_F(BinderIpcTest, KilledPeerIsReportedOnceAndItsProxiesAreDead) {
     EXPECT_EQ(0, unlinked->count());
 }
 
+// A proxy handed on is relayed by the process that hands it on; when its object's process dies,
+// the death reaches the holders of the relayed proxy too, which can still hand it back.
+TEST_F(BinderIpcTest, DeathOfARelayedObjectReachesItsHolders) {
+    PeerProcess& owner = startPeer({"serve", "owner"});
+    sp<ITestService> relay = startService<ITestService>("serve", "relay");
+    ASSERT_NE(nullptr, relay);
+    sp<IBinder> relayed;
+    ASSERT_TRUE(relay->lookUp("owner", &relayed).isOk());
+    ASSERT_NE(nullptr, relayed);
+    ASSERT_NE(nullptr, relayed->remoteBinder());
+    EXPECT_NE(IInterface::asBinder(relay), relayed);
+    EXPECT_EQ(3, echoed(android::interface_cast<ITestService>(relayed), 3));
+    sp<DeathCounter> death = new DeathCounter();
+    ASSERT_EQ(OK, relayed->linkToDeath(death));
+
+    owner.kill(SIGKILL);
+    owner.wait();
+    EXPECT_EQ(1, death->wait(1));
+    EXPECT_FALSE(relayed->isBinderAlive());
+    EXPECT_EQ(android::DEAD_OBJECT, relayed->pingBinder());
+    sp<IBinder> again;
+    ASSERT_TRUE(relay->echoBinder(relayed, &again).isOk());
+    EXPECT_EQ(relayed, again);
+    EXPECT_EQ(4, echoed(relay, 4));
+}
+
 TEST_F(BinderIpcTest, ServiceIsToldWhenAClientDies) {
     sp<ITestService> service = startService<ITestService>("serve", "test");
     ASSERT_NE(nullptr, service);

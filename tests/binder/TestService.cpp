@@ -233,6 +233,12 @@ Status TestService::callNamed(const std::string& name, int32_t value, int32_t* o
     return callback->onCall(value, out);
 }
 
+Status TestService::lookUp(const std::string& name, sp<IBinder>* out) {
+    *out = android::defaultServiceManager()->getService(String16(name.c_str()));
+    if (*out == nullptr) return Status::fromExceptionCode(Status::EX_ILLEGAL_STATE);
+    return Status::ok();
+}
+
 void TestService::DeathCounter::binderDied(const android::wp<IBinder>& /*who*/) {
     Mutex::Autolock lock(mService->mLock);
     ++mService->mDeaths;

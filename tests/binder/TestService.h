@@ -46,6 +46,8 @@ public:
     android::binder::Status self(android::sp<android::IBinder>* out) override;
     android::binder::Status failServiceSpecific(int32_t code, const std::string& message,
                                                 int32_t* out) override;
+    android::binder::Status lookUp(const std::string& name,
+                                   android::sp<android::IBinder>* out) override;
     android::binder::Status failException(int32_t exceptionCode) override;
     android::binder::Status failStatus(int32_t status) override;
     android::binder::Status record(int32_t sequence) override;

@@ -59,4 +59,6 @@ interface ITestService {
     int meet(int parties, int waitMs);
     // Looks up the callback published as `name` and returns its onCall(value).
     int callNamed(@utf8InCpp String name, int value);
+    // The service published as `name`, as this process finds it.
+    IBinder lookUp(@utf8InCpp String name);
 }
