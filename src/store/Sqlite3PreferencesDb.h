@@ -307,8 +307,6 @@ private:
                            PreferenceScope scope);
     int32_t clearCurrentPreferenceValue(const std::optional<unsigned int>& userId,
                                         const std::string& key, PreferenceScope scope);
-    // Clears the key in every user database; goes on after a failure and returns the first one.
-    int32_t clearCurrentPreferenceValueFromUserDbs(const std::string& key);
     int32_t deletePreferenceFromValueTables(const std::string& key, PreferenceScope scope);
     // STORE_UNKNOWN_KEY (a warning) when there is no row.
     int32_t deletePreferenceValueRow(const std::optional<unsigned int>& userId,

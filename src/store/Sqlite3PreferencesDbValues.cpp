@@ -301,17 +301,6 @@ int32_t Sqlite3PreferencesDb::clearCurrentPreferenceValue(const std::optional<un
     return query.writeValue();
 }
 
-int32_t Sqlite3PreferencesDb::clearCurrentPreferenceValueFromUserDbs(const std::string& key) {
-    std::vector<unsigned int> userIds;
-    if (!getUserIdsOfDbsForKey(userIds)) return STORE_FAILED;
-    int32_t result = STORE_OK;
-    for (unsigned int userId : userIds) {
-        const int32_t cleared = clearCurrentPreferenceValue(userId, key, PreferenceScope::User);
-        if (cleared != STORE_OK && result == STORE_OK) result = cleared;
-    }
-    return result;
-}
-
 // ---- Deleting ----
 
 int32_t Sqlite3PreferencesDb::deletePreferenceFromValueTables(const std::string& key,
