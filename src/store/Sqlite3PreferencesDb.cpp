@@ -438,12 +438,14 @@ Sqlite3PreferencesDb::Query::~Query() {
 }
 
 int32_t Sqlite3PreferencesDb::Query::write() {
+    if (!mBuilt) return STORE_FAILED;
     if (step() == SQLITE_DONE) return STORE_OK;
     logFailedStep();
     return STORE_FAILED;
 }
 
 int32_t Sqlite3PreferencesDb::Query::writeValue() {
+    if (!mBuilt) return STORE_FAILED;
     if (stepValue() == SQLITE_DONE) return STORE_OK;
     logFailedStep();
     return STORE_FAILED;

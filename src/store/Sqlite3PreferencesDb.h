@@ -45,9 +45,6 @@ namespace Halo::OS {
 // may be open when it runs.
 class Sqlite3PreferencesDb : public IPreferencesDb {
 public:
-    // Which value of a key an update writes.
-    using PreferenceValueType = PreferencesKeyInfo::PreferenceValueType;
-
     Sqlite3PreferencesDb();
     ~Sqlite3PreferencesDb() override;
     Sqlite3PreferencesDb(const Sqlite3PreferencesDb&) = delete;
@@ -133,6 +130,9 @@ protected:
                                       std::vector<unsigned int>& userIds);
 
 private:
+    // Which value of a key an update writes.
+    using PreferenceValueType = PreferencesKeyInfo::PreferenceValueType;
+
     enum class DbState : int32_t {
         Closed = 0,
         Opening = 1,
@@ -403,8 +403,8 @@ private:
         int step() { return mStore.step(mStatement); }
         // One step of a write of values alone (stepValueWrite); nothing is logged.
         int stepValue() { return mStore.stepValueWrite(mStatement, mScope); }
-        // Steps a statement that writes: STORE_OK, or STORE_FAILED after logging the
-        // failed step. writeValue() steps with stepValue().
+        // Steps a statement that writes: STORE_OK, or STORE_FAILED when it was not built or
+        // after logging the failed step. writeValue() steps with stepValue().
         int32_t write();
         int32_t writeValue();
         // Logs a failed step with the statement's expanded SQL and its database's error.

@@ -102,7 +102,6 @@ int32_t Sqlite3PreferencesDb::unregisterPackage(unsigned int uid, const std::str
 int32_t Sqlite3PreferencesDb::clearPackageOwnership(unsigned int uid,
                                                     const std::string& packageName) {
     Query query = systemQuery(kClearPackageOwnership, uid, packageName);
-    if (!query.built()) return STORE_FAILED;
     return query.write();
 }
 
@@ -650,7 +649,6 @@ int32_t Sqlite3PreferencesDb::clearPermissionsForPackage(unsigned int uid,
 
 int32_t Sqlite3PreferencesDb::runSystemWrite(SystemStatement statementId) {
     Query query = systemQuery(statementId);
-    if (!query.built()) return STORE_FAILED;
     return query.write();
 }
 
@@ -659,7 +657,6 @@ int32_t Sqlite3PreferencesDb::runExpiryMark(SystemStatement statementId,
     // The datetime() modifier, e.g. "+60 seconds".
     const std::string modifier = "+" + std::to_string(delay.count()) + " seconds";
     Query query = systemQuery(statementId, modifier);
-    if (!query.built()) return STORE_FAILED;
     return query.write();
 }
 
@@ -693,7 +690,6 @@ int32_t Sqlite3PreferencesDb::markPreferencesReferencedOnlyByPackageForExpiratio
     bool found = true;
     if (findUnexpiredKey(uid, packageName, found) == STORE_OK && !found) return STORE_OK;
     Query query = systemQuery(kExpireReferencedOnlyByPackage, uid, packageName, uid, packageName);
-    if (!query.built()) return STORE_FAILED;
     return query.write();
 }
 
@@ -716,7 +712,6 @@ int32_t Sqlite3PreferencesDb::findUnexpiredKey(unsigned int uid, const std::stri
 
 int32_t Sqlite3PreferencesDb::clearExpiration(const std::string& key) {
     Query query = systemQuery(kClearExpiration, key);
-    if (!query.built()) return STORE_FAILED;
     return query.write();
 }
 

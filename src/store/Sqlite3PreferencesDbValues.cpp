@@ -297,7 +297,6 @@ int32_t Sqlite3PreferencesDb::clearCurrentPreferenceValue(const std::optional<un
         if (result != STORE_OK) return result;
     }
     Query query(*this, valueStatement(kValueClearCurrent, scope, userId), scope, userId, key);
-    if (!query.built()) return STORE_FAILED;
     return query.writeValue();
 }
 
