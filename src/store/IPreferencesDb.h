@@ -18,7 +18,8 @@ namespace Halo::OS {
 //
 // The key manager owns the one instance and is its only caller; it serialises every call under
 // its main mutex, so implementations need no lock of their own. Every operation that returns an
-// int32_t returns STORE_OK (0) on success and a negative StoreStatus on failure (StoreStatus.h).
+// int32_t returns StoreStatus::Ok (0) on success and a negative StoreStatus code on failure;
+// the comments below name the codes without their StoreStatus:: prefix.
 // User ids are Android user ids; uids are Android uids; values are text in the value encoding of
 // the key's type. The declaration order below is the order of the virtual slots.
 class IPreferencesDb {
@@ -37,7 +38,7 @@ public:
     virtual int32_t initialize() = 0;
     // Rebuilds a version-0 `preferences` table in the version-1 layout; does not stamp a version.
     virtual int32_t upgradeVersionFromV0ToV1() = 0;
-    // The system database's user_version, or STORE_FAILED (-1).
+    // The system database's user_version, or Failed (-1).
     virtual int32_t getDatabaseUserVersion() = 0;
     // Adds the `migration` column and stamps version 2; a table that has it is left untouched.
     virtual int32_t upgradeVersionFromV1ToV2() = 0;
@@ -50,7 +51,7 @@ public:
     // keys it still declares).
     virtual int32_t registerPackage(unsigned int uid, const std::string& packageName) = 0;
     // Removes a package row with its permissions (keys left without permission are reaped) and
-    // clears its ownership. STORE_UNKNOWN_PACKAGE when the package is unknown.
+    // clears its ownership. UnknownPackage when the package is unknown.
     virtual int32_t unregisterPackage(unsigned int uid, const std::string& packageName) = 0;
     // Unregisters every known package of `domain` that is not in `present`. Goes on after a
     // failed package and returns the first failure.
@@ -76,8 +77,8 @@ public:
 
     // The current value of `key` for `userId`, or its default when none is stored.
     // `callerUserId` is the Android user of the calling app (the one-user form passes `userId`):
-    // a User key is only read for the caller's own user (else STORE_USER_REQUIRED); a Cross key
-    // needs a userId (else STORE_USER_REQUIRED).
+    // a User key is only read for the caller's own user (else UserRequired); a Cross key
+    // needs a userId (else UserRequired).
     virtual int32_t getPreferenceValue(const std::optional<unsigned int>& userId,
                                        const std::string& key,
                                        std::optional<std::string>& value) = 0;
@@ -86,20 +87,20 @@ public:
                                        const std::string& key,
                                        std::optional<std::string>& value) = 0;
     // Stores the current value; returns only after it is committed. A User key is only written
-    // for the caller's own user, userId == callerUserId (else STORE_FAILED); User and Cross keys
-    // need a userId (else STORE_USER_REQUIRED).
+    // for the caller's own user, userId == callerUserId (else Failed); User and Cross keys
+    // need a userId (else UserRequired).
     virtual int32_t setPreferenceValue(const std::optional<unsigned int>& userId,
                                        const std::string& key, const std::string& value) = 0;
     virtual int32_t setPreferenceValue(const std::optional<unsigned int>& userId,
                                        const std::optional<unsigned int>& callerUserId,
                                        const std::string& key, const std::string& value) = 0;
-    // Replaces the default value; STORE_UNKNOWN_KEY when the key is unknown.
+    // Replaces the default value; UnknownKey when the key is unknown.
     virtual int32_t setPreferenceDefault(const std::string& key, const std::string& value) = 0;
     // Removes the current value, so that reads fall back to the default.
     virtual int32_t clearCurrentPreferenceValue(const std::optional<unsigned int>& userId,
                                                 const std::string& key) = 0;
 
-    // STORE_UNKNOWN_KEY for an unknown key; `quiet` suppresses the log line of that case.
+    // UnknownKey for an unknown key; `quiet` suppresses the log line of that case.
     virtual int32_t getPreferenceScope(const std::string& key, PreferenceScope& scope,
                                        bool quiet) = 0;
     virtual int32_t getPreferenceType(const std::string& key, Type& type) = 0;
@@ -108,7 +109,7 @@ public:
                                        std::optional<std::string>& packageName) = 0;
     virtual int32_t clearPreferenceOwnerForNonMigrationKeys(KeySourceDomain domain) = 0;
     // Inserts or updates a package's permission on a key; only Read and ReadWrite are accepted
-    // (else STORE_INVALID_PERMISSION).
+    // (else InvalidPermission).
     virtual int32_t setPreferencePermission(const std::string& key, unsigned int uid,
                                             const std::string& packageName,
                                             PreferencePermission permission) = 0;
@@ -127,7 +128,7 @@ public:
     virtual int32_t registerPreferenceListener(unsigned int uid,
                                                const std::vector<std::string>& keys,
                                                unsigned int& listenerId) = 0;
-    // Deletes the listener's rows and releases its id; STORE_NO_LISTENER when it has none for that
+    // Deletes the listener's rows and releases its id; NoListener when it has none for that
     // uid (the id is released all the same).
     virtual int32_t unregisterPreferenceListener(unsigned int uid, unsigned int listenerId) = 0;
     // Appends (package uid, listener id) for each listener row of `key`.

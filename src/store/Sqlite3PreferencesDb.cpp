@@ -275,7 +275,7 @@ void rollBackLeftOpenTransaction(sqlite3* db, bool wasAutocommit) {
 Sqlite3PreferencesDb::Sqlite3PreferencesDb() = default;
 
 Sqlite3PreferencesDb::~Sqlite3PreferencesDb() {
-    if (uninitialize() != STORE_OK) ALOGE("Unable to uninitialize DB during destruction.");
+    if (uninitialize() != StoreStatus::Ok) ALOGE("Unable to uninitialize DB during destruction.");
 }
 
 // ---- Paths ----
@@ -386,7 +386,7 @@ int32_t Sqlite3PreferencesDb::executeRawQuery(const char* sql, sqlite3* db,
     if (db == nullptr) {
         ALOGE("Unable to execute raw query because DB (scope=%s) is not initialized.",
               scopeToString(scopeForLogs));
-        return STORE_NOT_OPEN;
+        return StoreStatus::NotOpen;
     }
     char* error = nullptr;
     if (sqlite3_exec(db, sql, nullptr, nullptr, &error) != SQLITE_OK) {
@@ -397,9 +397,9 @@ int32_t Sqlite3PreferencesDb::executeRawQuery(const char* sql, sqlite3* db,
         ALOGE("Failed to execute raw query: %s", details.c_str());
         Telemetry::report("executerawquery_error_sqlite3_exec:" + details);
         sqlite3_free(error);
-        return STORE_FAILED;
+        return StoreStatus::Failed;
     }
-    return STORE_OK;
+    return StoreStatus::Ok;
 }
 
 bool Sqlite3PreferencesDb::resetPreparedStatement(sqlite3_stmt* statement) {
@@ -415,15 +415,15 @@ bool Sqlite3PreferencesDb::resetPreparedStatement(sqlite3_stmt* statement) {
 int32_t Sqlite3PreferencesDb::resetPreparedStatements() {
     if (mSystemDb != nullptr) {
         for (sqlite3_stmt* statement : mSystemDb->statements) {
-            if (!resetPreparedStatement(statement)) return STORE_CREATE_FAILED;
+            if (!resetPreparedStatement(statement)) return StoreStatus::CreateFailed;
         }
     }
     for (auto& [userId, record] : mUserDbs) {
         for (sqlite3_stmt* statement : record->statements) {
-            if (!resetPreparedStatement(statement)) return STORE_CREATE_FAILED;
+            if (!resetPreparedStatement(statement)) return StoreStatus::CreateFailed;
         }
     }
-    return STORE_OK;
+    return StoreStatus::Ok;
 }
 
 int Sqlite3PreferencesDb::step(sqlite3_stmt* statement) {
@@ -438,17 +438,17 @@ Sqlite3PreferencesDb::Query::~Query() {
 }
 
 int32_t Sqlite3PreferencesDb::Query::write() {
-    if (!mBuilt) return STORE_FAILED;
-    if (step() == SQLITE_DONE) return STORE_OK;
+    if (!mBuilt) return StoreStatus::Failed;
+    if (step() == SQLITE_DONE) return StoreStatus::Ok;
     logFailedStep();
-    return STORE_FAILED;
+    return StoreStatus::Failed;
 }
 
 int32_t Sqlite3PreferencesDb::Query::writeValue() {
-    if (!mBuilt) return STORE_FAILED;
-    if (stepValue() == SQLITE_DONE) return STORE_OK;
+    if (!mBuilt) return StoreStatus::Failed;
+    if (stepValue() == SQLITE_DONE) return StoreStatus::Ok;
     logFailedStep();
-    return STORE_FAILED;
+    return StoreStatus::Failed;
 }
 
 void Sqlite3PreferencesDb::Query::logFailedStep() {
@@ -523,7 +523,7 @@ void Sqlite3PreferencesDb::closeHalfOpenSystemDb() {
 }
 
 int32_t Sqlite3PreferencesDb::initializeSystemDb() {
-    if (mSystemDb != nullptr && mSystemDb->state == DbState::Ready) return STORE_OK;
+    if (mSystemDb != nullptr && mSystemDb->state == DbState::Ready) return StoreStatus::Ok;
     // A connection left open by a failed attempt would otherwise leak with its record.
     closeHalfOpenSystemDb();
     mSystemDb = std::make_unique<SystemDb>();
@@ -535,45 +535,45 @@ int32_t Sqlite3PreferencesDb::initializeSystemDb() {
         Telemetry::report("systemdbinit_error");
         // The handle stays with the record (state Opening): later queries on it fail as queries
         // and report their error, and the next attempt or uninitialize() closes it.
-        return STORE_OPEN_FAILED;
+        return StoreStatus::OpenFailed;
     }
     mMetadata.attach(mSystemDb->db);
     mSystemValues.clear();
     int32_t result = initializeInMemDb();
-    if (result != STORE_OK) {
+    if (result != StoreStatus::Ok) {
         ALOGE("Unable to initalize in memory DB.");
         Telemetry::report("systemdbinit_error_attach_in_mem_db");
         return result;
     }
-    if (configureSystemCache() != STORE_OK) {
+    if (configureSystemCache() != StoreStatus::Ok) {
         ALOGE("Unable to configure cache for system DB.");
         Telemetry::report("systemdbinit_error_cache");
     }
     configureDurability(mSystemDb->db, PreferenceScope::System, std::nullopt);
     result = createSystemTables();
-    if (result != STORE_OK) {
+    if (result != StoreStatus::Ok) {
         ALOGE("Failed to create system DB tables.");
         Telemetry::report("systemdbinit_error_tables_creation");
         return result;
     }
     createSystemIndexes();
     result = initializePreparedStatementsForSystemDb();
-    if (result != STORE_OK) return result;
+    if (result != StoreStatus::Ok) return result;
     result = configureForeignKeys();
-    if (result != STORE_OK) {
+    if (result != StoreStatus::Ok) {
         ALOGE("Unable to enable foreign keys. Cascade deletion would fail, preventing cleanup of "
               "orphaned data.");
         Telemetry::report("systemdbinit_error_foreignkeys");
         return result;
     }
     mSystemDb->state = DbState::Ready;
-    return STORE_OK;
+    return StoreStatus::Ok;
 }
 
 int32_t Sqlite3PreferencesDb::initializeInMemDb() {
     const int32_t result =
             executeRawQuery(kQueryAttachInMemDb, mSystemDb->db, PreferenceScope::System);
-    if (result != STORE_OK) {
+    if (result != StoreStatus::Ok) {
         ALOGE("Failed to create in memory database");
         Telemetry::report("systemdbinit_error_attach_in_mem_db");
     }
@@ -582,13 +582,13 @@ int32_t Sqlite3PreferencesDb::initializeInMemDb() {
 
 int32_t Sqlite3PreferencesDb::configureSystemCache() {
     sqlite3* db = mSystemDb->db;
-    if (executeRawQuery(kQueryCacheSize, db, PreferenceScope::System) != STORE_OK ||
-        executeRawQuery(kQueryPageSize, db, PreferenceScope::System) != STORE_OK) {
+    if (executeRawQuery(kQueryCacheSize, db, PreferenceScope::System) != StoreStatus::Ok ||
+        executeRawQuery(kQueryPageSize, db, PreferenceScope::System) != StoreStatus::Ok) {
         ALOGE("Unable to configure database cache size of system database. Memory usage "
               "increase.");
-        return STORE_FAILED;
+        return StoreStatus::Failed;
     }
-    return STORE_OK;
+    return StoreStatus::Ok;
 }
 
 // Durability: a value write that returned 0 must survive a crash of the service process right
@@ -612,29 +612,29 @@ int32_t Sqlite3PreferencesDb::configureDurability(sqlite3* db, PreferenceScope s
         if (text != nullptr) mode = reinterpret_cast<const char*>(text);
     }
     sqlite3_finalize(statement);
-    int32_t result = STORE_OK;
+    int32_t result = StoreStatus::Ok;
     if (mode != "wal") {
         ALOGW("Unable to enable write-ahead logging (scope %s, user %d); journal mode is '%s'.",
-              scopeToString(scope), userId.has_value() ? static_cast<int>(*userId) : STORE_FAILED,
-              mode.c_str());
-        result = STORE_CREATE_FAILED;
+              scopeToString(scope),
+              userId.has_value() ? static_cast<int>(*userId) : StoreStatus::Failed, mode.c_str());
+        result = StoreStatus::CreateFailed;
     }
-    if (executeRawQuery(kQuerySynchronousNormal, db, scope) != STORE_OK)
-        result = STORE_CREATE_FAILED;
+    if (executeRawQuery(kQuerySynchronousNormal, db, scope) != StoreStatus::Ok)
+        result = StoreStatus::CreateFailed;
     return result;
 }
 
 int32_t Sqlite3PreferencesDb::createSystemTables() {
     sqlite3* db = mSystemDb->db;
-    if (executeRawQuery(kQueryDropListeners, db, PreferenceScope::System) != STORE_OK) {
+    if (executeRawQuery(kQueryDropListeners, db, PreferenceScope::System) != StoreStatus::Ok) {
         ALOGE("Failed to remove all existing listeners.");
-        return STORE_CREATE_FAILED;
+        return StoreStatus::CreateFailed;
     }
     mListenerIds.clear();
     const char* preferencesTable = getQueryCreatePreferencesMapTable();
     if (preferencesTable == nullptr) {
         ALOGE("Failed to create one or more tables in system DB.");
-        return STORE_CREATE_FAILED;
+        return StoreStatus::CreateFailed;
     }
     if (strcmp(preferencesTable, kQueryCreatePreferencesMapTable) == 0) {
         // Only a database without tables is new; it gets the current layout and so the current
@@ -643,18 +643,18 @@ int32_t Sqlite3PreferencesDb::createSystemTables() {
         if (sqlite3_prepare_v2(db, kQueryCheckIfTableIsEmpty, -1, &check, nullptr) != SQLITE_OK) {
             ALOGE("Error initializing prepared statements: kQueryCheckIfTableIsEmpty");
             sqlite3_finalize(check);
-            return STORE_CREATE_FAILED;
+            return StoreStatus::CreateFailed;
         }
         if (sqlite3_step(check) != SQLITE_ROW) {
             ALOGE("database is not configured right");
             sqlite3_finalize(check);
-            return STORE_CREATE_FAILED;
+            return StoreStatus::CreateFailed;
         }
         if (sqlite3_column_int64(check, 0) == 0 &&
-            executeRawQuery(kQueryStampVersion2, db, PreferenceScope::System) != STORE_OK) {
+            executeRawQuery(kQueryStampVersion2, db, PreferenceScope::System) != StoreStatus::Ok) {
             ALOGE("failed to add user version to database");
             sqlite3_finalize(check);
-            return STORE_CREATE_FAILED;
+            return StoreStatus::CreateFailed;
         }
         sqlite3_finalize(check);
     }
@@ -662,13 +662,13 @@ int32_t Sqlite3PreferencesDb::createSystemTables() {
                             kQueryCreatePermissionsTable, kQueryCreateValuesTable,
                             kQueryCreateListenersTable};
     for (const char* table : tables) {
-        if (executeRawQuery(table, db, PreferenceScope::System) != STORE_OK) {
+        if (executeRawQuery(table, db, PreferenceScope::System) != StoreStatus::Ok) {
             ALOGE("Failed to create one or more tables in system DB.");
-            return STORE_CREATE_FAILED;
+            return StoreStatus::CreateFailed;
         }
     }
-    if (createReapOrphanedPreferencesTrigger() != STORE_OK) return STORE_CREATE_FAILED;
-    return STORE_OK;
+    if (createReapOrphanedPreferencesTrigger() != StoreStatus::Ok) return StoreStatus::CreateFailed;
+    return StoreStatus::Ok;
 }
 
 void Sqlite3PreferencesDb::createSystemIndexes() {
@@ -682,7 +682,7 @@ int32_t Sqlite3PreferencesDb::createReapOrphanedPreferencesTrigger() {
     const int32_t result = executeRawQuery(kQueryCreateReapOrphanedPreferencesTrigger,
                                            getDbForScope(PreferenceScope::System, std::nullopt),
                                            PreferenceScope::System);
-    if (result != STORE_OK) ALOGE("Failed to create trigger to reap orphaned preferences.");
+    if (result != StoreStatus::Ok) ALOGE("Failed to create trigger to reap orphaned preferences.");
     return result;
 }
 
@@ -690,7 +690,7 @@ int32_t Sqlite3PreferencesDb::dropReapOrphanedPreferencesTrigger() {
     const int32_t result = executeRawQuery(kQueryDropReapOrphanedPreferencesTrigger,
                                            getDbForScope(PreferenceScope::System, std::nullopt),
                                            PreferenceScope::System);
-    if (result != STORE_OK) ALOGE("Failed to drop trigger to reap orphaned preferences.");
+    if (result != StoreStatus::Ok) ALOGE("Failed to drop trigger to reap orphaned preferences.");
     return result;
 }
 
@@ -699,29 +699,30 @@ int32_t Sqlite3PreferencesDb::initializePreparedStatementsForSystemDb() {
         if (sqlite3_prepare_v2(mSystemDb->db, StatementTexts::kSystem[i].sql, -1,
                                &mSystemDb->statements[i], nullptr) != SQLITE_OK) {
             ALOGE("Error initializing prepared statements for system DB.");
-            return STORE_CREATE_FAILED;
+            return StoreStatus::CreateFailed;
         }
     }
-    return STORE_OK;
+    return StoreStatus::Ok;
 }
 
 int32_t Sqlite3PreferencesDb::configureForeignKeys() {
-    if (executeRawQuery(kQueryForeignKeysOn, mSystemDb->db, PreferenceScope::System) != STORE_OK) {
-        return STORE_CREATE_FAILED;
+    if (executeRawQuery(kQueryForeignKeysOn, mSystemDb->db, PreferenceScope::System) !=
+        StoreStatus::Ok) {
+        return StoreStatus::CreateFailed;
     }
     Query query = systemQuery(kForeignKeys);
-    if (!query.built()) return STORE_FAILED;
+    if (!query.built()) return StoreStatus::Failed;
     switch (query.step()) {
         case SQLITE_DONE:
             ALOGE("Foreign keys are not supported due to incorrect compilation flags.");
-            return STORE_CREATE_FAILED;
+            return StoreStatus::CreateFailed;
         case SQLITE_ROW:
-            if (sqlite3_column_int(query.statement(), 0) == 1) return STORE_OK;
+            if (sqlite3_column_int(query.statement(), 0) == 1) return StoreStatus::Ok;
             ALOGE("Foreign keys were not enabled.");
-            return STORE_CREATE_FAILED;
+            return StoreStatus::CreateFailed;
         default:
             query.logFailedStep();
-            return STORE_FAILED;
+            return StoreStatus::Failed;
     }
 }
 
@@ -735,32 +736,32 @@ void Sqlite3PreferencesDb::uninitializePreparedStatementsForSystemDb() {
 int32_t Sqlite3PreferencesDb::uninitializeSystemDb() {
     mMetadata.detach();
     mSystemValues.clear();
-    if (mSystemDb == nullptr || mSystemDb->state == DbState::Closed) return STORE_OK;
+    if (mSystemDb == nullptr || mSystemDb->state == DbState::Closed) return StoreStatus::Ok;
     uninitializePreparedStatementsForSystemDb();
     if (sqlite3_close(mSystemDb->db) != SQLITE_OK) {
         ALOGE("Failed to close db system DB.");
-        return STORE_CLOSE_FAILED;
+        return StoreStatus::CloseFailed;
     }
     mSystemDb->db = nullptr;
     mSystemDb->state = DbState::Closed;
-    return STORE_OK;
+    return StoreStatus::Ok;
 }
 
 int32_t Sqlite3PreferencesDb::uninitialize() {
-    int32_t result = STORE_OK;
-    if (uninitializeSystemDb() != STORE_OK) {
+    int32_t result = StoreStatus::Ok;
+    if (uninitializeSystemDb() != StoreStatus::Ok) {
         ALOGE("Unable to uninitialize system DB.");
-        result = STORE_CLOSE_FAILED;
+        result = StoreStatus::CloseFailed;
     }
     for (const auto& [userId, record] : mUserDbs) {
-        if (uninitializeUserDb(userId) != STORE_OK) {
+        if (uninitializeUserDb(userId) != StoreStatus::Ok) {
             ALOGE("Unable to uninitialize user DB for %d.", userId);
-            result = STORE_CLOSE_FAILED;
+            result = StoreStatus::CloseFailed;
         }
     }
     if (sqlite3_shutdown() != SQLITE_OK) {
         ALOGE("Failed to shutdown DB.");
-        result = STORE_CLOSE_FAILED;
+        result = StoreStatus::CloseFailed;
     }
     return result;
 }
@@ -769,63 +770,67 @@ int32_t Sqlite3PreferencesDb::uninitialize() {
 
 int32_t Sqlite3PreferencesDb::getDatabaseUserVersion() {
     Query query = systemQuery(kUserVersion);
-    if (!query.built() || query.step() != SQLITE_ROW) return STORE_FAILED;
+    if (!query.built() || query.step() != SQLITE_ROW) return StoreStatus::Failed;
     return sqlite3_column_int(query.statement(), 0);
 }
 
 int32_t Sqlite3PreferencesDb::upgradeVersionFromV0ToV1() {
     resetPreparedStatements();
     sqlite3* db = getDbForScope(PreferenceScope::System, std::nullopt);
-    if (executeRawQuery(kQueryUpgradeForeignKeysOff, db, PreferenceScope::System) != STORE_OK) {
+    if (executeRawQuery(kQueryUpgradeForeignKeysOff, db, PreferenceScope::System) !=
+        StoreStatus::Ok) {
         ALOGE("Failed to turn foreign_keys off");
-        return STORE_UPGRADE_FAILED;
+        return StoreStatus::UpgradeFailed;
     }
     // Since SQLite 3.26, RENAME TABLE checks every trigger of the schema, and between the DROP and
     // the RENAME the reaping trigger names a table that does not exist, which fails the rename.
     // The trigger is therefore taken away for the rebuild and put back afterwards.
-    if (dropReapOrphanedPreferencesTrigger() != STORE_OK) return STORE_UPGRADE_FAILED;
+    if (dropReapOrphanedPreferencesTrigger() != StoreStatus::Ok) return StoreStatus::UpgradeFailed;
     const bool wasAutocommit = sqlite3_get_autocommit(db) != 0;
     const int32_t upgraded = executeRawQuery(kQueryUpgradeV0ToV1, db, PreferenceScope::System);
-    if (upgraded != STORE_OK) {
+    if (upgraded != StoreStatus::Ok) {
         ALOGE("Failed to upgrade system DB from version 0 to 1");
         rollBackLeftOpenTransaction(db, wasAutocommit);
     }
-    if (createReapOrphanedPreferencesTrigger() != STORE_OK || upgraded != STORE_OK)
-        return STORE_UPGRADE_FAILED;
-    if (executeRawQuery(kQueryUpgradeForeignKeysOn, db, PreferenceScope::System) != STORE_OK) {
+    if (createReapOrphanedPreferencesTrigger() != StoreStatus::Ok || upgraded != StoreStatus::Ok)
+        return StoreStatus::UpgradeFailed;
+    if (executeRawQuery(kQueryUpgradeForeignKeysOn, db, PreferenceScope::System) !=
+        StoreStatus::Ok) {
         ALOGE("Failed to turn foreign_keys on");
-        return STORE_UPGRADE_FAILED;
+        return StoreStatus::UpgradeFailed;
     }
-    return STORE_OK;
+    return StoreStatus::Ok;
 }
 
 int32_t Sqlite3PreferencesDb::upgradeVersionFromV1ToV2() {
     {
         Query query = systemQuery(kHasMigrationColumn);
-        if (!query.built()) return STORE_FAILED;
+        if (!query.built()) return StoreStatus::Failed;
         // Only a row proves the column is there; no row, or a failed step, goes on to add it.
-        if (query.step() == SQLITE_ROW) return STORE_OK;
+        if (query.step() == SQLITE_ROW) return StoreStatus::Ok;
     }
     sqlite3* db = getDbForScope(PreferenceScope::System, std::nullopt);
-    if (executeRawQuery(kQueryUpgradeForeignKeysOff, db, PreferenceScope::System) != STORE_OK) {
+    if (executeRawQuery(kQueryUpgradeForeignKeysOff, db, PreferenceScope::System) !=
+        StoreStatus::Ok) {
         ALOGE("Failed to turn foreign_keys off");
-        return STORE_UPGRADE_FAILED;
+        return StoreStatus::UpgradeFailed;
     }
     const bool wasAutocommit = sqlite3_get_autocommit(db) != 0;
-    if (executeRawQuery(kQueryUpgradeV1ToV2, db, PreferenceScope::System) != STORE_OK) {
+    if (executeRawQuery(kQueryUpgradeV1ToV2, db, PreferenceScope::System) != StoreStatus::Ok) {
         ALOGE("Failed to upgrade system DB from version 1 to 2");
         rollBackLeftOpenTransaction(db, wasAutocommit);
-        return STORE_UPGRADE_FAILED;
+        return StoreStatus::UpgradeFailed;
     }
-    if (executeRawQuery(kQueryStampVersion2, db, PreferenceScope::System) != STORE_OK) {
+    if (executeRawQuery(kQueryStampVersion2, db, PreferenceScope::System) != StoreStatus::Ok) {
         ALOGE("failed to put a user version in database");
-        return STORE_CREATE_FAILED;
+        return StoreStatus::CreateFailed;
     }
-    if (executeRawQuery(kQueryUpgradeForeignKeysOn, db, PreferenceScope::System) != STORE_OK) {
+    if (executeRawQuery(kQueryUpgradeForeignKeysOn, db, PreferenceScope::System) !=
+        StoreStatus::Ok) {
         ALOGE("Failed to turn foreign_keys on");
-        return STORE_UPGRADE_FAILED;
+        return StoreStatus::UpgradeFailed;
     }
-    return STORE_OK;
+    return StoreStatus::Ok;
 }
 
 // ---- Batches ----
@@ -834,8 +839,8 @@ int32_t Sqlite3PreferencesDb::beginBatch() {
     const int32_t result =
             executeRawQuery(kQueryBegin, getDbForScope(PreferenceScope::System, std::nullopt),
                             PreferenceScope::System);
-    if (result != STORE_OK) ALOGE("Failed to begin batch mode transaction for system DB");
-    mInBatch = result == STORE_OK;
+    if (result != StoreStatus::Ok) ALOGE("Failed to begin batch mode transaction for system DB");
+    mInBatch = result == StoreStatus::Ok;
     mBatchUserIds.reset();
     return result;
 }
@@ -844,7 +849,7 @@ int32_t Sqlite3PreferencesDb::commitBatch() {
     const int32_t result =
             executeRawQuery(kQueryCommit, getDbForScope(PreferenceScope::System, std::nullopt),
                             PreferenceScope::System);
-    if (result != STORE_OK) ALOGE("Failed to commit batch operations for system DB");
+    if (result != StoreStatus::Ok) ALOGE("Failed to commit batch operations for system DB");
     mInBatch = false;
     mBatchUserIds.reset();
     return result;
@@ -855,7 +860,7 @@ int32_t Sqlite3PreferencesDb::commitBatch() {
 int32_t Sqlite3PreferencesDb::initializeUserDb(unsigned int userId) {
     auto existing = mUserDbs.find(userId);
     if (existing != mUserDbs.end() && existing->second != nullptr) {
-        if (existing->second->state == DbState::Ready) return STORE_OK;
+        if (existing->second->state == DbState::Ready) return StoreStatus::Ok;
         uninitializeUserDb(userId);
     }
     UserDb& record = userDbRecord(userId);
@@ -867,7 +872,7 @@ int32_t Sqlite3PreferencesDb::initializeUserDb(unsigned int userId) {
         ALOGE("Failed to open db for %d, path %s: error: %d, %s", userId, path.c_str(),
               SQLITE_CANTOPEN, sqlite3_errstr(SQLITE_CANTOPEN));
         Telemetry::report("userdbinit_error");
-        return STORE_OPEN_FAILED;
+        return StoreStatus::OpenFailed;
     }
     const int opened = sqlite3_open(path.c_str(), &record.db);
     if (opened != SQLITE_OK) {
@@ -876,7 +881,7 @@ int32_t Sqlite3PreferencesDb::initializeUserDb(unsigned int userId) {
         Telemetry::report("userdbinit_error");
         sqlite3_close(record.db);
         record.db = nullptr;
-        return STORE_OPEN_FAILED;
+        return StoreStatus::OpenFailed;
     }
     // Opening creates the file when it was missing.
     if (mBatchUserIds.has_value() &&
@@ -884,43 +889,43 @@ int32_t Sqlite3PreferencesDb::initializeUserDb(unsigned int userId) {
         mBatchUserIds->push_back(userId);
     }
     sqlite3_commit_hook(record.db, &Sqlite3PreferencesDb::countCommit, &record);
-    if (configureUserCache(userId) != STORE_OK) {
+    if (configureUserCache(userId) != StoreStatus::Ok) {
         ALOGE("Unable to configure cache for %d", userId);
         Telemetry::report("userdbinit_error_cache");
     }
     configureDurability(record.db, PreferenceScope::User, userId);
     const int32_t result = createUserTable(userId);
-    if (result != STORE_OK) {
+    if (result != StoreStatus::Ok) {
         ALOGE("Failed to create user DB table for: %d.", userId);
         Telemetry::report("userdbinit_error_table");
         return result;
     }
-    if (initializePreparedStatementsForUserDb(userId) != STORE_OK) {
+    if (initializePreparedStatementsForUserDb(userId) != StoreStatus::Ok) {
         ALOGE("Failed to initialize prepared statements for: %d.", userId);
         Telemetry::report("userdbinit_error_preparedstatements");
-        return STORE_CREATE_FAILED;
+        return StoreStatus::CreateFailed;
     }
     record.state = DbState::Ready;
-    return STORE_OK;
+    return StoreStatus::Ok;
 }
 
 int32_t Sqlite3PreferencesDb::configureUserCache(unsigned int userId) {
     sqlite3* db = userDbRecord(userId).db;
-    if (executeRawQuery(kQueryCacheSize, db, PreferenceScope::User) != STORE_OK ||
-        executeRawQuery(kQueryPageSize, db, PreferenceScope::User) != STORE_OK) {
+    if (executeRawQuery(kQueryCacheSize, db, PreferenceScope::User) != StoreStatus::Ok ||
+        executeRawQuery(kQueryPageSize, db, PreferenceScope::User) != StoreStatus::Ok) {
         ALOGE("Unable to configure database cache size for %d. ", userId);
-        return STORE_FAILED;
+        return StoreStatus::Failed;
     }
-    return STORE_OK;
+    return StoreStatus::Ok;
 }
 
 int32_t Sqlite3PreferencesDb::createUserTable(unsigned int userId) {
     if (executeRawQuery(kQueryCreateUserValuesTable, userDbRecord(userId).db,
                         PreferenceScope::User) != 0) {
         ALOGE("Failed to create values table in DB: %d.", userId);
-        return STORE_CREATE_FAILED;
+        return StoreStatus::CreateFailed;
     }
-    return STORE_OK;
+    return StoreStatus::Ok;
 }
 
 int32_t Sqlite3PreferencesDb::initializePreparedStatementsForUserDb(unsigned int userId) {
@@ -929,10 +934,10 @@ int32_t Sqlite3PreferencesDb::initializePreparedStatementsForUserDb(unsigned int
         if (sqlite3_prepare_v2(record.db, StatementTexts::kUser[i].sql, -1, &record.statements[i],
                                nullptr) != SQLITE_OK) {
             ALOGE("Error initializing prepared statements for %d.", userId);
-            return STORE_CREATE_FAILED;
+            return StoreStatus::CreateFailed;
         }
     }
-    return STORE_OK;
+    return StoreStatus::Ok;
 }
 
 void Sqlite3PreferencesDb::uninitializePreparedStatementsForUserDb(unsigned int userId) {
@@ -946,20 +951,20 @@ int32_t Sqlite3PreferencesDb::uninitializeUserDb(unsigned int userId) {
     auto found = mUserDbs.find(userId);
     if (found == mUserDbs.end() || found->second == nullptr) {
         ALOGE("Could not find an existing database connection for: %d", userId);
-        return STORE_USER_DB_GONE;
+        return StoreStatus::UserDbGone;
     }
     UserDb& record = *found->second;
     record.values.clear();
-    if (record.state == DbState::Closed) return STORE_OK;
+    if (record.state == DbState::Closed) return StoreStatus::Ok;
     uninitializePreparedStatementsForUserDb(userId);
     if (sqlite3_close(record.db) != SQLITE_OK) {
         ALOGE("Failed to close db %d.", userId);
         Telemetry::report("userdb_error_shutdown");
-        return STORE_CLOSE_FAILED;
+        return StoreStatus::CloseFailed;
     }
     record.db = nullptr;
     record.state = DbState::Closed;
-    return STORE_OK;
+    return StoreStatus::Ok;
 }
 
 bool Sqlite3PreferencesDb::removeFile(const std::string& path, bool mustExist) {
@@ -975,7 +980,7 @@ int32_t Sqlite3PreferencesDb::deleteUserData(unsigned int userId) {
     if (found != mUserDbs.end() && found->second != nullptr &&
         found->second->state != DbState::Closed) {
         const int32_t result = uninitializeUserDb(userId);
-        if (result != STORE_OK) {
+        if (result != StoreStatus::Ok) {
             ALOGE("Unable to uninitialize user DB for %d, in preparation for deleting the db",
                   userId);
             return result;
@@ -984,58 +989,58 @@ int32_t Sqlite3PreferencesDb::deleteUserData(unsigned int userId) {
     // Whatever is left of the files, the directory is read again when next needed.
     mBatchUserIds.reset();
     const std::string path = getUserDbPath(userId);
-    if (!removeFile(path, true)) return STORE_USER_DB_GONE;
+    if (!removeFile(path, true)) return StoreStatus::UserDbGone;
     // A journal or WAL file left behind would be applied to a later database of the same name.
-    int32_t result = STORE_OK;
+    int32_t result = StoreStatus::Ok;
     for (const char* suffix : kCompanionSuffixes) {
-        if (!removeFile(path + suffix, false)) result = STORE_USER_DB_GONE;
+        if (!removeFile(path + suffix, false)) result = StoreStatus::UserDbGone;
     }
     return result;
 }
 
 int32_t Sqlite3PreferencesDb::updateUserList(const std::vector<int>& userIds) {
     std::vector<unsigned int> existing;
-    if (!getUserIdsForExistingDbs(existing)) return STORE_FAILED;
+    if (!getUserIdsForExistingDbs(existing)) return StoreStatus::Failed;
     const std::unordered_set<int> present(userIds.begin(), userIds.end());
     for (unsigned int userId : existing) {
         if (present.count(static_cast<int>(userId)) != 0) continue;
         const int32_t result = deleteUserData(userId);
-        if (result != STORE_OK) {
+        if (result != StoreStatus::Ok) {
             ALOGW("Failed to delete data: %d", userId);
             return result;
         }
     }
-    return STORE_OK;
+    return StoreStatus::Ok;
 }
 
 // ---- Dropping tables and resetting ----
 
 int32_t Sqlite3PreferencesDb::dropSystemTables() {
-    if (mSystemDb == nullptr || mSystemDb->state != DbState::Ready) return STORE_NOT_OPEN;
+    if (mSystemDb == nullptr || mSystemDb->state != DbState::Ready) return StoreStatus::NotOpen;
     for (const char* drop : kQueryDropSystemTables) {
-        if (executeRawQuery(drop, mSystemDb->db, PreferenceScope::System) != STORE_OK)
-            return STORE_FAILED;
+        if (executeRawQuery(drop, mSystemDb->db, PreferenceScope::System) != StoreStatus::Ok)
+            return StoreStatus::Failed;
     }
-    return STORE_OK;
+    return StoreStatus::Ok;
 }
 
 int32_t Sqlite3PreferencesDb::dropTablesForUser(unsigned int userId) {
     const int32_t result = initializeUserDb(userId);
-    if (result != STORE_OK) return result;
+    if (result != StoreStatus::Ok) return result;
     return executeRawQuery(kQueryDropUserValuesTable, userDbRecord(userId).db,
                            PreferenceScope::User);
 }
 
 int32_t Sqlite3PreferencesDb::dropTables() {
     int32_t result = dropSystemTables();
-    if (result != STORE_OK) ALOGE("Unable to drop system tables.");
+    if (result != StoreStatus::Ok) ALOGE("Unable to drop system tables.");
     std::vector<unsigned int> userIds;
-    if (!getUserIdsForExistingDbs(userIds)) return STORE_FAILED;
+    if (!getUserIdsForExistingDbs(userIds)) return StoreStatus::Failed;
     for (unsigned int userId : userIds) {
         const int32_t dropped = dropTablesForUser(userId);
-        if (dropped != STORE_OK) {
+        if (dropped != StoreStatus::Ok) {
             ALOGE("Unable to dump user database");
-            if (result == STORE_OK) result = dropped;
+            if (result == StoreStatus::Ok) result = dropped;
         }
     }
     return result;
@@ -1043,23 +1048,23 @@ int32_t Sqlite3PreferencesDb::dropTables() {
 
 int32_t Sqlite3PreferencesDb::reset() {
     int32_t result = resetPreparedStatements();
-    if (result != STORE_OK) {
+    if (result != StoreStatus::Ok) {
         ALOGE("Unable to reset DBs; failed to reset prepared statement(s), blocking dropping of "
               "tables.");
         return result;
     }
     result = dropTables();
-    if (result != STORE_OK) {
+    if (result != StoreStatus::Ok) {
         ALOGE("Unable to reset DBs; failed to drop table(s).");
         return result;
     }
     result = uninitialize();
-    if (result != STORE_OK) {
+    if (result != StoreStatus::Ok) {
         ALOGE("Unable to reset DBs; failed to uninitialize.");
         return result;
     }
     result = initialize();
-    if (result != STORE_OK) ALOGE("Unable to reset DBs; failed to reinitialize.");
+    if (result != StoreStatus::Ok) ALOGE("Unable to reset DBs; failed to reinitialize.");
     return result;
 }
 

@@ -39,6 +39,8 @@ namespace Halo::OS {
 // database (PreferencesValueCache) until that database commits a write. Every answer is the one
 // the database gives.
 //
+// Results are StoreStatus codes, named without their prefix in the comments below.
+//
 // Thread safety: none. The owner (the key manager) serialises all calls under its main mutex;
 // SQLite connections are used from whichever thread holds it. uninitialize() (and so the
 // destructor and reset()) calls sqlite3_shutdown(), so no other SQLite connection of the process
@@ -229,17 +231,17 @@ private:
     // connection of `userId` (null when none is given, logged) -- an absent user gets an empty
     // record, so the result is null until that user's database is opened. Null for other scopes.
     sqlite3* getDbForScope(PreferenceScope scope, const std::optional<unsigned int>& userId);
-    // Runs SQL text (several statements allowed) without result rows on `db`; STORE_NOT_OPEN when
-    // `db` is null, STORE_FAILED (logged and reported) when SQLite fails.
+    // Runs SQL text (several statements allowed) without result rows on `db`; NotOpen when
+    // `db` is null, Failed (logged and reported) when SQLite fails.
     int32_t executeRawQuery(const char* sql, sqlite3* db, PreferenceScope scopeForLogs);
     // sqlite3_reset (result ignored) and sqlite3_clear_bindings; a null statement succeeds.
     bool resetPreparedStatement(sqlite3_stmt* statement);
     // Resets every prepared statement of the system database and of the open user databases;
-    // STORE_CREATE_FAILED at the first one that cannot be cleared.
+    // CreateFailed at the first one that cannot be cleared.
     int32_t resetPreparedStatements();
     // Opens a user's database (a no-op when it is open); a half-open one is closed first.
     int32_t initializeUserDb(unsigned int userId);
-    // STORE_USER_DB_GONE when the user has no record; STORE_OK when it is closed already.
+    // UserDbGone when the user has no record; Ok when it is closed already.
     int32_t uninitializeUserDb(unsigned int userId);
     int32_t dropTables();
     int32_t dropSystemTables();
@@ -258,8 +260,8 @@ private:
                                              const std::optional<std::string>& ownerPackage,
                                              const std::string& key,
                                              const std::optional<std::string>& defaultValue);
-    // Type, owner and default (absent when NULL) of an existing key; STORE_UNKNOWN_KEY for an
-    // unknown key, STORE_FAILED on failure, each logged and reported as a failure to read the type,
+    // Type, owner and default (absent when NULL) of an existing key; UnknownKey for an
+    // unknown key, Failed on failure, each logged and reported as a failure to read the type,
     // the owner or the default.
     int32_t getPreferenceConfiguration(const std::string& key, Type& type,
                                        std::optional<unsigned int>& ownerUid,
@@ -267,7 +269,7 @@ private:
                                        std::optional<std::string>& defaultValue);
     int32_t updatePreferenceScope(const std::string& key, PreferenceScope scope);
     int32_t updatePreferenceType(const std::string& key, Type type);
-    // Owner uid and name both given or both absent (else STORE_OWNER_REFUSED); STORE_UNKNOWN_KEY
+    // Owner uid and name both given or both absent (else OwnerRefused); UnknownKey
     // for an unknown key.
     int32_t setPreferenceOwner(const std::string& key, const std::optional<unsigned int>& uid,
                                const std::optional<std::string>& packageName);
@@ -280,7 +282,7 @@ private:
     int32_t markPreferencesReferencedOnlyByPackageForExpiration(unsigned int uid,
                                                                 const std::string& packageName);
     // Whether some key on which the package holds a permission has no expiry or one still to
-    // come; STORE_FAILED (logged) when that cannot be read.
+    // come; Failed (logged) when that cannot be read.
     int32_t findUnexpiredKey(unsigned int uid, const std::string& packageName, bool& found);
     int32_t clearExpiration(const std::string& key);
     // Appends (key, scope) of every key whose expiry time has passed.
@@ -293,7 +295,7 @@ private:
     int32_t getCurrentValue(const std::string& key, PreferenceScope scope,
                             const std::optional<unsigned int>& userId,
                             std::optional<std::string>& value);
-    // The default value only; STORE_UNKNOWN_KEY for an unknown key, STORE_FAILED when it is NULL.
+    // The default value only; UnknownKey for an unknown key, Failed when it is NULL.
     int32_t getDefaultValue(const std::string& key, std::optional<std::string>& value);
     int32_t updatePreferenceValue(const std::optional<unsigned int>& userId,
                                   PreferenceValueType valueType, const std::string& key,
@@ -308,20 +310,20 @@ private:
     int32_t clearCurrentPreferenceValue(const std::optional<unsigned int>& userId,
                                         const std::string& key, PreferenceScope scope);
     int32_t deletePreferenceFromValueTables(const std::string& key, PreferenceScope scope);
-    // STORE_UNKNOWN_KEY (a warning) when there is no row.
+    // UnknownKey (a warning) when there is no row.
     int32_t deletePreferenceValueRow(const std::optional<unsigned int>& userId,
                                      const std::string& key, PreferenceScope scope);
-    // Visits every user database file: STORE_OK when some row was deleted, STORE_UNKNOWN_KEY when
+    // Visits every user database file: Ok when some row was deleted, UnknownKey when
     // none was, else the first failure.
     int32_t deletePreferenceValueRowFromUserDbs(const std::string& key);
 
     // ---- Listener rows ----
 
-    // One more than the highest listener id in use (1 when none is); STORE_FAILED when the ids are
+    // One more than the highest listener id in use (1 when none is); Failed when the ids are
     // spent. Only an empty set of ids in use is seeded from the table's highest id, so the cost
     // does not grow with the number of rows.
     int32_t getNextlistenerUuid(unsigned int& listenerId);
-    // STORE_DUPLICATE_LISTENER for a duplicate row. A stored row puts its id in use.
+    // DuplicateListener for a duplicate row. A stored row puts its id in use.
     int32_t registerListener(unsigned int listenerId, const std::string& key, unsigned int uid);
     // Deletes listener rows whose key no longer exists.
     int32_t cleanupDanglingListeners();
@@ -403,7 +405,7 @@ private:
         int step() { return mStore.step(mStatement); }
         // One step of a write of values alone (stepValueWrite); nothing is logged.
         int stepValue() { return mStore.stepValueWrite(mStatement, mScope); }
-        // Steps a statement that writes: STORE_OK, or STORE_FAILED when it was not built or
+        // Steps a statement that writes: Ok, or Failed when it was not built or
         // after logging the failed step. writeValue() steps with stepValue().
         int32_t write();
         int32_t writeValue();

@@ -74,19 +74,20 @@ void printPreferenceRow(int fd, sqlite3_stmt* statement) {
 
 int32_t Sqlite3PreferencesDb::getNextlistenerUuid(unsigned int& listenerId) {
     if (!mListenerIds.empty()) {
-        if (*mListenerIds.rbegin() == std::numeric_limits<unsigned int>::max()) return STORE_FAILED;
+        if (*mListenerIds.rbegin() == std::numeric_limits<unsigned int>::max())
+            return StoreStatus::Failed;
         listenerId = *mListenerIds.rbegin() + 1;
-        return STORE_OK;
+        return StoreStatus::Ok;
     }
     Query query = systemQuery(kMaxListenerId);
-    if (!query.built()) return STORE_FAILED;
+    if (!query.built()) return StoreStatus::Failed;
     if (query.step() != SQLITE_ROW) {
         query.logFailedStep();
-        return STORE_FAILED;
+        return StoreStatus::Failed;
     }
     // MAX() of an empty table is NULL, read as 0: the first id is 1.
     listenerId = columnUnsigned(query.statement(), 0) + 1;
-    return STORE_OK;
+    return StoreStatus::Ok;
 }
 
 int32_t Sqlite3PreferencesDb::registerPreferenceListener(unsigned int uid,
@@ -94,7 +95,7 @@ int32_t Sqlite3PreferencesDb::registerPreferenceListener(unsigned int uid,
                                                          unsigned int& listenerId) {
     unsigned int id = 0;
     int32_t result = getNextlistenerUuid(id);
-    if (result != STORE_OK) {
+    if (result != StoreStatus::Ok) {
         ALOGE("Unable to register listener; failed to get next listener UUID %d", result);
         Telemetry::report("registerpreferencelistener_error_new_uuid");
         return result;
@@ -103,59 +104,59 @@ int32_t Sqlite3PreferencesDb::registerPreferenceListener(unsigned int uid,
     mListenerIds.insert(id);
     for (const std::string& key : keys) {
         result = registerListener(id, key, uid);
-        if (result != STORE_OK) return result;
+        if (result != StoreStatus::Ok) return result;
     }
-    return STORE_OK;
+    return StoreStatus::Ok;
 }
 
 int32_t Sqlite3PreferencesDb::registerListener(unsigned int listenerId, const std::string& key,
                                                unsigned int uid) {
     Query query = systemQuery(kInsertListener, listenerId, key, uid);
-    if (!query.built()) return STORE_FAILED;
+    if (!query.built()) return StoreStatus::Failed;
     const int stepped = query.step();
     if (stepped == SQLITE_DONE) {
         mListenerIds.insert(listenerId);
-        return STORE_OK;
+        return StoreStatus::Ok;
     }
     if (isConstraintFailure(stepped)) {
         const int extended = sqlite3_extended_errcode(mSystemDb->db);
         if (extended == kExtendedForeignKeyFailure) {
             ALOGE("Unable to register listener, %s is not registered", key.c_str());
             Telemetry::report("registerpreferencelistener_error_unregister_key");
-            return STORE_UNKNOWN_KEY;
+            return StoreStatus::UnknownKey;
         }
         if (extended == kExtendedUniqueFailure) {
             ALOGE("Unable to insert duplicate listener, %s", key.c_str());
             Telemetry::report("registerpreferencelistener_error_duplicate_listener");
-            return STORE_DUPLICATE_LISTENER;
+            return StoreStatus::DuplicateListener;
         }
     }
     query.logFailedStep();
-    return STORE_FAILED;
+    return StoreStatus::Failed;
 }
 
 int32_t Sqlite3PreferencesDb::unregisterPreferenceListener(unsigned int uid,
                                                            unsigned int listenerId) {
     Query query = systemQuery(kDeleteListener, uid, listenerId);
-    if (!query.built()) return STORE_FAILED;
+    if (!query.built()) return StoreStatus::Failed;
     if (query.step() != SQLITE_DONE) {
         query.logFailedStep();
         Telemetry::report("unregisterpreferencelistener_error");
-        return STORE_FAILED;
+        return StoreStatus::Failed;
     }
     // Also the id of a listener without rows is free from now on.
     mListenerIds.erase(listenerId);
     if (changedRows(PreferenceScope::System, std::nullopt) == 0) {
         Telemetry::report("unregisterpreferencelistener_error");
-        return STORE_NO_LISTENER;
+        return StoreStatus::NoListener;
     }
-    return STORE_OK;
+    return StoreStatus::Ok;
 }
 
 int32_t Sqlite3PreferencesDb::getPreferenceListenersForKey(
         const std::string& key, std::vector<std::pair<unsigned int, unsigned int>>& listeners) {
     Query query = systemQuery(kListenersOfKey, key);
-    if (!query.built()) return STORE_FAILED;
+    if (!query.built()) return StoreStatus::Failed;
     int stepped;
     while ((stepped = query.step()) == SQLITE_ROW) {
         listeners.emplace_back(columnUnsigned(query.statement(), 0),
@@ -163,24 +164,24 @@ int32_t Sqlite3PreferencesDb::getPreferenceListenersForKey(
     }
     if (stepped != SQLITE_DONE) {
         query.logFailedStep();
-        return STORE_FAILED;
+        return StoreStatus::Failed;
     }
-    return STORE_OK;
+    return StoreStatus::Ok;
 }
 
 int32_t Sqlite3PreferencesDb::getPreferenceListenersIdsForPackage(
         unsigned int uid, std::vector<unsigned int>& listenerIds) {
     Query query = systemQuery(kListenerIdsOfPackage, uid);
-    if (!query.built()) return STORE_FAILED;
+    if (!query.built()) return StoreStatus::Failed;
     int stepped;
     while ((stepped = query.step()) == SQLITE_ROW) {
         listenerIds.push_back(columnUnsigned(query.statement(), 0));
     }
     if (stepped != SQLITE_DONE) {
         query.logFailedStep();
-        return STORE_FAILED;
+        return StoreStatus::Failed;
     }
-    return STORE_OK;
+    return StoreStatus::Ok;
 }
 
 int32_t Sqlite3PreferencesDb::cleanupDanglingListeners() {
@@ -192,11 +193,11 @@ int32_t Sqlite3PreferencesDb::cleanupDanglingListeners() {
 int32_t Sqlite3PreferencesDb::dumpDatabases(int fd) {
     dprintf(fd, "=== Start of Sqlite3PreferencesDb dump ===\n");
     const int32_t system = dumpSystemDb(fd);
-    if (system != STORE_OK) ALOGE("Unable to dump system DB.");
+    if (system != StoreStatus::Ok) ALOGE("Unable to dump system DB.");
     const int32_t users = dumpUserDbs(fd);
-    if (users != STORE_OK) ALOGE("Unable to dump user DB(s).");
+    if (users != StoreStatus::Ok) ALOGE("Unable to dump user DB(s).");
     dprintf(fd, "\n=== End of Sqlite3PreferencesDb dump ===\n");
-    return system != STORE_OK ? system : users;
+    return system != StoreStatus::Ok ? system : users;
 }
 
 int32_t Sqlite3PreferencesDb::dumpSystemDb(int fd) {
@@ -208,9 +209,9 @@ int32_t Sqlite3PreferencesDb::dumpSystemDb(int fd) {
     const int32_t listeners = dumpListenersTable(fd);
     dprintf(fd, "=== End of system DB dump ===\n");
     for (int32_t result : {listeners, values, permissions, preferences, packages}) {
-        if (result != STORE_OK) return result;
+        if (result != StoreStatus::Ok) return result;
     }
-    return STORE_OK;
+    return StoreStatus::Ok;
 }
 
 int32_t Sqlite3PreferencesDb::dumpUserDbs(int fd) {
@@ -218,14 +219,14 @@ int32_t Sqlite3PreferencesDb::dumpUserDbs(int fd) {
     if (!getUserIdsForExistingDbs(userIds)) {
         dprintf(fd, "Error encountered while dumping table %s: %s.\n", "User Values",
                 "Unable to get user IDs");
-        return STORE_FAILED;
+        return StoreStatus::Failed;
     }
-    int32_t result = STORE_OK;
+    int32_t result = StoreStatus::Ok;
     for (unsigned int userId : userIds) {
         const int32_t dumped = dumpUserDb(userId, fd);
-        if (dumped != STORE_OK) {
+        if (dumped != StoreStatus::Ok) {
             ALOGE("Unable to dump user database for user");
-            if (result == STORE_OK) result = dumped;
+            if (result == StoreStatus::Ok) result = dumped;
         }
     }
     return result;
@@ -234,7 +235,7 @@ int32_t Sqlite3PreferencesDb::dumpUserDbs(int fd) {
 int32_t Sqlite3PreferencesDb::dumpUserDb(unsigned int userId, int fd) {
     dprintf(fd, "\n=== Start of user %u DB dump ===\n", userId);
     const int32_t result = dumpValuesTable(userId, PreferenceScope::User, fd);
-    if (result != STORE_OK) ALOGE("Unable to dump user values table for user");
+    if (result != StoreStatus::Ok) ALOGE("Unable to dump user values table for user");
     dprintf(fd, "=== End of user %u DB dump ===\n", userId);
     return result;
 }
@@ -245,20 +246,20 @@ int32_t Sqlite3PreferencesDb::dumpTable(int fd, const char* title, const char* s
     Query query = systemQuery(statementId);
     if (!query.built()) {
         dprintf(fd, "Error encountered while dumping table %s.\n", title);
-        return STORE_FAILED;
+        return StoreStatus::Failed;
     }
     return dumpTableRows(fd, title, query, printRow);
 }
 
 int32_t Sqlite3PreferencesDb::dumpTableRows(int fd, const char* title, Query& query,
                                             RowPrinter printRow) {
-    int32_t result = STORE_OK;
+    int32_t result = StoreStatus::Ok;
     int stepped;
     while ((stepped = query.step()) == SQLITE_ROW) printRow(fd, query.statement());
     if (stepped != SQLITE_DONE) {
         dprintf(fd, "Error encountered while dumping table %s.\n", title);
         query.logFailedStep();
-        result = STORE_FAILED;
+        result = StoreStatus::Failed;
     }
     dprintf(fd, "=== End of %s table dump ===\n", title);
     return result;
@@ -288,10 +289,10 @@ int32_t Sqlite3PreferencesDb::dumpValuesTable(const std::optional<unsigned int>&
             ALOGE("Unable to dump user values table: no id was provided.");
             dprintf(fd, "Error encountered while dumping table %s: %s.\n", "Preferences",
                     "No user ID provided");
-            return STORE_USER_REQUIRED;
+            return StoreStatus::UserRequired;
         }
         const int32_t result = initializeUserDb(*userId);
-        if (result != STORE_OK) {
+        if (result != StoreStatus::Ok) {
             dprintf(fd, "Error encountered while dumping table %s: %s.\n", "Preferences",
                     "Unable to initialize user DB");
             return result;
@@ -301,7 +302,7 @@ int32_t Sqlite3PreferencesDb::dumpValuesTable(const std::optional<unsigned int>&
     Query query(*this, valueStatement(kValueDump, scope, dbUserId), scope, dbUserId);
     if (!query.built()) {
         dprintf(fd, "Error encountered while dumping table %s.\n", "Preferences");
-        return STORE_FAILED;
+        return StoreStatus::Failed;
     }
     return dumpTableRows(fd, title, query, printValueRow);
 }
@@ -316,7 +317,7 @@ int32_t Sqlite3PreferencesDb::dumpPreferencesTable(int fd) {
                            kQueryDumpPreferencesTable, -1, &statement, nullptr) != SQLITE_OK) {
         ALOGE("Error initializing prepared statements: kQueryDumpPreferencesTable");
         sqlite3_finalize(statement);
-        return STORE_FAILED;
+        return StoreStatus::Failed;
     }
     int32_t result;
     {

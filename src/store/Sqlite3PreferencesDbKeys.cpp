@@ -67,7 +67,7 @@ void readOwner(sqlite3_stmt* statement, int column, std::optional<unsigned int>&
 
 int32_t Sqlite3PreferencesDb::registerPackage(unsigned int uid, const std::string& packageName) {
     Query query = systemQuery(kInsertPackage, uid, packageName);
-    if (!query.built()) return STORE_FAILED;
+    if (!query.built()) return StoreStatus::Failed;
     const int stepped = query.step();
     if (isConstraintFailure(stepped)) {
         // Known package with a new schema: what only it declared expires unless re-declared.
@@ -75,28 +75,28 @@ int32_t Sqlite3PreferencesDb::registerPackage(unsigned int uid, const std::strin
     }
     if (stepped != SQLITE_DONE) {
         query.logFailedStep();
-        return STORE_FAILED;
+        return StoreStatus::Failed;
     }
-    if (changedRows(PreferenceScope::System, std::nullopt) > 0) return STORE_OK;
+    if (changedRows(PreferenceScope::System, std::nullopt) > 0) return StoreStatus::Ok;
     ALOGE("Unable to register duplicate package.");
-    return STORE_DUPLICATE_PACKAGE;
+    return StoreStatus::DuplicatePackage;
 }
 
 int32_t Sqlite3PreferencesDb::unregisterPackage(unsigned int uid, const std::string& packageName) {
-    int32_t result = STORE_OK;
+    int32_t result = StoreStatus::Ok;
     {
         Query query = systemQuery(kDeletePackage, uid, packageName);
-        if (!query.built()) return STORE_FAILED;
+        if (!query.built()) return StoreStatus::Failed;
         if (query.step() != SQLITE_DONE) {
             query.logFailedStep();
-            result = STORE_FAILED;
+            result = StoreStatus::Failed;
         } else if (changedRows(PreferenceScope::System, std::nullopt) == 0) {
             ALOGE("Unable to unregister package: package does not in packages table.");
-            result = STORE_UNKNOWN_PACKAGE;
+            result = StoreStatus::UnknownPackage;
         }
     }
     const int32_t cleared = clearPackageOwnership(uid, packageName);
-    return result != STORE_OK ? result : cleared;
+    return result != StoreStatus::Ok ? result : cleared;
 }
 
 int32_t Sqlite3PreferencesDb::clearPackageOwnership(unsigned int uid,
@@ -107,7 +107,7 @@ int32_t Sqlite3PreferencesDb::clearPackageOwnership(unsigned int uid,
 
 int32_t Sqlite3PreferencesDb::getAllPackages(PackageSet& packages) {
     Query query = systemQuery(kListPackages);
-    if (!query.built()) return STORE_FAILED;
+    if (!query.built()) return StoreStatus::Failed;
     int stepped;
     while ((stepped = query.step()) == SQLITE_ROW) {
         packages.emplace(columnUnsigned(query.statement(), 1),
@@ -115,25 +115,25 @@ int32_t Sqlite3PreferencesDb::getAllPackages(PackageSet& packages) {
     }
     if (stepped != SQLITE_DONE) {
         query.logFailedStep();
-        return STORE_FAILED;
+        return StoreStatus::Failed;
     }
-    return STORE_OK;
+    return StoreStatus::Ok;
 }
 
 int32_t Sqlite3PreferencesDb::unregisterMissingPackages(const PackageSet& present,
                                                         KeySourceDomain domain) {
     PackageSet known;
     int32_t result = getAllPackages(known);
-    if (result != STORE_OK) {
+    if (result != StoreStatus::Ok) {
         ALOGE("Failed to unregister missing packages; could not get list of all known packages.");
         return result;
     }
     for (const auto& package : known) {
         if (present.count(package) != 0 || !isPackageInDomain(package.second, domain)) continue;
         const int32_t unregistered = unregisterPackage(package.first, package.second);
-        if (unregistered != STORE_OK) {
+        if (unregistered != StoreStatus::Ok) {
             ALOGE("Unable to unregister missing package.");
-            if (result == STORE_OK) result = unregistered;
+            if (result == StoreStatus::Ok) result = unregistered;
         }
     }
     return result;
@@ -165,20 +165,20 @@ int32_t Sqlite3PreferencesDb::registerPreference(unsigned int requesterUid,
     if (static_cast<uint32_t>(scope) > static_cast<uint32_t>(PreferenceScope::Cross)) {
         ALOGE("Unable to register %s: invalid scope %u.", key.c_str(),
               static_cast<unsigned int>(scope));
-        return STORE_FAILED;
+        return StoreStatus::Failed;
     }
     PreferenceScope currentScope;
     int32_t result = getPreferenceScope(key, currentScope, true);
-    if (result == STORE_UNKNOWN_KEY) {
+    if (result == StoreStatus::UnknownKey) {
         result = insertPreferenceInPreferencesMap(scope, type, ownerUid, ownerPackage, key,
                                                   defaultValue);
-        if (result != STORE_OK) {
+        if (result != StoreStatus::Ok) {
             ALOGE("Failed to register new %s.", key.c_str());
             return result;
         }
-        return STORE_OK;
+        return StoreStatus::Ok;
     }
-    if (result != STORE_OK) {
+    if (result != StoreStatus::Ok) {
         ALOGE("Unable to register/update %s; failed to determine if exists or to get current "
               "scope. req: %s",
               key.c_str(), describeRequester(requesterUid, requesterPackage).c_str());
@@ -186,7 +186,7 @@ int32_t Sqlite3PreferencesDb::registerPreference(unsigned int requesterUid,
         return result;
     }
     result = clearExpiration(key);
-    if (result != STORE_OK) {
+    if (result != StoreStatus::Ok) {
         ALOGE("Unable to update %s; unable to clear expiration time. value will expire when it "
               "should not.",
               key.c_str());
@@ -205,13 +205,13 @@ int32_t Sqlite3PreferencesDb::insertPreferenceInPreferencesMap(
         ALOGE("Unable to insert %s; either both owner package and name or neither must be "
               "specified.",
               key.c_str());
-        return STORE_OWNER_REFUSED;
+        return StoreStatus::OwnerRefused;
     }
     Query query =
             systemQuery(kInsertPreference, key, type, scope, ownerUid, ownerPackage, defaultValue);
-    if (!query.built()) return STORE_FAILED;
+    if (!query.built()) return StoreStatus::Failed;
     const int stepped = query.step();
-    if (stepped == SQLITE_DONE) return STORE_OK;
+    if (stepped == SQLITE_DONE) return StoreStatus::Ok;
     // Every constraint failure, a type or scope outside the table's CHECK constraints included,
     // is logged as a duplicate row.
     if (isConstraintFailure(stepped)) {
@@ -219,7 +219,7 @@ int32_t Sqlite3PreferencesDb::insertPreferenceInPreferencesMap(
     } else {
         query.logFailedStep();
     }
-    return STORE_FAILED;
+    return StoreStatus::Failed;
 }
 
 // Three reads, so that a failure names the fact it could not read.
@@ -229,14 +229,14 @@ int32_t Sqlite3PreferencesDb::getPreferenceConfiguration(const std::string& key,
                                                          std::optional<std::string>& defaultValue) {
     static constexpr const char* kOperation = "getPreferenceConfiguration";
     int32_t result = getPreferenceType(key, type);
-    if (result != STORE_OK) {
+    if (result != StoreStatus::Ok) {
         ALOGE("%s, Unable to update existing %s; failed to get current type.", kOperation,
               key.c_str());
         Telemetry::report("getPreferenceConfiguration_error_retrieve_type");
         return result;
     }
     result = getPreferenceOwner(key, ownerUid, ownerPackage);
-    if (result != STORE_OK) {
+    if (result != StoreStatus::Ok) {
         ALOGE("%s, Unable to update existing %s; failed to get current owner %s.", kOperation,
               key.c_str(), std::to_string(result).c_str());
         Telemetry::report("getPreferenceConfiguration_error_retrieve_owner");
@@ -246,19 +246,19 @@ int32_t Sqlite3PreferencesDb::getPreferenceConfiguration(const std::string& key,
     // which is a valid configuration and not an error.
     Query query = systemQuery(kGetDefault, key);
     if (!query.built()) {
-        result = STORE_FAILED;
+        result = StoreStatus::Failed;
     } else {
         const int stepped = query.step();
         if (stepped == SQLITE_ROW) {
             defaultValue = columnText(query.statement(), 0);
         } else if (stepped == SQLITE_DONE) {
-            result = STORE_UNKNOWN_KEY;
+            result = StoreStatus::UnknownKey;
         } else {
             query.logFailedStep();
-            result = STORE_FAILED;
+            result = StoreStatus::Failed;
         }
     }
-    if (result != STORE_OK) {
+    if (result != StoreStatus::Ok) {
         ALOGE("%s, Unable to update existing %s; failed to get current default value.", kOperation,
               key.c_str());
         Telemetry::report("getPreferenceConfiguration_error_retrieve_default_value");
@@ -280,7 +280,7 @@ int32_t Sqlite3PreferencesDb::updateExistingPreference(
     std::optional<std::string> currentDefault;
     int32_t result = getPreferenceConfiguration(key, currentType, currentOwnerUid,
                                                 currentOwnerPackage, currentDefault);
-    if (result != STORE_OK) {
+    if (result != StoreStatus::Ok) {
         ALOGE("Unable to update %s; unable to get configuration.", key.c_str());
         Telemetry::report("updatepreference_error_update_configuration");
         return result;
@@ -288,13 +288,13 @@ int32_t Sqlite3PreferencesDb::updateExistingPreference(
     result = processPreferenceOwnerChangeRequest(requesterUid, requesterPackage, key,
                                                  currentOwnerUid, currentOwnerPackage, ownerUid,
                                                  ownerPackage);
-    if (result != STORE_OK) return result;
+    if (result != StoreStatus::Ok) return result;
     result = processPreferenceScopeChangeRequest(requesterUid, requesterPackage, key, currentScope,
                                                  scope, currentOwnerUid, currentOwnerPackage);
-    if (result != STORE_OK) return result;
+    if (result != StoreStatus::Ok) return result;
     result = processPreferenceTypeChangeRequest(requesterUid, requesterPackage, key, currentType,
                                                 type, currentOwnerUid, currentOwnerPackage);
-    if (result != STORE_OK) return result;
+    if (result != StoreStatus::Ok) return result;
     return processPreferenceDefaultValueChangeRequest(requesterUid, requesterPackage, key,
                                                       currentDefault, defaultValue, currentOwnerUid,
                                                       currentOwnerPackage);
@@ -312,11 +312,12 @@ int32_t Sqlite3PreferencesDb::processPreferenceOwnerChangeRequest(
             ALOGE("%s: Unable to update existing %s; already owned by (%s).", request.c_str(),
                   key.c_str(), describeOwner(ownerUid, ownerPackage).c_str());
             Telemetry::report("preferenceownerchange_error_already_owned");
-            return STORE_OWNER_REFUSED;
+            return StoreStatus::OwnerRefused;
         }
-        if (ownerUid == requestedOwnerUid && ownerPackage == requestedOwnerPackage) return STORE_OK;
+        if (ownerUid == requestedOwnerUid && ownerPackage == requestedOwnerPackage)
+            return StoreStatus::Ok;
         const int32_t result = setPreferenceOwner(key, requestedOwnerUid, requestedOwnerPackage);
-        if (result != STORE_OK) {
+        if (result != StoreStatus::Ok) {
             ALOGE("%s: Unable to update existing %s; failed to set new owner.", request.c_str(),
                   key.c_str());
             Telemetry::report("preferenceownerchange_error_set_owner");
@@ -324,13 +325,13 @@ int32_t Sqlite3PreferencesDb::processPreferenceOwnerChangeRequest(
         }
         ownerUid = requestedOwnerUid;
         ownerPackage = requestedOwnerPackage;
-        return STORE_OK;
+        return StoreStatus::Ok;
     }
     // The owner declares the key without claiming it any more: it gives the key up. Packages
     // that never owned the key leave its owner alone.
-    if (!isOwnedBy(ownerUid, requesterUid)) return STORE_OK;
+    if (!isOwnedBy(ownerUid, requesterUid)) return StoreStatus::Ok;
     const int32_t result = setPreferenceOwner(key, std::nullopt, std::nullopt);
-    if (result != STORE_OK) {
+    if (result != StoreStatus::Ok) {
         ALOGE("%s: Unable to update existing %s; failed to clear owner package.", request.c_str(),
               key.c_str());
         Telemetry::report("preferenceownerchange_error_clear_owner_package");
@@ -338,7 +339,7 @@ int32_t Sqlite3PreferencesDb::processPreferenceOwnerChangeRequest(
     }
     ownerUid.reset();
     ownerPackage.reset();
-    return STORE_OK;
+    return StoreStatus::Ok;
 }
 
 int32_t Sqlite3PreferencesDb::processPreferenceScopeChangeRequest(
@@ -346,24 +347,24 @@ int32_t Sqlite3PreferencesDb::processPreferenceScopeChangeRequest(
         PreferenceScope currentScope, PreferenceScope requestedScope,
         const std::optional<unsigned int>& ownerUid,
         const std::optional<std::string>& ownerPackage) {
-    if (requestedScope == currentScope) return STORE_OK;
+    if (requestedScope == currentScope) return StoreStatus::Ok;
     if (!isOwnedBy(ownerUid, requesterUid)) {
         // A non-owner declaring a shared key as a plain user key is accepted as it is.
         if (currentScope == PreferenceScope::Cross && requestedScope == PreferenceScope::User) {
-            return STORE_OK;
+            return StoreStatus::Ok;
         }
         ALOGE("Unable to update existing %s; failed to change from %s to %s, requester %s is not "
               "the owner %s",
               key.c_str(), scopeToString(currentScope), scopeToString(requestedScope),
               requesterPackage.c_str(), ownerPackage.value_or("none").c_str());
         Telemetry::report("preferencescopechange_error_not_owner");
-        return STORE_NOT_OWNER;
+        return StoreStatus::NotOwner;
     }
     ALOGW("%s: non-owning packages have different scope (%d) from that (%d) of owning package. "
           "Please correct.",
           key.c_str(), static_cast<int>(currentScope), static_cast<int>(requestedScope));
     const int32_t result = updatePreferenceScope(key, requestedScope);
-    if (result != STORE_OK) {
+    if (result != StoreStatus::Ok) {
         ALOGE("Unable to update %s; unable to update from %s to %s.", key.c_str(),
               scopeToString(currentScope), scopeToString(requestedScope));
         Telemetry::report("preferencescopechange_error_update_scope");
@@ -375,17 +376,17 @@ int32_t Sqlite3PreferencesDb::processPreferenceTypeChangeRequest(
         unsigned int requesterUid, const std::string& requesterPackage, const std::string& key,
         Type currentType, Type requestedType, const std::optional<unsigned int>& ownerUid,
         const std::optional<std::string>& ownerPackage) {
-    if (requestedType == currentType) return STORE_OK;
+    if (requestedType == currentType) return StoreStatus::Ok;
     if (!isOwnedBy(ownerUid, requesterUid)) {
         ALOGE("Unable to update existing %s; failed to change from %s to %s, requester %s is not "
               "the owner(%s).",
               key.c_str(), typeToString(currentType), typeToString(requestedType),
               requesterPackage.c_str(), ownerPackage.value_or("none").c_str());
         Telemetry::report("preferencestypechange_error_not_owner");
-        return STORE_NOT_OWNER;
+        return StoreStatus::NotOwner;
     }
     const int32_t result = updatePreferenceType(key, requestedType);
-    if (result != STORE_OK) {
+    if (result != StoreStatus::Ok) {
         ALOGE("%s, Unable to update %s; unable to update from %s to %s.",
               describeRequester(requesterUid, requesterPackage).c_str(), key.c_str(),
               typeToString(currentType), typeToString(requestedType));
@@ -400,18 +401,18 @@ int32_t Sqlite3PreferencesDb::processPreferenceDefaultValueChangeRequest(
         const std::optional<std::string>& requestedDefault,
         const std::optional<unsigned int>& ownerUid,
         const std::optional<std::string>& ownerPackage) {
-    if (requestedDefault == currentDefault) return STORE_OK;
+    if (requestedDefault == currentDefault) return StoreStatus::Ok;
     if (!isOwnedBy(ownerUid, requesterUid)) {
         ALOGE("Unable to update existing %s; failed to change default value, requester %s is not "
               "the owner (%s).",
               key.c_str(), requesterPackage.c_str(), ownerPackage.value_or("none").c_str());
         Telemetry::report("preferencedefault_error_not_owner");
-        return STORE_NOT_OWNER;
+        return StoreStatus::NotOwner;
     }
     const int32_t result = requestedDefault.has_value()
                                    ? setPreferenceDefault(key, *requestedDefault)
                                    : clearPreferenceDefault(key);
-    if (result != STORE_OK) {
+    if (result != StoreStatus::Ok) {
         ALOGE("%s: Unable to update %s; unable to update default value",
               describeRequester(requesterUid, requesterPackage).c_str(), key.c_str());
         Telemetry::report("preferencedefault_error");
@@ -421,10 +422,10 @@ int32_t Sqlite3PreferencesDb::processPreferenceDefaultValueChangeRequest(
 
 int32_t Sqlite3PreferencesDb::clearPreferenceDefault(const std::string& key) {
     Query query = systemQuery(kSetDefault, std::optional<std::string>(), key);
-    if (!query.built()) return STORE_FAILED;
+    if (!query.built()) return StoreStatus::Failed;
     const int32_t result = query.write();
-    if (result != STORE_OK) return result;
-    return changedRows(PreferenceScope::System, std::nullopt) > 0 ? 0 : STORE_UNKNOWN_KEY;
+    if (result != StoreStatus::Ok) return result;
+    return changedRows(PreferenceScope::System, std::nullopt) > 0 ? 0 : StoreStatus::UnknownKey;
 }
 
 // ---- Scope and type ----
@@ -435,31 +436,31 @@ int32_t Sqlite3PreferencesDb::getPreferenceScope(const std::string& key, Prefere
     if (cached) {
         if (const std::optional<PreferenceScope> known = mMetadata.scope(key)) {
             scope = *known;
-            return STORE_OK;
+            return StoreStatus::Ok;
         }
     }
     Query query = systemQuery(kGetScope, key);
-    if (!query.built()) return STORE_FAILED;
+    if (!query.built()) return StoreStatus::Failed;
     switch (query.step()) {
         case SQLITE_ROW:
             scope = static_cast<PreferenceScope>(sqlite3_column_int(query.statement(), 0));
             if (cached) mMetadata.setScope(key, scope);
-            return STORE_OK;
+            return StoreStatus::Ok;
         case SQLITE_DONE:
             if (!quiet) ALOGE("Unable to get scope: %s does not exist in table.", key.c_str());
-            return STORE_UNKNOWN_KEY;
+            return StoreStatus::UnknownKey;
         default:
             query.logFailedStep();
-            return STORE_FAILED;
+            return StoreStatus::Failed;
     }
 }
 
 int32_t Sqlite3PreferencesDb::updatePreferenceScope(const std::string& key, PreferenceScope scope) {
     Query query = systemQuery(kSetScope, scope, key);
-    if (!query.built()) return STORE_FAILED;
+    if (!query.built()) return StoreStatus::Failed;
     const int32_t result = query.write();
-    if (result != STORE_OK) return result;
-    return changedRows(PreferenceScope::System, std::nullopt) > 0 ? 0 : STORE_UNKNOWN_KEY;
+    if (result != StoreStatus::Ok) return result;
+    return changedRows(PreferenceScope::System, std::nullopt) > 0 ? 0 : StoreStatus::UnknownKey;
 }
 
 int32_t Sqlite3PreferencesDb::getPreferenceType(const std::string& key, Type& type) {
@@ -467,34 +468,34 @@ int32_t Sqlite3PreferencesDb::getPreferenceType(const std::string& key, Type& ty
     if (cached) {
         if (const std::optional<Type> known = mMetadata.type(key)) {
             type = *known;
-            return STORE_OK;
+            return StoreStatus::Ok;
         }
     }
     Query query = systemQuery(kGetType, key);
-    if (!query.built()) return STORE_FAILED;
+    if (!query.built()) return StoreStatus::Failed;
     switch (query.step()) {
         case SQLITE_ROW:
             type = static_cast<Type>(sqlite3_column_int(query.statement(), 0));
             if (cached) mMetadata.setType(key, type);
-            return STORE_OK;
+            return StoreStatus::Ok;
         case SQLITE_DONE:
             ALOGE("Unable to get scope: %s does not exist in table.", key.c_str());
             Telemetry::report("getpreferencetype_error_unregistered_key");
-            return STORE_UNKNOWN_KEY;
+            return StoreStatus::UnknownKey;
         default:
             query.logFailedStep();
-            return STORE_FAILED;
+            return StoreStatus::Failed;
     }
 }
 
 int32_t Sqlite3PreferencesDb::updatePreferenceType(const std::string& key, Type type) {
     Query query = systemQuery(kSetType, type, key);
-    if (!query.built()) return STORE_FAILED;
+    if (!query.built()) return StoreStatus::Failed;
     const int32_t result = query.write();
-    if (result != STORE_OK) return result;
-    if (changedRows(PreferenceScope::System, std::nullopt) > 0) return STORE_OK;
+    if (result != StoreStatus::Ok) return result;
+    if (changedRows(PreferenceScope::System, std::nullopt) > 0) return StoreStatus::Ok;
     Telemetry::report("updatepreferencetype_error_unregistered_key");
-    return STORE_UNKNOWN_KEY;
+    return StoreStatus::UnknownKey;
 }
 
 int32_t Sqlite3PreferencesDb::downGradeScopeForPackage() {
@@ -507,18 +508,18 @@ int32_t Sqlite3PreferencesDb::getPreferenceOwner(const std::string& key,
                                                  std::optional<unsigned int>& uid,
                                                  std::optional<std::string>& packageName) {
     Query query = systemQuery(kGetOwner, key);
-    if (!query.built()) return STORE_FAILED;
+    if (!query.built()) return StoreStatus::Failed;
     switch (query.step()) {
         case SQLITE_ROW:
             readOwner(query.statement(), 0, uid, packageName);
-            return STORE_OK;
+            return StoreStatus::Ok;
         case SQLITE_DONE:
             ALOGE("Unable to get owner: %s does not exist.", key.c_str());
             Telemetry::report("getpreferenceowner_error_key_not_exist");
-            return STORE_UNKNOWN_KEY;
+            return StoreStatus::UnknownKey;
         default:
             query.logFailedStep();
-            return STORE_FAILED;
+            return StoreStatus::Failed;
     }
 }
 
@@ -529,16 +530,16 @@ int32_t Sqlite3PreferencesDb::setPreferenceOwner(const std::string& key,
         ALOGE("Unable to set %s owner, either both owner id and name or neither must be "
               "specified.",
               key.c_str());
-        return STORE_OWNER_REFUSED;
+        return StoreStatus::OwnerRefused;
     }
     Query query = systemQuery(kSetOwner, uid, packageName, key);
-    if (!query.built()) return STORE_FAILED;
+    if (!query.built()) return StoreStatus::Failed;
     const int32_t result = query.write();
-    if (result != STORE_OK) return result;
-    if (changedRows(PreferenceScope::System, std::nullopt) > 0) return STORE_OK;
+    if (result != StoreStatus::Ok) return result;
+    if (changedRows(PreferenceScope::System, std::nullopt) > 0) return StoreStatus::Ok;
     ALOGE("Unable to set %s owner: key does not exist.", key.c_str());
     Telemetry::report("setpreferenceowner_error_key_not_exist");
-    return STORE_UNKNOWN_KEY;
+    return StoreStatus::UnknownKey;
 }
 
 int32_t Sqlite3PreferencesDb::clearPreferenceOwnerForNonMigrationKeys(KeySourceDomain domain) {
@@ -551,7 +552,7 @@ int32_t Sqlite3PreferencesDb::clearPreferenceOwnerForNonMigrationKeys(KeySourceD
             return runSystemWrite(kClearOwnerApplication);
     }
     ALOGE("Invalid domain %u provided to clear owners.", static_cast<unsigned int>(domain));
-    return STORE_FAILED;
+    return StoreStatus::Failed;
 }
 
 // ---- Permissions ----
@@ -562,15 +563,15 @@ int32_t Sqlite3PreferencesDb::setPreferencePermission(const std::string& key, un
     if (permission != PreferencePermission::Read && permission != PreferencePermission::ReadWrite) {
         ALOGE("%s Invalid permission provided to registering permission: %u", key.c_str(),
               static_cast<unsigned int>(permission));
-        return STORE_INVALID_PERMISSION;
+        return StoreStatus::InvalidPermission;
     }
     Query query = systemQuery(kInsertPermission, key, uid, packageName, permission);
     if (!query.built()) {
         Telemetry::report("setpreferencepermission_error_build_query");
-        return STORE_FAILED;
+        return StoreStatus::Failed;
     }
     const int stepped = query.step();
-    if (stepped == SQLITE_DONE) return STORE_OK;
+    if (stepped == SQLITE_DONE) return StoreStatus::Ok;
     // Any constraint failure is taken for an existing row and becomes an update. A missing key,
     // or a package name known under another uid (an app reinstalled under a new uid), is a
     // foreign key failure: the update then changes no row and succeeds.
@@ -579,7 +580,7 @@ int32_t Sqlite3PreferencesDb::setPreferencePermission(const std::string& key, un
     }
     query.logFailedStep();
     Telemetry::report("setpreferencepermission_error_prepared_statement");
-    return STORE_FAILED;
+    return StoreStatus::Failed;
 }
 
 int32_t Sqlite3PreferencesDb::updatePreferencePermission(const std::string& key, unsigned int uid,
@@ -588,13 +589,13 @@ int32_t Sqlite3PreferencesDb::updatePreferencePermission(const std::string& key,
     Query query = systemQuery(kUpdatePermission, permission, key, uid, packageName);
     if (!query.built()) {
         Telemetry::report("updatepreferencepermission_error_build_query");
-        return STORE_FAILED;
+        return StoreStatus::Failed;
     }
-    if (query.write() != STORE_OK) {
+    if (query.write() != StoreStatus::Ok) {
         Telemetry::report("updatepreferencepermission_error_prepared_statement");
-        return STORE_FAILED;
+        return StoreStatus::Failed;
     }
-    return STORE_OK;
+    return StoreStatus::Ok;
 }
 
 int32_t Sqlite3PreferencesDb::getPreferencePermission(const std::string& key, unsigned int uid,
@@ -603,46 +604,46 @@ int32_t Sqlite3PreferencesDb::getPreferencePermission(const std::string& key, un
     if (cached) {
         if (const std::optional<PreferencePermission> known = mMetadata.permission(key, uid)) {
             permission = *known;
-            return STORE_OK;
+            return StoreStatus::Ok;
         }
     }
     Query query = systemQuery(kGetPermission, key, uid);
     if (!query.built()) {
         Telemetry::report("getpreferencepermission_error_build_query");
-        return STORE_FAILED;
+        return StoreStatus::Failed;
     }
     if (query.step() != SQLITE_ROW) {
         query.logFailedStep();
         Telemetry::report("getpreferencepermission_error_prepared_statement");
-        return STORE_FAILED;
+        return StoreStatus::Failed;
     }
     // MAX() over no rows is NULL, read as 0: no permission.
     permission = static_cast<PreferencePermission>(sqlite3_column_int(query.statement(), 0));
     if (cached) mMetadata.setPermission(key, uid, permission);
-    return STORE_OK;
+    return StoreStatus::Ok;
 }
 
 int32_t Sqlite3PreferencesDb::clearPermissionsForPackage(unsigned int uid,
                                                          const std::string& packageName) {
     Query query = systemQuery(kClearPackagePermissions, uid, packageName);
-    if (!query.built()) return STORE_FAILED;
+    if (!query.built()) return StoreStatus::Failed;
     // Without the trigger, keys that lose their last permission here stay for the expiry sweep,
     // which also removes their values from the user databases.
-    if (dropReapOrphanedPreferencesTrigger() != STORE_OK) {
+    if (dropReapOrphanedPreferencesTrigger() != StoreStatus::Ok) {
         ALOGE("Failed to drop trigger to reap orphaned preferences prior to clearing permissions.");
-        return STORE_FAILED;
+        return StoreStatus::Failed;
     }
     const bool stepped = query.step() == SQLITE_DONE;
     if (!stepped) {
         query.logFailedStep();
         Telemetry::report("clearpreferencepermission_error_prepared_statement");
     }
-    if (createReapOrphanedPreferencesTrigger() != STORE_OK) {
+    if (createReapOrphanedPreferencesTrigger() != StoreStatus::Ok) {
         ALOGE("Failed to re-create trigger to reap orphaned preferences after clearing "
               "permissions.");
-        return STORE_FAILED;
+        return StoreStatus::Failed;
     }
-    return stepped ? STORE_OK : STORE_FAILED;
+    return stepped ? StoreStatus::Ok : StoreStatus::Failed;
 }
 
 // ---- Expiry ----
@@ -672,7 +673,7 @@ int32_t Sqlite3PreferencesDb::markPreferencesForExpiration(std::chrono::seconds 
     }
     ALOGE("Invalid domain %u provided to mark keys for expiration.",
           static_cast<unsigned int>(domain));
-    return STORE_FAILED;
+    return StoreStatus::Failed;
 }
 
 int32_t Sqlite3PreferencesDb::markOrphanedPreferencesForExpiration(std::chrono::seconds delay) {
@@ -681,14 +682,15 @@ int32_t Sqlite3PreferencesDb::markOrphanedPreferencesForExpiration(std::chrono::
 
 int32_t Sqlite3PreferencesDb::markPreferencesReferencedOnlyByPackageForExpiration(
         unsigned int uid, const std::string& packageName) {
-    if (startsWith(packageName, kLegacyPrefix)) return STORE_OK;
+    if (startsWith(packageName, kLegacyPrefix)) return StoreStatus::Ok;
     // The stamp reaches only keys on which the package holds a permission. When all of them have
     // expired already -- as every key of a restart list has, marked a moment before -- it would
     // only move the time of expiries that have passed: the sweep takes those keys either way and
     // registering one again clears its stamp either way. It is then skipped, as it costs a
     // materialisation of every other package's keys where the lookup reads this package's rows.
     bool found = true;
-    if (findUnexpiredKey(uid, packageName, found) == STORE_OK && !found) return STORE_OK;
+    if (findUnexpiredKey(uid, packageName, found) == StoreStatus::Ok && !found)
+        return StoreStatus::Ok;
     Query query = systemQuery(kExpireReferencedOnlyByPackage, uid, packageName, uid, packageName);
     return query.write();
 }
@@ -696,17 +698,17 @@ int32_t Sqlite3PreferencesDb::markPreferencesReferencedOnlyByPackageForExpiratio
 int32_t Sqlite3PreferencesDb::findUnexpiredKey(unsigned int uid, const std::string& packageName,
                                                bool& found) {
     Query query = systemQuery(kFindUnexpiredKeyOfPackage, uid, packageName);
-    if (!query.built()) return STORE_FAILED;
+    if (!query.built()) return StoreStatus::Failed;
     switch (query.step()) {
         case SQLITE_ROW:
             found = true;
-            return STORE_OK;
+            return StoreStatus::Ok;
         case SQLITE_DONE:
             found = false;
-            return STORE_OK;
+            return StoreStatus::Ok;
         default:
             query.logFailedStep();
-            return STORE_FAILED;
+            return StoreStatus::Failed;
     }
 }
 
@@ -718,7 +720,7 @@ int32_t Sqlite3PreferencesDb::clearExpiration(const std::string& key) {
 int32_t Sqlite3PreferencesDb::getExpiredPreferences(
         std::vector<std::pair<std::string, PreferenceScope>>& expired) {
     Query query = systemQuery(kListExpired);
-    if (!query.built()) return STORE_FAILED;
+    if (!query.built()) return StoreStatus::Failed;
     int stepped;
     while ((stepped = query.step()) == SQLITE_ROW) {
         expired.emplace_back(
@@ -727,9 +729,9 @@ int32_t Sqlite3PreferencesDb::getExpiredPreferences(
     }
     if (stepped != SQLITE_DONE) {
         query.logFailedStep();
-        return STORE_FAILED;
+        return StoreStatus::Failed;
     }
-    return STORE_OK;
+    return StoreStatus::Ok;
 }
 
 int32_t Sqlite3PreferencesDb::deleteExpiredPreferencesFromMapPermissions() {
@@ -739,17 +741,17 @@ int32_t Sqlite3PreferencesDb::deleteExpiredPreferencesFromMapPermissions() {
 int32_t Sqlite3PreferencesDb::unregisterExpiredPreferences() {
     std::vector<std::pair<std::string, PreferenceScope>> expired;
     int32_t result = getExpiredPreferences(expired);
-    if (result != STORE_OK) return result;
+    if (result != StoreStatus::Ok) return result;
     for (const auto& [key, scope] : expired) {
         result = deletePreferenceFromValueTables(key, scope);
-        if (result == STORE_UNKNOWN_KEY) {
+        if (result == StoreStatus::UnknownKey) {
             ALOGW("Unable to unregister %s: not found.", key.c_str());
-        } else if (result != STORE_OK) {
+        } else if (result != StoreStatus::Ok) {
             return result;
         }
     }
     result = deleteExpiredPreferencesFromMapPermissions();
-    if (result != STORE_OK) return result;
+    if (result != StoreStatus::Ok) return result;
     return cleanupDanglingListeners();
 }
 
