@@ -668,6 +668,85 @@ int PreferencesKeyManager::reset(const std::string& key) {
     return result;
 }
 
+// ---- Listing and describing keys ----
+
+bool PreferencesKeyManager::mayWriteAsOs(uid_t uid) const {
+    return isPrivilegedAppId(uid) ||
+           android::PermissionCache::checkCallingPermission(writePermissionName());
+}
+
+int PreferencesKeyManager::checkReadCall(uid_t uid, const char* operation,
+                                         const std::string& detail) const {
+    if (!isPrivilegedAppId(uid) && checkOsReadPermission() != KeyManagerStatus::Ok) {
+        ALOGE("%s - %d: %s denied, make sure app has set permission in AndroidManifest.xml",
+              detail.c_str(), static_cast<int>(uid), operation);
+        return KeyManagerStatus::OsPermissionDenied;
+    }
+    if (refuseUnknownUser(multiuser_get_user_id(uid), operation, detail)) {
+        return KeyManagerStatus::ReadRefused;
+    }
+    return KeyManagerStatus::Ok;
+}
+
+int PreferencesKeyManager::describeLocked(const IPreferencesDb::PreferenceDefinition& definition,
+                                          uid_t uid, bool osWrite, KeyDescription& out) {
+    bool rowReadFailed = false;
+    const Access read = checkKeyAccessLocked(definition.key, uid, /*write=*/false, &rowReadFailed);
+    if (read.status != KeyManagerStatus::Ok) return read.status;
+    // A declared type outside the value types fails every typed get.
+    if (definition.type >= Type::NoType) return KeyManagerStatus::ReadRefused;
+    const Access write = checkKeyAccessLocked(definition.key, uid, /*write=*/true, &rowReadFailed);
+    const bool writable = osWrite && write.status == KeyManagerStatus::Ok;
+    out = KeyDescription{definition.key,          definition.type,         definition.scope,
+                         definition.defaultValue, definition.ownerPackage, writable};
+    return KeyManagerStatus::Ok;
+}
+
+int PreferencesKeyManager::listKeys(const std::string& ownerPackage,
+                                    std::vector<KeyDescription>& out) {
+    const uid_t uid = getCallingUid();
+    if (const int refused = checkReadCall(uid, "listKeys", ownerPackage);
+        refused != KeyManagerStatus::Ok) {
+        return refused;
+    }
+    const bool osWrite = mayWriteAsOs(uid);
+    std::vector<KeyDescription> described;
+    {
+        TimedLock lock(*this, "listKeys", ownerPackage);
+        std::vector<IPreferencesDb::PreferenceDefinition> definitions;
+        if (mDb->getPreferenceDefinitions(std::nullopt, definitions) != 0) {
+            return KeyManagerStatus::ReadRefused;
+        }
+        for (const IPreferencesDb::PreferenceDefinition& definition : definitions) {
+            if (!ownerPackage.empty() && definition.ownerPackage != ownerPackage) continue;
+            KeyDescription description;
+            if (describeLocked(definition, uid, osWrite, description) == KeyManagerStatus::Ok) {
+                described.push_back(std::move(description));
+            }
+        }
+    }
+    out = std::move(described);
+    return KeyManagerStatus::Ok;
+}
+
+int PreferencesKeyManager::describeKey(const std::string& key, KeyDescription& out) {
+    const uid_t uid = getCallingUid();
+    if (const int refused = checkReadCall(uid, "describeKey", key);
+        refused != KeyManagerStatus::Ok) {
+        return refused;
+    }
+    const bool osWrite = mayWriteAsOs(uid);
+    TimedLock lock(*this, "describeKey", key);
+    bool rowReadFailed = false;
+    // The key permission first, as in a get: an app learns nothing about a key it may not read,
+    // not even whether it is declared.
+    const Access access = checkKeyAccessLocked(key, uid, /*write=*/false, &rowReadFailed);
+    if (access.status != KeyManagerStatus::Ok) return access.status;
+    std::vector<IPreferencesDb::PreferenceDefinition> definitions;
+    if (mDb->getPreferenceDefinitions(key, definitions) != 0) return KeyManagerStatus::ReadRefused;
+    return describeLocked(definitions.front(), uid, osWrite, out);
+}
+
 // ---- Change notification ----
 
 std::string PreferencesKeyManager::stringJoin(const std::vector<std::string>& items,

@@ -134,6 +134,34 @@ public:
     // "not declared yet" (a fresh store) from a refused read.
     bool isDeclared(const std::string& key) EXCLUDES(mMutex);
 
+    // ---- Listing and describing keys ----
+
+    // What listKeys and describeKey tell about one key: its definition, and whether the caller
+    // may write it (the OS write permission, unless privileged, and the key permission of a
+    // write in the caller's own user).
+    struct KeyDescription {
+        std::string key;
+        Type type = Type::NoType;
+        PreferencesKeyInfo::PreferenceScope scope = PreferencesKeyInfo::PreferenceScope::System;
+        std::optional<std::string> defaultValue;
+        std::optional<std::string> ownerPackage;
+        bool writable = false;
+    };
+
+    // Replaces `out` with the keys that the caller could read one at a time with get in its own
+    // user, in key order; with a non-empty `ownerPackage`, only the keys that package owns.
+    // Refused as a get is before it looks at any key: OsPermissionDenied without the OS read
+    // permission (unless privileged), ReadRefused when the caller's user is not a user of the
+    // device or the store cannot list its keys.
+    int listKeys(const std::string& ownerPackage, std::vector<KeyDescription>& out)
+            EXCLUDES(mMutex);
+    // Describes `key` for a caller that get would let read it, else refuses with get's code for
+    // the same key: OsPermissionDenied; ReadRefused (unknown user; key not declared, for callers
+    // that pass the key permission step; permission row unreadable); KeyPermissionDenied (no
+    // read permission on the key, including an undeclared key for an app). `out` is only
+    // written on success.
+    int describeKey(const std::string& key, KeyDescription& out) EXCLUDES(mMutex);
+
     // ---- Change notification ----
 
     // Registers `listener` for `keys` for the calling app. OsPermissionDenied without the OS read
@@ -247,6 +275,16 @@ private:
     Access checkKeyAccessLocked(const std::string& key, uid_t uid, bool write, bool* rowReadFailed)
             REQUIRES(mMutex);
     bool isPrivilegedAppId(uid_t uid) const;
+    // The checks of a get that do not depend on the key, for `uid` calling `operation`: Ok,
+    // OsPermissionDenied or ReadRefused.
+    int checkReadCall(uid_t uid, const char* operation, const std::string& detail) const;
+    // Describes `definition` for `uid` when get would let it read the key; otherwise returns
+    // get's refusal code and leaves `out` alone. `osWrite`: the caller may write as far as the
+    // OS permission goes.
+    int describeLocked(const IPreferencesDb::PreferenceDefinition& definition, uid_t uid,
+                       bool osWrite, KeyDescription& out) REQUIRES(mMutex);
+    // The OS write-permission check, without the log line and telemetry of a refused write.
+    bool mayWriteAsOs(uid_t uid) const;
     // True, with a log line naming `operation` and `key`, when `userId` is not a user of the
     // device (see userList).
     bool refuseUnknownUser(unsigned int userId, const char* operation, const std::string& key) const
