@@ -171,8 +171,8 @@ public:
         std::optional<std::string> defaultValue;
     };
     // Appends the definition of every declared key, expired or not, in ascending key order; with
-    // `key`, only that key's (-8 when it is not declared). -1 when the query fails, -3 when the
-    // system database is not open.
+    // `key`, only that key's (UnknownKey when it is not declared). Failed when the query fails
+    // (logged), NotOpen when the system database is not open.
     virtual int32_t getPreferenceDefinitions(const std::optional<std::string>& key,
                                              std::vector<PreferenceDefinition>& definitions) = 0;
 };

@@ -235,6 +235,14 @@ struct Sqlite3PreferencesDb::StatementTexts {
              "permissions.package_uid = ? AND permissions.package_name = ? AND NOT "
              "coalesce(strftime('%s', 'now') - strftime('%s', preferences.expires_at) >= 0, 0) "
              "LIMIT 1"},
+            // every key's definition, and one key's (the owner's name only counts with an owner
+            // uid: clearing a package's ownership leaves the name behind)
+            {kListDefinitions,
+             "SELECT key, type, scope, CASE WHEN owner_package_uid IS NULL THEN NULL ELSE "
+             "owner_package_name END, default_value FROM preferences ORDER BY key"},
+            {kGetDefinition,
+             "SELECT key, type, scope, CASE WHEN owner_package_uid IS NULL THEN NULL ELSE "
+             "owner_package_name END, default_value FROM preferences WHERE key = ?"},
     };
     static constexpr Value kUser[] = {
             {kValueInsertRow, "INSERT INTO preference_values (key) VALUES (?)"},

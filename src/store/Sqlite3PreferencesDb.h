@@ -194,6 +194,8 @@ private:
         kUserVersion,
         kHasMigrationColumn,
         kFindUnexpiredKeyOfPackage,
+        kListDefinitions,
+        kGetDefinition,
         kSystemStatementCount,
     };
 
