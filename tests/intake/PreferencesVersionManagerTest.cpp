@@ -29,38 +29,24 @@ protected:
         const std::string check = version == 0 ? "" : " CHECK(type >= 0 AND type < 6)";
         sqlRows(systemDb(),
                 "CREATE TABLE packages (package_uid INTEGER NOT NULL, package_name TEXT NOT NULL "
-                "PRIMARY KEY);"
-                "CREATE TABLE preferences (key TEXT PRIMARY KEY, type INTEGER" +
+                "PRIMARY KEY); CREATE TABLE preferences (key TEXT PRIMARY KEY, type INTEGER" +
                         check +
                         ", scope INTEGER, owner_package_uid INTEGER, owner_package_name TEXT, "
-                        "default_value TEXT, expires_at TEXT);"
-                        "CREATE TABLE permissions (key TEXT, package_uid INTEGER, package_name "
-                        "TEXT, "
-                        "permission INTEGER);"
-                        "CREATE TABLE preference_values (key TEXT PRIMARY KEY, current_value TEXT);"
-                        "INSERT INTO packages VALUES (10057, 'com.example.weather');"
+                        "default_value TEXT, expires_at TEXT); CREATE TABLE permissions (key "
+                        "TEXT, package_uid INTEGER, package_name TEXT, permission INTEGER); "
+                        "CREATE TABLE preference_values (key TEXT PRIMARY KEY, current_value "
+                        "TEXT); INSERT INTO packages VALUES (10057, 'com.example.weather'); "
                         "INSERT INTO preferences VALUES ('units', 2, 0, 10057, "
-                        "'com.example.weather', "
-                        "'metric', NULL);"
-                        "INSERT INTO permissions VALUES ('units', 10057, 'com.example.weather', 2);"
-                        "INSERT INTO preference_values VALUES ('units', 'imperial');"
-                        "PRAGMA user_version=" +
-                        std::to_string(version) + ";");
+                        "'com.example.weather', 'metric', NULL); INSERT INTO permissions VALUES "
+                        "('units', 10057, 'com.example.weather', 2); INSERT INTO "
+                        "preference_values VALUES ('units', 'imperial'); PRAGMA user_version=" +
+                        std::to_string(version));
     }
     std::vector<std::string> columns() {
         return sqlRows(systemDb(), "SELECT name FROM pragma_table_info('preferences')");
     }
     std::optional<std::string> version() { return value(Manager::kVersionKey, Type::Integer); }
 };
-
-// A fresh store has no version key yet; that is no error.
-TEST_F(PreferencesVersionManagerTest, FreshStoreIsUpgradedWithoutErrorLines) {
-    start();
-    LogCapture log;
-    ASSERT_TRUE(Manager(mManager).upgradeToLatestVersion());
-    EXPECT_FALSE(log.contains("PreferencesService E")) << log.text();
-    EXPECT_EQ("2", version());
-}
 
 TEST_F(PreferencesVersionManagerTest, VersionZeroStoreGoesThroughBothStepsOnce) {
     writeOldStore(0);

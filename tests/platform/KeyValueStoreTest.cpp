@@ -1,7 +1,6 @@
 #include "keyvaluestore/KeyValueStore.h"
 
 #include <gtest/gtest.h>
-#include <sqlite3.h>
 
 #include <filesystem>
 #include <fstream>
@@ -10,12 +9,14 @@
 #include <vector>
 
 #include "support/LogCapture.h"
+#include "support/SqlRows.h"
 #include "support/TempDir.h"
 
 namespace Halo::OS {
 namespace {
 
 using testing::LogCapture;
+using testing::sqlRows;
 using testing::TempDir;
 
 std::string readAll(const std::string& path) {
@@ -26,14 +27,6 @@ std::string readAll(const std::string& path) {
 
 void writeAll(const std::string& path, const std::string& bytes) {
     std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
-}
-
-// Runs SQL on a file directly, as the legacy writer or another program would.
-void execSql(const std::string& path, const std::string& sql) {
-    sqlite3* db = nullptr;
-    ASSERT_EQ(SQLITE_OK, sqlite3_open(path.c_str(), &db));
-    EXPECT_EQ(SQLITE_OK, sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr));
-    sqlite3_close(db);
 }
 
 TEST(KeyValueStoreTest, ValuesRoundTripAndSurviveReopening) {
@@ -65,7 +58,7 @@ TEST(KeyValueStoreTest, ReadsAndUpdatesTablesOfTheLegacyWriter) {
     TempDir dir;
     const std::string path = dir.file("system.db");
     // No uniqueness on the key, an integer value and a NULL value, as older writers left them.
-    execSql(path,
+    sqlRows(path,
             "CREATE TABLE system_settings (key TEXT, value TEXT); CREATE TABLE other (x);"
             "INSERT INTO system_settings VALUES ('brightness', 15), ('wake_word', NULL);");
     {
@@ -76,18 +69,8 @@ TEST(KeyValueStoreTest, ReadsAndUpdatesTablesOfTheLegacyWriter) {
         EXPECT_TRUE(store.set("brightness", "20"));
         EXPECT_TRUE(store.set("new_key", "1"));
     }
-    sqlite3* db = nullptr;
-    ASSERT_EQ(SQLITE_OK, sqlite3_open(path.c_str(), &db));
-    sqlite3_stmt* rows = nullptr;
-    ASSERT_EQ(SQLITE_OK, sqlite3_prepare_v2(db,
-                                            "SELECT group_concat(key || '=' || value) FROM "
-                                            "(SELECT * FROM system_settings ORDER BY key)",
-                                            -1, &rows, nullptr));
-    ASSERT_EQ(SQLITE_ROW, sqlite3_step(rows));
-    EXPECT_STREQ("brightness=20,new_key=1",
-                 reinterpret_cast<const char*>(sqlite3_column_text(rows, 0)));
-    sqlite3_finalize(rows);
-    sqlite3_close(db);
+    EXPECT_EQ(std::vector<std::string>({"brightness|20", "new_key|1", "wake_word|NULL"}),
+              sqlRows(path, "SELECT * FROM system_settings ORDER BY key"));
 }
 
 TEST(KeyValueStoreTest, CorruptOrForeignFilesAreInvalidAndLeftAlone) {
@@ -95,7 +78,7 @@ TEST(KeyValueStoreTest, CorruptOrForeignFilesAreInvalidAndLeftAlone) {
     writeAll(dir.file("text.db"), "not a database, just settings=1\n");
     writeAll(dir.file("header.db"),
              std::string("SQLite format 3\0", 16) + std::string(8192, '\xab'));
-    execSql(dir.file("foreign.db"), "CREATE TABLE contacts (name TEXT, phone TEXT);");
+    sqlRows(dir.file("foreign.db"), "CREATE TABLE contacts (name TEXT, phone TEXT);");
     {
         KeyValueStore store(dir.file("damaged.db"), "user_settings");
         for (int i = 0; i < 300; ++i) ASSERT_TRUE(store.set("key" + std::to_string(i), "value"));
