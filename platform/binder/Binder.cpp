@@ -114,8 +114,9 @@ BBinder* BBinder::localBinder() {
 }
 
 void BBinder::setExtension(const sp<IBinder>& extension) {
+    sp<IBinder> replaced = extension;
     Halo::OS::Mutex::Autolock lock(mExtensionLock);
-    mExtension = extension;
+    std::swap(replaced, mExtension);
 }
 
 sp<IBinder> BBinder::getExtension() {

@@ -5,6 +5,7 @@
 #include <binder/IPCThreadState.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -60,6 +61,10 @@ bool validateFrame(uint32_t type, const uint8_t* body, uint32_t size, uint32_t* 
     if (type == wire::kFrameRelease) {
         if (size != sizeof(wire::ReleaseBody)) return false;
         return load<wire::ReleaseBody>(body).count > 0;
+    }
+    if (type == wire::kFrameDeath) {
+        if (size != sizeof(wire::ReleaseBody)) return false;
+        return load<wire::ReleaseBody>(body).count == 0;
     }
     size_t fixed;
     uint32_t dataSize;
@@ -169,6 +174,19 @@ unique_fd sealedPayload(const uint8_t* data, size_t dataSize, const void* offset
     return fd;
 }
 
+// The calling thread's eventfd on which it is woken while it waits for a reply (a child of
+// fork() makes its own).
+int threadWakeFd() {
+    thread_local pid_t owner = -1;
+    thread_local unique_fd fd;
+    if (owner != getpid()) {
+        fd.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+        LOG_ALWAYS_FATAL_IF(fd.get() < 0, "Binder: cannot create an eventfd: %s", strerror(errno));
+        owner = getpid();
+    }
+    return fd.get();
+}
+
 // The descriptor numbers of `fds`, which hold at most one frame's worth, into `out`.
 void rawFds(const std::vector<unique_fd>& fds, int (&out)[wire::kMaxFdsPerFrame]) {
     for (size_t i = 0; i < fds.size(); ++i) out[i] = fds[i].get();
@@ -260,8 +278,8 @@ status_t BinderConnection::transact(uint64_t target, uint32_t code, const Parcel
         Mutex::Autolock lock(mLock);
         if (mDead) return android::DEAD_OBJECT;
         if (!oneway) {
-            waiter.txid = ++mNextTxid;
-            waiter.reply = reply != nullptr ? reply : &localReply;
+            waiter.txid = BinderRuntime::instance().nextTxid();
+            waiter.wakeFd = threadWakeFd();
             mWaiters.emplace(waiter.txid, &waiter);
             if (!mReading) {
                 mReading = true;
@@ -274,6 +292,7 @@ status_t BinderConnection::transact(uint64_t target, uint32_t code, const Parcel
         }
     }
     if (disarm) BinderRuntime::instance().disarm(this);
+    if (!oneway) BinderRuntime::instance().registerWaiter(waiter.txid, this);
     body.txid = waiter.txid;
     body.target = target;
     body.context = oneway ? 0 : IPCThreadState::self()->nestingContext(this);
@@ -290,16 +309,17 @@ status_t BinderConnection::transact(uint64_t target, uint32_t code, const Parcel
             mWaiters.erase(waiter.txid);
             idle = idleLocked();
         }
+        BinderRuntime::instance().unregisterWaiter(waiter.txid);
         if (idle) markDead(nullptr);
         return err;
     }
-    return waitForReply(&waiter, reading);
+    return waitForReply(&waiter, reply != nullptr ? reply : &localReply, reading);
 }
 
-status_t BinderConnection::waitForReply(Waiter* waiter, bool reading) {
+status_t BinderConnection::waitForReply(Waiter* waiter, Parcel* reply, bool reading) {
     BinderRuntime& runtime = BinderRuntime::instance();
     for (;;) {
-        enum class Action { Done, Nested, Read } action;
+        enum class Action { Done, Nested, Read, Wait } action;
         BinderTask nested;
         bool disarm = false;
         if (reading) {
@@ -308,9 +328,6 @@ status_t BinderConnection::waitForReply(Waiter* waiter, bool reading) {
             reading = false;
         } else {
             Mutex::Autolock lock(mLock);
-            while (!waiter->done && waiter->nested.empty() && mReading) {
-                waiter->cv.wait(lock.unique());
-            }
             if (waiter->done) {
                 mWaiters.erase(waiter->txid);
                 action = Action::Done;
@@ -318,26 +335,34 @@ status_t BinderConnection::waitForReply(Waiter* waiter, bool reading) {
                 nested = std::move(waiter->nested.front());
                 waiter->nested.pop_front();
                 action = Action::Nested;
-            } else {
+            } else if (!mReading) {
                 mReading = true;
                 if (mArmed && runtime.poolStarted()) {
                     mArmed = false;
                     disarm = true;
                 }
                 action = Action::Read;
+            } else {
+                action = Action::Wait;
             }
         }
         if (action == Action::Done) break;
         if (action == Action::Nested) {
-            execute(std::move(nested));
+            // The call may have come on another connection to the same process.
+            sp<BinderConnection> connection = nested.connection;
+            connection->execute(std::move(nested));
             continue;
         }
         if (disarm) runtime.disarm(this);
         std::vector<BinderTask> runnable;
-        readAndRoute(/*block=*/true, &runnable);
-        releaseReadingToken();
+        const bool readable = waitForWork(waiter->wakeFd, action == Action::Read, &runnable);
+        if (action == Action::Read) {
+            if (readable) readAndRoute(/*block=*/false, &runnable);
+            releaseReadingToken();
+        }
         for (BinderTask& task : runnable) runtime.queueTask(std::move(task));
     }
+    runtime.unregisterWaiter(waiter->txid);
     // Calls nested in a call that has already been answered can only come from a peer that
     // broke the rules; they still get served, by the pool.
     for (BinderTask& task : waiter->nested) runtime.queueTask(std::move(task));
@@ -348,7 +373,87 @@ status_t BinderConnection::waitForReply(Waiter* waiter, bool reading) {
         idle = idleLocked();
     }
     if (idle) markDead(nullptr);
+    if (waiter->replied) swapParcels(reply, &waiter->received);
     return waiter->status;
+}
+
+bool BinderConnection::waitForWork(int wakeFd, bool reading, std::vector<BinderTask>* runnable) {
+    BinderRuntime& runtime = BinderRuntime::instance();
+    // A call nested in ours may come on another connection with the same process. An idle pool
+    // thread reads it and hands it over; with none idle, this thread reads those connections
+    // itself (and looks again after a while, as a pool thread may get busy meanwhile).
+    // The peer may also connect anew: this thread then accepts.
+    std::vector<sp<BinderConnection>> others;
+    std::vector<std::pair<uint64_t, int>> listeners;
+    int timeoutMs = kNestedPollMs;
+    if (runtime.idleThreads() == 0) {
+        others = runtime.connectionsOf(mPeerPid, mPeerUid, this);
+        listeners = runtime.listeners();
+        timeoutMs = others.empty() && listeners.empty() ? -1 : kNestedPollMs;
+    }
+    std::vector<pollfd> fds;
+    fds.push_back(pollfd{wakeFd, POLLIN, 0});
+    if (reading) fds.push_back(pollfd{mFd.get(), POLLIN | POLLRDHUP, 0});
+    const size_t firstOther = fds.size();
+    for (const sp<BinderConnection>& other : others) {
+        fds.push_back(pollfd{other->fd(), POLLIN | POLLRDHUP, 0});
+    }
+    const size_t firstListener = fds.size();
+    for (const auto& [key, fd] : listeners) fds.push_back(pollfd{fd, POLLIN, 0});
+    int count;
+    do {
+        count = poll(fds.data(), fds.size(), timeoutMs);
+    } while (count < 0 && errno == EINTR);
+    if (count <= 0) return false;
+    if ((fds[0].revents & POLLIN) != 0) {
+        uint64_t value;
+        while (read(wakeFd, &value, sizeof(value)) < 0 && errno == EINTR) {
+        }
+    }
+    for (size_t i = firstOther; i < firstListener; ++i) {
+        if (fds[i].revents != 0) others[i - firstOther]->readForNested(runnable);
+    }
+    for (size_t i = firstListener; i < fds.size(); ++i) {
+        if (fds[i].revents != 0) runtime.acceptOn(listeners[i - firstListener].first);
+    }
+    return reading && fds[1].revents != 0;
+}
+
+void BinderConnection::readForNested(std::vector<BinderTask>* runnable) {
+    {
+        Mutex::Autolock lock(mLock);
+        if (mDead || mReading || mPaused) return;
+        mReading = true;
+    }
+    readAndRoute(/*block=*/false, runnable);
+    releaseReadingToken();
+}
+
+bool BinderConnection::deliverNested(uint64_t txid, pid_t pid, uid_t uid, BinderTask* task) {
+    Mutex::Autolock lock(mLock);
+    if (pid != mPeerPid || uid != mPeerUid) return false;
+    auto it = mWaiters.find(txid);
+    if (it == mWaiters.end() || it->second->done) return false;
+    it->second->nested.push_back(std::move(*task));
+    wakeWaiter(it->second);
+    return true;
+}
+
+void BinderConnection::wakeWaiter(const Waiter* waiter) {
+    const uint64_t one = 1;
+    while (write(waiter->wakeFd, &one, sizeof(one)) < 0 && errno == EINTR) {
+    }
+}
+
+void BinderConnection::swapParcels(Parcel* a, Parcel* b) {
+    std::swap(a->mData, b->mData);
+    std::swap(a->mDataSize, b->mDataSize);
+    std::swap(a->mDataCapacity, b->mDataCapacity);
+    std::swap(a->mDataPos, b->mDataPos);
+    std::swap(a->mError, b->mError);
+    a->mObjects.swap(b->mObjects);
+    a->mBinders.swap(b->mBinders);
+    a->mFds.swap(b->mFds);
 }
 
 void BinderConnection::releaseReadingToken() {
@@ -360,7 +465,7 @@ void BinderConnection::releaseReadingToken() {
             mArmed = true;
             rearm = true;
         }
-        for (auto& [txid, waiter] : mWaiters) waiter->cv.notify_one();
+        for (auto& [txid, waiter] : mWaiters) wakeWaiter(waiter);
     }
     if (rearm) BinderRuntime::instance().rearm(this);
 }
@@ -448,7 +553,7 @@ bool BinderConnection::extractFrames(std::vector<FrameRef>* frames) {
         } else if (type == wire::kFrameReplyOutOfLine) {
             type = wire::kFrameReply;
         } else if (type != wire::kFrameTransaction && type != wire::kFrameReply &&
-                   type != wire::kFrameRelease) {
+                   type != wire::kFrameRelease && type != wire::kFrameDeath) {
             ALOGW("Binder: pid %d sent a frame of unknown type 0x%x", mPeerPid, header.type);
             return false;
         }
@@ -547,16 +652,29 @@ bool BinderConnection::readAndRoute(bool block, std::vector<BinderTask>* runnabl
     if (frames.empty()) return true;
     std::vector<BinderTask> discard;
     std::vector<sp<IBinder>> dropped;
+    std::vector<BinderTask> nestedElsewhere;
+    std::vector<sp<BpBinder>> relayedDeaths;
     const char* error;
     bool idle = false;
     {
         Mutex::Autolock lock(mLock);
-        error = routeFrames(&frames, runnable, &discard, &dropped);
+        error = routeFrames(&frames, runnable, &nestedElsewhere, &relayedDeaths, &discard,
+                            &dropped);
         if (error == nullptr) {
             if (!mPaused && overQueueBoundLocked()) mPaused = true;
             idle = idleLocked();
         }
     }
+    for (BinderTask& task : nestedElsewhere) {
+        if (!BinderRuntime::instance().deliverNested(&task, mPeerPid, mPeerUid)) {
+            runnable->push_back(std::move(task));
+        }
+    }
+    for (sp<BpBinder>& proxy : relayedDeaths) {
+        proxy->queueObituary();
+        BinderRuntime::instance().relayDeath(proxy.get());
+    }
+    relayedDeaths.clear();
     if (error != nullptr) {
         markDead(error);
         return false;
@@ -567,10 +685,21 @@ bool BinderConnection::readAndRoute(bool block, std::vector<BinderTask>* runnabl
 
 const char* BinderConnection::routeFrames(std::vector<FrameRef>* frames,
                                           std::vector<BinderTask>* runnable,
+                                          std::vector<BinderTask>* nestedElsewhere,
+                                          std::vector<sp<BpBinder>>* relayedDeaths,
                                           std::vector<BinderTask>* discard,
                                           std::vector<sp<IBinder>>* dropped) {
     static constexpr const char* kProtocolError = "protocol error";
     for (FrameRef& frame : *frames) {
+        if (frame.type == wire::kFrameDeath) {
+            // A proxy released meanwhile is simply gone.
+            auto it = mProxies.find(load<wire::ReleaseBody>(frame.body).id);
+            if (it != mProxies.end()) {
+                sp<BpBinder> proxy = it->second.proxy.promote();
+                if (proxy != nullptr) relayedDeaths->push_back(std::move(proxy));
+            }
+            continue;
+        }
         if (frame.type == wire::kFrameRelease) {
             const auto release = load<wire::ReleaseBody>(frame.body);
             auto it = mExports.find(release.id);
@@ -590,18 +719,18 @@ const char* BinderConnection::routeFrames(std::vector<FrameRef>* frames,
             if (it == mWaiters.end() || it->second->done) return kProtocolError;
             Waiter* waiter = it->second;
             if (reply.status != android::OK) {
-                waiter->reply->freeData();
                 waiter->status = reply.status;
             } else {
                 const uint8_t* data = frame.body + sizeof(reply);
                 if (!unflattenLocked(data, reply.dataSize, data + reply.dataSize, reply.objectCount,
-                                     &frame.fds, waiter->reply)) {
+                                     &frame.fds, &waiter->received)) {
                     return kProtocolError;
                 }
                 waiter->status = android::OK;
             }
+            waiter->replied = true;
             waiter->done = true;
-            waiter->cv.notify_one();
+            wakeWaiter(waiter);
             continue;
         }
 
@@ -640,9 +769,14 @@ const char* BinderConnection::routeFrames(std::vector<FrameRef>* frames,
             if (waiter != mWaiters.end() && !waiter->second->done) {
                 task.connection = this;
                 waiter->second->nested.push_back(std::move(task));
-                waiter->second->cv.notify_one();
+                wakeWaiter(waiter->second);
                 continue;
             }
+            // Nested in a call of ours on another connection with the same process.
+            task.connection = this;
+            task.context = t.context;
+            nestedElsewhere->push_back(std::move(task));
+            continue;
         }
         task.connection = this;
         runnable->push_back(std::move(task));
@@ -795,6 +929,10 @@ status_t BinderConnection::sendParcel(uint32_t type, void* body, size_t bodySize
     std::vector<int> fds;
     const uint8_t* payload = data.mData;
     bool exported = false;
+    // Proxies of other connections handed on: those whose object has died are reported once the
+    // frame is out (a later death is reported by relayDeath). Checked outside mLock (a proxy's
+    // liveness takes its own connection's lock); `data` holds them meanwhile.
+    std::vector<std::pair<uint64_t, BpBinder*>> relayed;
     if (objects > 0) {
         patched.assign(data.mData, data.mData + data.mDataSize);
         offsets.reserve(objects);
@@ -815,6 +953,7 @@ status_t BinderConnection::sendParcel(uint32_t type, void* body, size_t bodySize
                     out.type = wire::kWireSenderObject;
                     out.value = exportLocked(binder);
                     exported = true;
+                    if (proxy != nullptr) relayed.emplace_back(out.value, proxy);
                 }
             } else if (record.type == wire::kRecordFd && record.value < data.mFds.size()) {
                 if (fds.size() >= maxFds) return android::FAILED_TRANSACTION;
@@ -830,7 +969,7 @@ status_t BinderConnection::sendParcel(uint32_t type, void* body, size_t bodySize
         payload = patched.data();
     }
     *fdCount = static_cast<uint32_t>(fds.size());
-    if (exported) BinderRuntime::instance().startPool();
+    if (exported) BinderRuntime::instance().ensurePool();
 
     if (outOfLine) {
         unique_fd memfd = sealedPayload(payload, data.mDataSize, offsets.data(), objects * 4);
@@ -840,7 +979,13 @@ status_t BinderConnection::sendParcel(uint32_t type, void* body, size_t bodySize
                                                                  : wire::kFrameReplyOutOfLine,
                                  static_cast<uint32_t>(bodySize)};
         iovec iov[2] = {{&header, sizeof(header)}, {body, bodySize}};
-        return writeFrame(iov, 2, fds.data(), fds.size());
+        const status_t status = writeFrame(iov, 2, fds.data(), fds.size());
+        if (status == android::OK) {
+            for (const auto& [id, proxy] : relayed) {
+                if (!proxy->isBinderAlive()) sendDeath(id);
+            }
+        }
+        return status;
     }
     wire::FrameHeader header{type, static_cast<uint32_t>(total)};
     iovec iov[4];
@@ -849,7 +994,13 @@ status_t BinderConnection::sendParcel(uint32_t type, void* body, size_t bodySize
     iov[iovcnt++] = {body, bodySize};
     if (data.mDataSize > 0) iov[iovcnt++] = {const_cast<uint8_t*>(payload), data.mDataSize};
     if (objects > 0) iov[iovcnt++] = {offsets.data(), objects * 4};
-    return writeFrame(iov, iovcnt, fds.data(), fds.size());
+    const status_t status = writeFrame(iov, iovcnt, fds.data(), fds.size());
+    if (status == android::OK) {
+        for (const auto& [id, proxy] : relayed) {
+            if (!proxy->isBinderAlive()) sendDeath(id);
+        }
+    }
+    return status;
 }
 
 status_t BinderConnection::sendReply(uint64_t txid, status_t status, const Parcel& reply) {
@@ -955,6 +1106,13 @@ status_t BinderConnection::sendFrame(const iovec* iov, int iovcnt, const int* fd
         size_t sent = 0;
         if (mPending.empty()) {
             const ssize_t n = sendWithRights(mFd.get(), iov, iovcnt, fds, fdCount);
+            if (n < 0 && errno == EBADF && fdCount > 0) {
+                // Nothing of the frame went out: only this transaction fails.
+                ALOGW("Binder: a parcel for pid %d carries a descriptor that is not open; "
+                      "dropped",
+                      mPeerPid);
+                return android::FAILED_TRANSACTION;
+            }
             if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK) {
                 broken = true;
             } else {
@@ -1032,8 +1190,9 @@ void BinderConnection::execute(BinderTask task) {
         Parcel reply;
         // Held from mCallTargets: the target cannot go while one of its calls is in progress.
         sp<IBinder> target = callTarget(task.targetId);
-        const IPCThreadState::SavedState saved =
-                threadState->beginIncoming(this, task.txid, mPeerPid, mPeerUid, task.flags);
+        // One-way calls report no calling pid, as the kernel driver gives none for them.
+        const IPCThreadState::SavedState saved = threadState->beginIncoming(
+                this, task.txid, oneway ? 0 : mPeerPid, mPeerUid, task.flags);
         const status_t status =
                 target != nullptr ? target->transact(task.code, *task.data, &reply, task.flags)
                                   : android::DEAD_OBJECT;
@@ -1107,7 +1266,7 @@ void BinderConnection::markDead(const char* reason) {
                 waiter->done = true;
                 waiter->status = android::DEAD_OBJECT;
             }
-            waiter->cv.notify_one();
+            wakeWaiter(waiter);
         }
         mWaiters.clear();
         for (auto& [id, entry] : mProxies) {
@@ -1153,7 +1312,29 @@ void BinderConnection::markDead(const char* reason) {
         mHandoff.clear();
     }
     BinderRuntime::instance().unregisterConnection(this);
-    for (sp<BpBinder>& proxy : proxies) proxy->queueObituary();
+    for (sp<BpBinder>& proxy : proxies) {
+        proxy->queueObituary();
+        BinderRuntime::instance().relayDeath(proxy.get());
+    }
+}
+
+void BinderConnection::relayDeath(const IBinder* proxy) {
+    uint64_t id;
+    {
+        Mutex::Autolock lock(mLock);
+        if (mDead) return;
+        auto it = mExportIds.find(proxy);
+        if (it == mExportIds.end()) return;
+        id = it->second;
+    }
+    sendDeath(id);
+}
+
+void BinderConnection::sendDeath(uint64_t id) {
+    wire::FrameHeader header{wire::kFrameDeath, sizeof(wire::ReleaseBody)};
+    wire::ReleaseBody body{id, 0, 0};
+    iovec iov[2] = {{&header, sizeof(header)}, {&body, sizeof(body)}};
+    writeFrame(iov, 2, nullptr, 0);
 }
 
 }  // namespace Halo::OS

@@ -8,7 +8,6 @@
 #include <sys/uio.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <list>
@@ -92,7 +91,8 @@ public:
 
     // Sends a transaction to the peer's object `target` and, for a two-way call, waits for the
     // reply (serving calls nested in it meanwhile). Returns OK, DEAD_OBJECT when the connection is
-    // or becomes broken, FAILED_TRANSACTION when the request is over the frame limit, BAD_VALUE
+    // or becomes broken, FAILED_TRANSACTION when the request is over the frame limit or carries
+    // a descriptor that is not open (the connection stays usable), BAD_VALUE
     // for a parcel with damaged object records, or the bare status the peer's onTransact returned.
     android::status_t transact(uint64_t target, uint32_t code, const android::Parcel& data,
                                android::Parcel* reply, uint32_t flags);
@@ -103,6 +103,15 @@ public:
     // A pool thread got a readiness event: reads without blocking and appends the calls that are
     // ready to run to `runnable`.
     void onPollEvent(std::vector<BinderTask>* runnable);
+
+    // `proxy` (of another connection) died: when this side has handed it to the peer, tells the
+    // peer (a death frame), whose proxy for it dies too.
+    void relayDeath(const android::IBinder* proxy) EXCLUDES(mLock);
+
+    // Hands `task`, a call from a connection with peer `pid` and `uid` nested in this side's
+    // call `txid`, to the thread waiting for that call. False when no such call waits here, or
+    // its peer is another process.
+    bool deliverNested(uint64_t txid, pid_t pid, uid_t uid, BinderTask* task) EXCLUDES(mLock);
 
     // Runs an incoming transaction on the calling thread with the peer's identity, sends the
     // reply of a two-way call, and for a one-way call continues with the next one-way call queued
@@ -121,13 +130,19 @@ public:
 private:
     struct Waiter {
         uint64_t txid = 0;
-        android::Parcel* reply = nullptr;
+        // The reply as it arrived. It is built here, never in the caller's parcel, because what
+        // the caller's parcel held before (possibly the last reference to a proxy of this
+        // connection) must be destroyed outside mLock; the waiting thread swaps it in.
+        android::Parcel received;
+        bool replied = false;
         android::status_t status = android::OK;
         bool done = false;
         // Calls nested in this one, to be served by the waiting thread. A list: every call
         // makes a Waiter and almost none gets a nested call, and an empty list allocates nothing.
         std::list<BinderTask> nested;
-        std::condition_variable cv;
+        // The waiting thread's eventfd: written when the reply or a nested call arrives, or the
+        // reading token is released.
+        int wakeFd = -1;
     };
 
     struct Export {
@@ -141,7 +156,7 @@ private:
     };
 
     struct FrameRef {
-        uint32_t type;  // kFrameTransaction, kFrameReply or kFrameRelease
+        uint32_t type;  // kFrameTransaction, kFrameReply, kFrameRelease or kFrameDeath
         const uint8_t* body;
         uint32_t size;
         std::vector<android::base::unique_fd> fds;
@@ -167,10 +182,11 @@ private:
     android::status_t sendReply(uint64_t txid, android::status_t status,
                                 const android::Parcel& reply);
     void sendRelease(uint64_t id, uint64_t count);
+    void sendDeath(uint64_t id);
     // Sends a frame, or queues it when the socket cannot take it now; when another thread is
     // writing, hands the frame (copied, descriptors duplicated) to that thread instead of waiting.
     // Returns OK, DEAD_OBJECT once the connection is broken, or FAILED_TRANSACTION when a
-    // descriptor cannot be duplicated.
+    // descriptor is not open or cannot be duplicated (nothing of the frame is sent then).
     android::status_t writeFrame(const iovec* iov, int iovcnt, const int* fds, size_t fdCount);
     // The writing itself, under the write lock; the caller is the active writer.
     android::status_t sendFrame(const iovec* iov, int iovcnt, const int* fds, size_t fdCount);
@@ -181,9 +197,25 @@ private:
     static bool copyFrame(const iovec* iov, int iovcnt, size_t skip, const int* fds, size_t fdCount,
                           PendingOutput* out);
 
-    // Waits for the waiter's reply, reading the connection while nobody else does. `reading`:
-    // the caller already holds the reading token (and has disarmed the connection if needed).
-    android::status_t waitForReply(Waiter* waiter, bool reading);
+    // Waits for the waiter's reply, reading the connection while nobody else does, and moves it
+    // into `reply` (whose earlier content is destroyed with the waiter, outside every lock).
+    // `reading`: the caller already holds the reading token (and has disarmed the connection if
+    // needed).
+    android::status_t waitForReply(Waiter* waiter, android::Parcel* reply, bool reading);
+    // Exchanges the contents of two parcels.
+    static void swapParcels(android::Parcel* a, android::Parcel* b);
+
+    // Waits until the waiter's eventfd is written or, when `reading` (the caller holds the
+    // reading token), the socket is readable; returns whether it is. Meanwhile reads the other
+    // connections with the same peer process when no pool thread is idle (see kNestedPollMs), so
+    // that calls nested in the waiting call reach it whichever connection they come on; calls for
+    // the pool go to `runnable`.
+    bool waitForWork(int wakeFd, bool reading, std::vector<BinderTask>* runnable);
+    // Reads once without blocking, unless another thread reads or the connection is paused.
+    void readForNested(std::vector<BinderTask>* runnable);
+    static void wakeWaiter(const Waiter* waiter);
+    // How often a waiting thread looks again whether the pool can read for it.
+    static constexpr int kNestedPollMs = 100;
 
     // The token holder reads once and routes every complete frame. Returns false when the
     // connection broke (it is then marked dead).
@@ -197,7 +229,11 @@ private:
     bool readOutOfLine(uint32_t type, const uint8_t* fixed, uint32_t size, FrameRef* frame);
     // Returns null, or why the frames break the protocol. What must be destroyed outside the
     // lock goes to `discard` and `dropped`.
+    // Calls nested in a call this side waits for on another connection go to `nestedElsewhere`;
+    // proxies the peer reported dead (death frames) to `relayedDeaths`.
     const char* routeFrames(std::vector<FrameRef>* frames, std::vector<BinderTask>* runnable,
+                            std::vector<BinderTask>* nestedElsewhere,
+                            std::vector<android::sp<android::BpBinder>>* relayedDeaths,
                             std::vector<BinderTask>* discard,
                             std::vector<android::sp<android::IBinder>>* dropped) REQUIRES(mLock);
     // Rebuilds a parcel from wire data: proxies for the peer's objects, our own objects for
@@ -242,7 +278,6 @@ private:
     bool mDead GUARDED_BY(mLock) = false;
     bool mReading GUARDED_BY(mLock) = false;
     bool mArmed GUARDED_BY(mLock) = true;
-    uint64_t mNextTxid GUARDED_BY(mLock) = 0;
     uint64_t mNextExportId GUARDED_BY(mLock) = 1;
     bool mPaused GUARDED_BY(mLock) = false;
     // Incoming calls in progress (see the class comment) and the bytes of their frames.

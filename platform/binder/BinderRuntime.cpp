@@ -186,6 +186,65 @@ BinderRuntime::QueueStats BinderRuntime::queueStats() const {
     return mQueueStats;
 }
 
+std::vector<sp<BinderConnection>> BinderRuntime::connectionsOf(
+        pid_t pid, uid_t uid, const BinderConnection* except) const {
+    std::vector<sp<BinderConnection>> found;
+    if (pid <= 0) return found;
+    Mutex::Autolock lock(mLock);
+    for (const auto& [key, connection] : mConnections) {
+        if (connection.get() != except && connection->peerPid() == pid &&
+            connection->peerUid() == uid) {
+            found.push_back(connection);
+        }
+    }
+    return found;
+}
+
+std::vector<std::pair<uint64_t, int>> BinderRuntime::listeners() const {
+    std::vector<std::pair<uint64_t, int>> found;
+    Mutex::Autolock lock(mLock);
+    for (const auto& [key, listener] : mListeners) found.emplace_back(key, listener->fd.get());
+    return found;
+}
+
+void BinderRuntime::acceptOn(uint64_t key) {
+    std::shared_ptr<Listener> listener;
+    {
+        Mutex::Autolock lock(mLock);
+        auto it = mListeners.find(key);
+        if (it == mListeners.end()) return;
+        listener = it->second;
+    }
+    acceptConnections(listener, key);
+}
+
+void BinderRuntime::relayDeath(const android::IBinder* proxy) {
+    std::vector<sp<BinderConnection>> connections;
+    {
+        Mutex::Autolock lock(mLock);
+        connections.reserve(mConnections.size());
+        for (const auto& [key, connection] : mConnections) connections.push_back(connection);
+    }
+    for (const sp<BinderConnection>& connection : connections) connection->relayDeath(proxy);
+}
+
+void BinderRuntime::registerWaiter(uint64_t txid, BinderConnection* connection) {
+    Mutex::Autolock lock(mWaiterLock);
+    mWaiters.emplace(txid, connection);
+}
+
+void BinderRuntime::unregisterWaiter(uint64_t txid) {
+    Mutex::Autolock lock(mWaiterLock);
+    mWaiters.erase(txid);
+}
+
+bool BinderRuntime::deliverNested(BinderTask* task, pid_t pid, uid_t uid) {
+    // Held while delivering: the waiting connection cannot go before its waiter unregisters.
+    Mutex::Autolock lock(mWaiterLock);
+    auto it = mWaiters.find(task->context);
+    return it != mWaiters.end() && it->second->deliverNested(task->context, pid, uid, task);
+}
+
 void BinderRuntime::unregisterConnection(BinderConnection* connection) {
     sp<BinderConnection> removed;
     {
@@ -308,20 +367,27 @@ void BinderRuntime::acceptConnections(const std::shared_ptr<Listener>& listener,
 }
 
 void BinderRuntime::startPool() {
-    if (poolStarted()) return;
-    bool start = false;
     {
         Mutex::Autolock lock(mPoolLock);
-        if (!mPoolStarted.load(std::memory_order_relaxed)) {
-            mPoolStarted.store(true, std::memory_order_release);
-            start = true;
-        }
+        if (mMainStarted) return;
+        mMainStarted = true;
+        mPoolStarted.store(true, std::memory_order_release);
     }
-    if (start) spawnPooledThread(true);
+    spawnPooledThread(true);
+}
+
+void BinderRuntime::ensurePool() {
+    if (poolStarted()) return;
+    {
+        Mutex::Autolock lock(mPoolLock);
+        if (mPoolStarted.load(std::memory_order_relaxed) || mOnDemand >= mMaxThreads) return;
+        ++mOnDemand;
+        mPoolStarted.store(true, std::memory_order_release);
+    }
+    spawnPooledThread(false);
 }
 
 status_t BinderRuntime::setMaxThreads(size_t maxThreads) {
-    if (maxThreads == 0) return android::BAD_VALUE;
     Mutex::Autolock lock(mPoolLock);
     mMaxThreads = maxThreads;
     mThreadsPerUid.store(threadsPerUid(maxThreads), std::memory_order_relaxed);
@@ -340,10 +406,6 @@ std::string BinderRuntime::makeThreadName() {
 }
 
 void BinderRuntime::spawnPooledThread(bool isMain) {
-    {
-        Mutex::Autolock lock(mPoolLock);
-        ++mSpawned;
-    }
     const std::string name = makeThreadName();
     std::thread([this, name, isMain] {
         pthread_setname_np(pthread_self(), name.substr(0, 15).c_str());
@@ -355,7 +417,8 @@ void BinderRuntime::maybeSpawn() {
     if (mIdle.load() > 0 || mStopping.load() || !poolStarted()) return;
     {
         Mutex::Autolock lock(mPoolLock);
-        if (mSpawned >= mMaxThreads) return;
+        if (mOnDemand >= mMaxThreads) return;
+        ++mOnDemand;
     }
     spawnPooledThread(false);
 }

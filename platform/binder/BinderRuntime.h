@@ -95,11 +95,22 @@ public:
     android::status_t publish(const std::string& directory, const std::string& name,
                               const android::sp<android::IBinder>& service);
 
+    // Whether some thread serves the pool (one was started, or one joined): connections are then
+    // watched by the pool's epoll set.
     bool poolStarted() const { return mPoolStarted.load(std::memory_order_acquire); }
-    // Starts the pool with one thread; later calls do nothing.
+    // ProcessState::startThreadPool: starts the pool's main thread, which the maximum does not
+    // count (as libbinder's); later calls do nothing.
     void startPool();
+    // For a process that publishes a service, hands out a local object or links a death
+    // recipient without having started a pool: starts one thread when no thread serves the pool
+    // yet, counted against the maximum (so a maximum of 0 starts none).
+    void ensurePool();
+    // The most threads started on demand, while every pool thread is busy (libbinder's
+    // BINDER_SET_MAX_THREADS). The thread of startPool and threads that join are not counted:
+    // 0 means the pool is just those. Always OK.
     android::status_t setMaxThreads(size_t maxThreads);
     size_t maxThreads() const;
+    // Starts one more pool thread, not counted against the maximum.
     void spawnPooledThread(bool isMain);
     // Runs the pool loop on the calling thread until stop().
     void joinPool(bool isMain);
@@ -125,6 +136,30 @@ public:
     // Whether a thread running a call of `uid` should hand on its next one-way call (queue it
     // behind the others) rather than run it: calls of another uid are waiting for a thread.
     bool othersWaiting(uid_t uid) EXCLUDES(mTodoLock);
+
+    // Numbers of two-way calls, unique in the process (so a peer can name one in a call nested
+    // in it on another connection).
+    uint64_t nextTxid() { return mNextTxid.fetch_add(1) + 1; }
+    // The calls this process waits for, by number, and their connections.
+    void registerWaiter(uint64_t txid, BinderConnection* connection) EXCLUDES(mWaiterLock);
+    void unregisterWaiter(uint64_t txid) EXCLUDES(mWaiterLock);
+    // Hands an incoming call nested in a call of this process (task->context) to its waiting
+    // thread, when that call went to the same process (`pid`, `uid`) the nested call comes
+    // from. False otherwise: the pool serves it.
+    bool deliverNested(BinderTask* task, pid_t pid, uid_t uid) EXCLUDES(mWaiterLock);
+    // The listening sockets of the published services, by key, for a thread waiting for a reply
+    // while no pool thread is idle (a call nested in its call may come on a new connection);
+    // acceptOn accepts what is waiting on one of them.
+    std::vector<std::pair<uint64_t, int>> listeners() const EXCLUDES(mLock);
+    void acceptOn(uint64_t key) EXCLUDES(mLock);
+    // A proxy died: every connection that has handed it to its peer tells the peer.
+    void relayDeath(const android::IBinder* proxy) EXCLUDES(mLock);
+    // Pool threads waiting for work now.
+    int idleThreads() const { return mIdle.load(); }
+    // The live connections with the process `pid` (running as `uid`), but `except`.
+    std::vector<android::sp<BinderConnection>> connectionsOf(pid_t pid, uid_t uid,
+                                                             const BinderConnection* except) const
+            EXCLUDES(mLock);
     // Makes the flusher send the connection's queued output.
     void requestFlush(BinderConnection* connection);
 
@@ -192,11 +227,18 @@ private:
 
     mutable Mutex mPoolLock;
     size_t mMaxThreads GUARDED_BY(mPoolLock);
-    size_t mSpawned GUARDED_BY(mPoolLock) = 0;
+    // Threads started on demand (and by ensurePool), bounded by mMaxThreads.
+    size_t mOnDemand GUARDED_BY(mPoolLock) = 0;
+    bool mMainStarted GUARDED_BY(mPoolLock) = false;
     std::atomic<bool> mPoolStarted{false};
     std::atomic<int> mIdle{0};
     std::atomic<bool> mStopping{false};
     std::atomic<uint32_t> mThreadCounter{0};
+
+    std::atomic<uint64_t> mNextTxid{0};
+    // Taken before a connection's lock (deliverNested), never under one.
+    Mutex mWaiterLock;
+    std::unordered_map<uint64_t, BinderConnection*> mWaiters GUARDED_BY(mWaiterLock);
 
     // Taken with a connection's lock held; nothing else is locked under it.
     mutable Mutex mQueueLock;

@@ -91,6 +91,8 @@ sp<IBinder> BinderServiceManager::checkService(const String16& name) const {
     if (!isValidName(utf8)) return nullptr;
     const std::string path = directory() + "/" + utf8;
     sp<IBinder> known;
+    // A proxy dropped from the cache may be its last reference: it is destroyed after the lock.
+    sp<IBinder> stale;
     {
         Mutex::Autolock lock(mLock);
         auto local = mLocal.find(path);
@@ -101,6 +103,7 @@ sp<IBinder> BinderServiceManager::checkService(const String16& name) const {
             if (proxy != nullptr && !proxy->connection()->probeDead()) {
                 known = cached->second;
             } else {
+                stale = std::move(cached->second);
                 mCache.erase(cached);
             }
         }
@@ -109,8 +112,11 @@ sp<IBinder> BinderServiceManager::checkService(const String16& name) const {
     // An untrusted server is not cached: its connection closes as soon as the proxy goes.
     sp<IBinder> service = trusted(utf8, BinderConnection::connectTo(path));
     if (service == nullptr) return nullptr;
+    sp<IBinder> replaced;
     Mutex::Autolock lock(mLock);
-    mCache[path] = service;
+    sp<IBinder>& entry = mCache[path];
+    replaced = std::move(entry);
+    entry = service;
     return service;
 }
 
@@ -150,11 +156,14 @@ android::status_t BinderServiceManager::addService(const String16& name, const s
     BinderRuntime& runtime = BinderRuntime::instance();
     const android::status_t status = runtime.publish(dir, utf8, service);
     if (status != android::OK) return status;
+    sp<IBinder> replaced;
     {
         Mutex::Autolock lock(mLock);
-        mLocal[dir + "/" + utf8] = service;
+        sp<IBinder>& entry = mLocal[dir + "/" + utf8];
+        replaced = std::move(entry);
+        entry = service;
     }
-    runtime.startPool();
+    runtime.ensurePool();
     return android::OK;
 }
 

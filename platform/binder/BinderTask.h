@@ -24,6 +24,7 @@ struct BinderTask {
     uint64_t targetId = 0;
     uint32_t frameBytes = 0;  // the size of the call's frame, counted against the queue bounds
     uint64_t txid = 0;        // 0 for one-way
+    uint64_t context = 0;     // the call of this side it is nested in, 0 when none
     uint32_t code = 0;
     uint32_t flags = 0;
     std::unique_ptr<android::Parcel> data;

@@ -98,7 +98,7 @@ status_t BpBinder::linkToDeath(const sp<DeathRecipient>& recipient, void* cookie
         mObituaries.push_back(Obituary{recipient, cookie, flags});
     }
     // Death notices are delivered on the pool.
-    Halo::OS::BinderRuntime::instance().startPool();
+    Halo::OS::BinderRuntime::instance().ensurePool();
     return OK;
 }
 

@@ -2,6 +2,7 @@
 #include <binder/ProcessState.h>
 #include <unistd.h>
 
+#include "binder/BinderConnection.h"
 #include "binder/BinderRuntime.h"
 
 namespace android {
@@ -152,6 +153,11 @@ void IPCThreadState::endIncoming(const SavedState& saved) {
 uint64_t IPCThreadState::nestingContext(const Halo::OS::BinderConnection* connection) const {
     for (auto it = mIncoming.rbegin(); it != mIncoming.rend(); ++it) {
         if (it->connection == connection) return it->txid;
+        // Another connection with the same process: its txids are unique in that process.
+        if (connection->peerPid() > 0 && it->connection->peerPid() == connection->peerPid() &&
+            it->connection->peerUid() == connection->peerUid()) {
+            return it->txid;
+        }
     }
     return 0;
 }

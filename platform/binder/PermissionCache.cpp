@@ -49,10 +49,11 @@ class GrantCache {
 public:
     // True when `permission` was granted to `uid` by a permission service that is still alive.
     bool contains(const String16& permission, uid_t uid, pid_t self) EXCLUDES(mLock) {
+        sp<IBinder> forgotten;
         Halo::OS::Mutex::Autolock lock(mLock);
         if (mGrants.empty()) return false;
         if (self != mOwner || mController == nullptr || !mController->isBinderAlive()) {
-            forgetLocked();
+            forgotten = forgetLocked();
             return false;
         }
         return mGrants.count(Grant(uid, permission)) != 0;
@@ -68,10 +69,11 @@ public:
     // grants of any other permission service are dropped.
     void add(const sp<IBinder>& controller, const String16& permission, uid_t uid, pid_t self,
              uint64_t generation) EXCLUDES(mLock) {
+        sp<IBinder> forgotten;
         Halo::OS::Mutex::Autolock lock(mLock);
         if (generation != mGeneration) return;
         if (self != mOwner || controller != mController) {
-            forgetLocked();
+            forgotten = forgetLocked();
             mOwner = self;
             mController = controller;
         }
@@ -79,17 +81,20 @@ public:
     }
 
     void purge() EXCLUDES(mLock) {
+        sp<IBinder> forgotten;
         Halo::OS::Mutex::Autolock lock(mLock);
         ++mGeneration;
-        forgetLocked();
+        forgotten = forgetLocked();
     }
 
 private:
     using Grant = std::pair<uid_t, String16>;
 
-    void forgetLocked() REQUIRES(mLock) {
+    // Returns the controller, for the caller to drop after the lock (it may hold the last
+    // reference to a proxy).
+    sp<IBinder> forgetLocked() REQUIRES(mLock) {
         mGrants.clear();
-        mController.clear();
+        return std::move(mController);
     }
 
     Halo::OS::Mutex mLock;

@@ -53,6 +53,9 @@ enum FrameType : uint32_t {
     kFrameTransaction = B_PACK_CHARS('T', 'R', 'N', 'S'),
     kFrameReply = B_PACK_CHARS('R', 'P', 'L', 'Y'),
     kFrameRelease = B_PACK_CHARS('R', 'L', 'S', 'E'),
+    // The sender's object `id` (a ReleaseBody with count 0) is a proxy whose own object died:
+    // the receiver's proxy for it is dead too.
+    kFrameDeath = B_PACK_CHARS('D', 'E', 'T', 'H'),
     // A transaction or reply whose parcel is too large for a frame: the body is only the fixed
     // part (TransactionBody or ReplyBody); the data and offsets are the whole content of a
     // sealed memfd sent as the frame's first descriptor, before the parcel's own descriptors.

@@ -10,6 +10,7 @@
 
 #include "model/KeySourceDomain.h"
 #include "model/PreferencesKeyInfo.h"
+#include "store/StoreStatus.h"
 
 namespace Halo::OS {
 
@@ -17,17 +18,8 @@ namespace Halo::OS {
 //
 // The key manager owns the one instance and is its only caller; it serialises every call under
 // its main mutex, so implementations need no lock of their own. Every operation that returns an
-// int32_t returns 0 on success and a negative status on failure:
-//   -1  a statement could not be reset, bound or stepped, or a raw query failed
-//   -2  a database file could not be opened
-//   -3  the database of the scope is not open
-//   -4  a table, trigger, pragma or prepared statement could not be created
-//   -5  a database could not be closed, or SQLite could not be shut down
-//   -6  duplicate package          -7  unknown package        -8  unknown key or row
-//   -9  owner refused              -10 change by a non-owner  -11 duplicate listener row
-//   -12 no listener row to remove  -13 invalid permission     -14 a user id is required
-//   -15 no user connection to close, or a user's database file could not be removed
-//   -16 a schema upgrade step failed
+// int32_t returns StoreStatus::Ok (0) on success and a negative StoreStatus code on failure;
+// the comments below name the codes without their StoreStatus:: prefix.
 // User ids are Android user ids; uids are Android uids; values are text in the value encoding of
 // the key's type. The declaration order below is the order of the virtual slots.
 class IPreferencesDb {
@@ -46,7 +38,7 @@ public:
     virtual int32_t initialize() = 0;
     // Rebuilds a version-0 `preferences` table in the version-1 layout; does not stamp a version.
     virtual int32_t upgradeVersionFromV0ToV1() = 0;
-    // The system database's user_version, or -1.
+    // The system database's user_version, or Failed (-1).
     virtual int32_t getDatabaseUserVersion() = 0;
     // Adds the `migration` column and stamps version 2; a table that has it is left untouched.
     virtual int32_t upgradeVersionFromV1ToV2() = 0;
@@ -59,7 +51,7 @@ public:
     // keys it still declares).
     virtual int32_t registerPackage(unsigned int uid, const std::string& packageName) = 0;
     // Removes a package row with its permissions (keys left without permission are reaped) and
-    // clears its ownership. -7 when the package is unknown.
+    // clears its ownership. UnknownPackage when the package is unknown.
     virtual int32_t unregisterPackage(unsigned int uid, const std::string& packageName) = 0;
     // Unregisters every known package of `domain` that is not in `present`. Goes on after a
     // failed package and returns the first failure.
@@ -83,29 +75,32 @@ public:
     // Turns Cross keys not owned by a "nimbus.preferences.service" package into User keys.
     virtual int32_t downGradeScopeForPackage() = 0;
 
-    // The current value of `key` for `userId`, or its default when none is stored. A User key
-    // needs userId == currentUserId (else -14); a Cross key needs a userId (else -14).
+    // The current value of `key` for `userId`, or its default when none is stored.
+    // `callerUserId` is the Android user of the calling app (the one-user form passes `userId`):
+    // a User key is only read for the caller's own user (else UserRequired); a Cross key
+    // needs a userId (else UserRequired).
     virtual int32_t getPreferenceValue(const std::optional<unsigned int>& userId,
                                        const std::string& key,
                                        std::optional<std::string>& value) = 0;
     virtual int32_t getPreferenceValue(const std::optional<unsigned int>& userId,
-                                       const std::optional<unsigned int>& currentUserId,
+                                       const std::optional<unsigned int>& callerUserId,
                                        const std::string& key,
                                        std::optional<std::string>& value) = 0;
-    // Stores the current value; returns only after it is committed. A User key needs
-    // userId == currentUserId (else -1); User and Cross keys need a userId (else -14).
+    // Stores the current value; returns only after it is committed. A User key is only written
+    // for the caller's own user, userId == callerUserId (else Failed); User and Cross keys
+    // need a userId (else UserRequired).
     virtual int32_t setPreferenceValue(const std::optional<unsigned int>& userId,
                                        const std::string& key, const std::string& value) = 0;
     virtual int32_t setPreferenceValue(const std::optional<unsigned int>& userId,
-                                       const std::optional<unsigned int>& currentUserId,
+                                       const std::optional<unsigned int>& callerUserId,
                                        const std::string& key, const std::string& value) = 0;
-    // Replaces the default value; -8 when the key is unknown.
+    // Replaces the default value; UnknownKey when the key is unknown.
     virtual int32_t setPreferenceDefault(const std::string& key, const std::string& value) = 0;
     // Removes the current value, so that reads fall back to the default.
     virtual int32_t clearCurrentPreferenceValue(const std::optional<unsigned int>& userId,
                                                 const std::string& key) = 0;
 
-    // -8 for an unknown key; `quiet` suppresses the log line of that case.
+    // UnknownKey for an unknown key; `quiet` suppresses the log line of that case.
     virtual int32_t getPreferenceScope(const std::string& key, PreferenceScope& scope,
                                        bool quiet) = 0;
     virtual int32_t getPreferenceType(const std::string& key, Type& type) = 0;
@@ -114,7 +109,7 @@ public:
                                        std::optional<std::string>& packageName) = 0;
     virtual int32_t clearPreferenceOwnerForNonMigrationKeys(KeySourceDomain domain) = 0;
     // Inserts or updates a package's permission on a key; only Read and ReadWrite are accepted
-    // (else -13).
+    // (else InvalidPermission).
     virtual int32_t setPreferencePermission(const std::string& key, unsigned int uid,
                                             const std::string& packageName,
                                             PreferencePermission permission) = 0;
@@ -133,8 +128,8 @@ public:
     virtual int32_t registerPreferenceListener(unsigned int uid,
                                                const std::vector<std::string>& keys,
                                                unsigned int& listenerId) = 0;
-    // Deletes the listener's rows and releases its id; -12 when it has none for that uid (the id
-    // is released all the same).
+    // Deletes the listener's rows and releases its id; NoListener when it has none for that
+    // uid (the id is released all the same).
     virtual int32_t unregisterPreferenceListener(unsigned int uid, unsigned int listenerId) = 0;
     // Appends (package uid, listener id) for each listener row of `key`.
     virtual int32_t getPreferenceListenersForKey(
@@ -176,8 +171,8 @@ public:
         std::optional<std::string> defaultValue;
     };
     // Appends the definition of every declared key, expired or not, in ascending key order; with
-    // `key`, only that key's (-8 when it is not declared). -1 when the query fails, -3 when the
-    // system database is not open.
+    // `key`, only that key's (UnknownKey when it is not declared). Failed when the query fails
+    // (logged), NotOpen when the system database is not open.
     virtual int32_t getPreferenceDefinitions(const std::optional<std::string>& key,
                                              std::vector<PreferenceDefinition>& definitions) = 0;
 };

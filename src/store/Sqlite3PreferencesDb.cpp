@@ -2,6 +2,7 @@
 #include <log/log.h>
 
 #include "store/Sqlite3PreferencesDb.h"
+#include "store/StoreTexts.h"
 
 #include <dirent.h>
 #include <unistd.h>
@@ -11,10 +12,10 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <regex>
 #include <unordered_set>
 
-#include "store/ScopedStatementReset.h"
 #include "telemetry/Telemetry.h"
 
 namespace Halo::OS {
@@ -98,149 +99,177 @@ constexpr const char* kQueryUpgradeV1ToV2 =
 constexpr const char* kQueryBegin = "BEGIN";
 constexpr const char* kQueryCommit = "COMMIT";
 
-// The statements of the system database, in preparation order (Sqlite3PreferencesDb's
-// SystemStatement enumeration follows this order). The texts are kept exactly as they are: the
-// SET clause of "clear package ownership" joins its assignments with AND, so it only sets
-// owner_package_uid (to NULL) and leaves owner_package_name alone, which unregistering relies on.
-constexpr const char* kSystemStatements[] = {
-        // read the foreign-key setting
-        "PRAGMA foreign_keys",
-        // list packages (name, uid)
-        "SELECT package_name, package_uid FROM packages",
-        // insert package
-        "INSERT INTO packages (package_uid, package_name) VALUES (?, ?)",
-        // delete package
-        "DELETE FROM packages WHERE package_uid = ? AND package_name = ?",
-        // clear package ownership
-        "UPDATE preferences SET owner_package_uid = NULL AND owner_package_name = NULL WHERE "
-        "owner_package_uid = ? AND owner_package_name = ?",
-        // expire keys referenced only by one package
-        "UPDATE preferences SET expires_at = datetime('now') WHERE   KEY IN (SELECT DISTINCT key "
-        "FROM permissions WHERE     package_uid = ? AND package_name = ?) AND   KEY NOT IN (SELECT "
-        "DISTINCT key FROM permissions WHERE     package_uid != ? AND package_name != ?)",
-        // insert key
-        "INSERT INTO preferences (key, type, scope, owner_package_uid, owner_package_name, "
-        "default_value) VALUES (?, ?, ?, ?, ?, ?)",
-        // expire keys not referenced by the service package
-        "UPDATE preferences SET expires_at = datetime('now', ?) WHERE  key NOT IN (SELECT DISTINCT "
-        "key FROM permissions WHERE    package_name LIKE 'nimbus.preferences.service%' )",
-        // expire orphaned keys
-        "UPDATE preferences SET expires_at = datetime('now', ?) WHERE   (NOT EXISTS (SELECT key "
-        "FROM permissions WHERE permissions.key = preferences.key LIMIT 1)      AND (        "
-        "(SELECT owner_package_uid FROM preferences WHERE owner_package_uid IS NULL)        OR     "
-        "   (NOT EXISTS (SELECT package_uid, package_name FROM packages WHERE                     "
-        "packages.package_uid = preferences.owner_package_uid AND                     "
-        "packages.package_name = preferences.owner_package_name                     LIMIT 1))))",
-        // clear expiration
-        "UPDATE preferences SET expires_at = NULL WHERE key = ?",
-        // list expired keys
-        "SELECT key, scope FROM preferences WHERE strftime('%s', 'now') - strftime('%s', "
-        "expires_at) >= 0",
-        // delete expired keys
-        "DELETE FROM preferences WHERE strftime('%s', 'now') - strftime('%s', expires_at) >= 0",
-        // get scope
-        "SELECT scope FROM preferences WHERE key = ?",
-        // set scope
-        "UPDATE preferences SET scope = ? WHERE key = ?",
-        // get type
-        "SELECT type FROM preferences WHERE key = ?",
-        // set type
-        "UPDATE preferences SET type = ? WHERE key = ?",
-        // insert permission
-        "INSERT INTO permissions (key, package_uid, package_name, permission) VALUES (?, ?, ?, ?)",
-        // get permission
-        "SELECT MAX(permission) FROM permissions WHERE key = ? AND package_uid = ?",
-        // update permission
-        "UPDATE permissions SET permission = ? WHERE key = ? AND package_uid = ? AND package_name "
-        "= ?",
-        // clear a package's permissions
-        "DELETE FROM permissions WHERE package_uid = ? AND package_name = ? AND package_name NOT "
-        "LIKE 'nimbus.preferences.service%'",
-        // get owner
-        "SELECT owner_package_uid, owner_package_name FROM preferences WHERE key = ?",
-        // set owner
-        "UPDATE preferences SET owner_package_uid = ?, owner_package_name = ? WHERE key = ?",
-        // clear owner, legacy domain
-        "UPDATE preferences SET owner_package_uid = NULL, owner_package_name = NULL WHERE "
-        "owner_package_name LIKE 'nimbus.preferences.service%'",
-        // clear owner, native-service domain
-        "UPDATE preferences SET owner_package_uid = NULL, owner_package_name = NULL WHERE "
-        "owner_package_name LIKE 'nimbus.preferences.native%'",
-        // clear owner, application domain
-        "UPDATE preferences SET owner_package_uid = NULL, owner_package_name = NULL WHERE "
-        "owner_package_name NOT LIKE 'nimbus.preferences.service%'AND owner_package_name NOT LIKE "
-        "'nimbus.preferences.native%'",
-        // highest listener id
-        "SELECT MAX(listener_uuid) FROM mem.listeners",
-        // insert listener row
-        "INSERT INTO mem.listeners (listener_uuid, key, package_uid) VALUES (?, ?, ?)",
-        // delete listener rows
-        "DELETE FROM mem.listeners WHERE package_uid = ? AND listener_uuid = ?",
-        // listeners of a key
-        "SELECT package_uid, listener_uuid FROM mem.listeners WHERE key = ?",
-        // listener ids of a package
-        "SELECT listener_uuid FROM mem.listeners WHERE package_uid = ?",
-        // delete dangling listener rows
-        "DELETE from mem.listeners WHERE key NOT IN (SELECT key from preferences)",
-        // get default
-        "SELECT default_value FROM preferences WHERE key = ?",
-        // set default
-        "UPDATE preferences SET default_value = ? WHERE key = ?",
-        // insert value row
-        "INSERT INTO preference_values (key) VALUES (?)",
-        // get current value
-        "SELECT current_value FROM preference_values WHERE key = ?",
-        // update current value
-        "UPDATE preference_values SET current_value = ? WHERE key = ?",
-        // clear current value
-        "DELETE FROM preference_values WHERE key = ?",
-        // delete value row
-        "DELETE FROM preference_values WHERE key = ?",
-        // dump packages
-        "SELECT package_uid, package_name FROM packages",
-        // dump permissions
-        "SELECT key, package_uid, permission FROM permissions",
-        // dump values
-        "SELECT key, current_value FROM preference_values",
-        // dump listeners
-        "SELECT listener_uuid, key, package_uid FROM mem.listeners",
-        // expire keys of the legacy domain
-        "UPDATE preferences SET expires_at = datetime('now', ?) WHERE  key IN (SELECT DISTINCT key "
-        "FROM permissions WHERE    package_name LIKE 'nimbus.preferences.service%' )",
-        // expire keys of the native-service domain
-        "UPDATE preferences SET expires_at = datetime('now', ?) WHERE  key IN (SELECT DISTINCT key "
-        "FROM permissions WHERE    package_name LIKE 'nimbus.preferences.native%' )",
-        // expire keys of the application domain
-        "UPDATE preferences SET expires_at = datetime('now', ?) WHERE  key NOT IN (SELECT DISTINCT "
-        "key FROM permissions WHERE    package_name LIKE 'nimbus.preferences.service%'    OR "
-        "package_name LIKE 'nimbus.preferences.native%' )",
-        // downgrade cross-user scope
-        "UPDATE preferences SET scope = 1 WHERE scope = 2 AND (owner_package_name NOT LIKE "
-        "'nimbus.preferences.service%' OR owner_package_name IS NULL)",
-        // read schema version
-        "SELECT * FROM pragma_user_version LIMIT 1",
-        // test for the `migration` column
-        "SELECT name FROM pragma_table_info('preferences') WHERE name = 'migration'",
+}  // namespace
 
-        // The store's own statements, not of the fixed set above.
-        // one key on which the package holds a permission and that has not expired (the test of
-        // "list expired keys", negated; an unreadable expiry counts as not expired)
-        "SELECT 1 FROM permissions JOIN preferences ON preferences.key = permissions.key WHERE "
-        "permissions.package_uid = ? AND permissions.package_name = ? AND NOT "
-        "coalesce(strftime('%s', 'now') - strftime('%s', preferences.expires_at) >= 0, 0) LIMIT 1",
-};
-static_assert(sizeof(kSystemStatements) / sizeof(kSystemStatements[0]) == 49);
+// The statements of the system database and of a user database, in preparation order, each text
+// beside the enumerator it is prepared for. The texts are kept exactly as they are: the SET clause
+// of "clear package ownership" joins its assignments with AND, so it only sets owner_package_uid
+// (to NULL) and leaves owner_package_name alone, which unregistering relies on.
+struct Sqlite3PreferencesDb::StatementTexts {
+    struct System {
+        SystemStatement id;
+        const char* sql;
+    };
+    struct Value {
+        ValueStatement id;
+        const char* sql;
+    };
 
-// The statements of a user database, in the order of the ValueStatement enumeration.
-constexpr const char* kUserStatements[] = {
-        "INSERT INTO preference_values (key) VALUES (?)",
-        "SELECT current_value FROM preference_values WHERE key = ?",
-        "UPDATE preference_values SET current_value = ? WHERE key = ?",
-        "DELETE FROM preference_values WHERE key = ?",
-        "DELETE FROM preference_values WHERE key = ?",
-        "SELECT key, current_value FROM preference_values",
+    static constexpr System kSystem[] = {
+            {kForeignKeys, "PRAGMA foreign_keys"},
+            {kListPackages, "SELECT package_name, package_uid FROM packages"},
+            {kInsertPackage, "INSERT INTO packages (package_uid, package_name) VALUES (?, ?)"},
+            {kDeletePackage, "DELETE FROM packages WHERE package_uid = ? AND package_name = ?"},
+            {kClearPackageOwnership,
+             "UPDATE preferences SET owner_package_uid = NULL AND owner_package_name = NULL WHERE "
+             "owner_package_uid = ? AND owner_package_name = ?"},
+            {kExpireReferencedOnlyByPackage,
+             "UPDATE preferences SET expires_at = datetime('now') WHERE   KEY IN (SELECT DISTINCT "
+             "key "
+             "FROM permissions WHERE     package_uid = ? AND package_name = ?) AND   KEY NOT IN "
+             "(SELECT "
+             "DISTINCT key FROM permissions WHERE     package_uid != ? AND package_name != ?)"},
+            {kInsertPreference,
+             "INSERT INTO preferences (key, type, scope, owner_package_uid, owner_package_name, "
+             "default_value) VALUES (?, ?, ?, ?, ?, ?)"},
+            {kExpireNotReferencedByService,
+             "UPDATE preferences SET expires_at = datetime('now', ?) WHERE  key NOT IN (SELECT "
+             "DISTINCT "
+             "key FROM permissions WHERE    package_name LIKE 'nimbus.preferences.service%' )"},
+            {kExpireOrphaned,
+             "UPDATE preferences SET expires_at = datetime('now', ?) WHERE   (NOT EXISTS (SELECT "
+             "key "
+             "FROM permissions WHERE permissions.key = preferences.key LIMIT 1)      AND (        "
+             "(SELECT owner_package_uid FROM preferences WHERE owner_package_uid IS NULL)        "
+             "OR     "
+             "   (NOT EXISTS (SELECT package_uid, package_name FROM packages WHERE                 "
+             "    "
+             "packages.package_uid = preferences.owner_package_uid AND                     "
+             "packages.package_name = preferences.owner_package_name                     LIMIT "
+             "1))))"},
+            {kClearExpiration, "UPDATE preferences SET expires_at = NULL WHERE key = ?"},
+            {kListExpired,
+             "SELECT key, scope FROM preferences WHERE strftime('%s', 'now') - strftime('%s', "
+             "expires_at) >= 0"},
+            {kDeleteExpired,
+             "DELETE FROM preferences WHERE strftime('%s', 'now') - strftime('%s', expires_at) >= "
+             "0"},
+            {kGetScope, "SELECT scope FROM preferences WHERE key = ?"},
+            {kSetScope, "UPDATE preferences SET scope = ? WHERE key = ?"},
+            {kGetType, "SELECT type FROM preferences WHERE key = ?"},
+            {kSetType, "UPDATE preferences SET type = ? WHERE key = ?"},
+            {kInsertPermission,
+             "INSERT INTO permissions (key, package_uid, package_name, permission) VALUES (?, ?, "
+             "?, ?)"},
+            {kGetPermission,
+             "SELECT MAX(permission) FROM permissions WHERE key = ? AND package_uid = ?"},
+            {kUpdatePermission,
+             "UPDATE permissions SET permission = ? WHERE key = ? AND package_uid = ? AND "
+             "package_name "
+             "= ?"},
+            {kClearPackagePermissions,
+             "DELETE FROM permissions WHERE package_uid = ? AND package_name = ? AND package_name "
+             "NOT "
+             "LIKE 'nimbus.preferences.service%'"},
+            {kGetOwner,
+             "SELECT owner_package_uid, owner_package_name FROM preferences WHERE key = ?"},
+            {kSetOwner,
+             "UPDATE preferences SET owner_package_uid = ?, owner_package_name = ? WHERE key = ?"},
+            {kClearOwnerLegacy,
+             "UPDATE preferences SET owner_package_uid = NULL, owner_package_name = NULL WHERE "
+             "owner_package_name LIKE 'nimbus.preferences.service%'"},
+            {kClearOwnerNativeService,
+             "UPDATE preferences SET owner_package_uid = NULL, owner_package_name = NULL WHERE "
+             "owner_package_name LIKE 'nimbus.preferences.native%'"},
+            {kClearOwnerApplication,
+             "UPDATE preferences SET owner_package_uid = NULL, owner_package_name = NULL WHERE "
+             "owner_package_name NOT LIKE 'nimbus.preferences.service%'AND owner_package_name NOT "
+             "LIKE "
+             "'nimbus.preferences.native%'"},
+            {kMaxListenerId, "SELECT MAX(listener_uuid) FROM mem.listeners"},
+            {kInsertListener,
+             "INSERT INTO mem.listeners (listener_uuid, key, package_uid) VALUES (?, ?, ?)"},
+            {kDeleteListener,
+             "DELETE FROM mem.listeners WHERE package_uid = ? AND listener_uuid = ?"},
+            {kListenersOfKey, "SELECT package_uid, listener_uuid FROM mem.listeners WHERE key = ?"},
+            {kListenerIdsOfPackage,
+             "SELECT listener_uuid FROM mem.listeners WHERE package_uid = ?"},
+            {kDeleteDanglingListeners,
+             "DELETE from mem.listeners WHERE key NOT IN (SELECT key from preferences)"},
+            {kGetDefault, "SELECT default_value FROM preferences WHERE key = ?"},
+            {kSetDefault, "UPDATE preferences SET default_value = ? WHERE key = ?"},
+            {kInsertValueRow, "INSERT INTO preference_values (key) VALUES (?)"},
+            {kGetCurrentValue, "SELECT current_value FROM preference_values WHERE key = ?"},
+            {kUpdateCurrentValue, "UPDATE preference_values SET current_value = ? WHERE key = ?"},
+            {kClearCurrentValue, "DELETE FROM preference_values WHERE key = ?"},
+            {kDeleteValueRow, "DELETE FROM preference_values WHERE key = ?"},
+            {kDumpPackages, "SELECT package_uid, package_name FROM packages"},
+            {kDumpPermissions, "SELECT key, package_uid, permission FROM permissions"},
+            {kDumpValues, "SELECT key, current_value FROM preference_values"},
+            {kDumpListeners, "SELECT listener_uuid, key, package_uid FROM mem.listeners"},
+            {kExpireLegacy,
+             "UPDATE preferences SET expires_at = datetime('now', ?) WHERE  key IN (SELECT "
+             "DISTINCT key "
+             "FROM permissions WHERE    package_name LIKE 'nimbus.preferences.service%' )"},
+            {kExpireNativeService,
+             "UPDATE preferences SET expires_at = datetime('now', ?) WHERE  key IN (SELECT "
+             "DISTINCT key "
+             "FROM permissions WHERE    package_name LIKE 'nimbus.preferences.native%' )"},
+            {kExpireApplication,
+             "UPDATE preferences SET expires_at = datetime('now', ?) WHERE  key NOT IN (SELECT "
+             "DISTINCT "
+             "key FROM permissions WHERE    package_name LIKE 'nimbus.preferences.service%'    OR "
+             "package_name LIKE 'nimbus.preferences.native%' )"},
+            {kDowngradeCrossScope,
+             "UPDATE preferences SET scope = 1 WHERE scope = 2 AND (owner_package_name NOT LIKE "
+             "'nimbus.preferences.service%' OR owner_package_name IS NULL)"},
+            {kUserVersion, "SELECT * FROM pragma_user_version LIMIT 1"},
+            {kHasMigrationColumn,
+             "SELECT name FROM pragma_table_info('preferences') WHERE name = 'migration'"},
+            // The store's own statements, not of the fixed set above.
+            // one key on which the package holds a permission and that has not expired (the test of
+            // "list expired keys", negated; an unreadable expiry counts as not expired)
+            {kFindUnexpiredKeyOfPackage,
+             "SELECT 1 FROM permissions JOIN preferences ON preferences.key = permissions.key "
+             "WHERE "
+             "permissions.package_uid = ? AND permissions.package_name = ? AND NOT "
+             "coalesce(strftime('%s', 'now') - strftime('%s', preferences.expires_at) >= 0, 0) "
+             "LIMIT 1"},
+            // every key's definition, and one key's (the owner's name only counts with an owner
+            // uid: clearing a package's ownership leaves the name behind)
+            {kListDefinitions,
+             "SELECT key, type, scope, CASE WHEN owner_package_uid IS NULL THEN NULL ELSE "
+             "owner_package_name END, default_value FROM preferences ORDER BY key"},
+            {kGetDefinition,
+             "SELECT key, type, scope, CASE WHEN owner_package_uid IS NULL THEN NULL ELSE "
+             "owner_package_name END, default_value FROM preferences WHERE key = ?"},
+    };
+    static constexpr Value kUser[] = {
+            {kValueInsertRow, "INSERT INTO preference_values (key) VALUES (?)"},
+            {kValueGetCurrent, "SELECT current_value FROM preference_values WHERE key = ?"},
+            {kValueUpdateCurrent, "UPDATE preference_values SET current_value = ? WHERE key = ?"},
+            {kValueClearCurrent, "DELETE FROM preference_values WHERE key = ?"},
+            {kValueDeleteRow, "DELETE FROM preference_values WHERE key = ?"},
+            {kValueDump, "SELECT key, current_value FROM preference_values"},
+    };
+
+    // Every enumerator has its text, in enumeration order: a missing, extra or misplaced entry
+    // does not compile.
+    template <typename Entry, size_t kCount>
+    static constexpr bool inOrder(const Entry (&entries)[kCount]) {
+        for (size_t i = 0; i < kCount; ++i) {
+            if (static_cast<size_t>(entries[i].id) != i) return false;
+        }
+        return true;
+    }
+    // Compiled for its checks only (in a member function, where the class is complete).
+    static void checkTables() {
+        static_assert(std::size(kSystem) == kSystemStatementCount && inOrder(kSystem));
+        static_assert(std::size(kUser) == kValueStatementCount && inOrder(kUser));
+    }
 };
-static_assert(sizeof(kUserStatements) / sizeof(kUserStatements[0]) == 6);
+
+namespace {
 
 // Rolls back a transaction that a failed multi-statement text began and left open.
 void rollBackLeftOpenTransaction(sqlite3* db, bool wasAutocommit) {
@@ -254,7 +283,7 @@ void rollBackLeftOpenTransaction(sqlite3* db, bool wasAutocommit) {
 Sqlite3PreferencesDb::Sqlite3PreferencesDb() = default;
 
 Sqlite3PreferencesDb::~Sqlite3PreferencesDb() {
-    if (uninitialize() != 0) ALOGE("Unable to uninitialize DB during destruction.");
+    if (uninitialize() != StoreStatus::Ok) ALOGE("Unable to uninitialize DB during destruction.");
 }
 
 // ---- Paths ----
@@ -365,7 +394,7 @@ int32_t Sqlite3PreferencesDb::executeRawQuery(const char* sql, sqlite3* db,
     if (db == nullptr) {
         ALOGE("Unable to execute raw query because DB (scope=%s) is not initialized.",
               scopeToString(scopeForLogs));
-        return -3;
+        return StoreStatus::NotOpen;
     }
     char* error = nullptr;
     if (sqlite3_exec(db, sql, nullptr, nullptr, &error) != SQLITE_OK) {
@@ -376,9 +405,9 @@ int32_t Sqlite3PreferencesDb::executeRawQuery(const char* sql, sqlite3* db,
         ALOGE("Failed to execute raw query: %s", details.c_str());
         Telemetry::report("executerawquery_error_sqlite3_exec:" + details);
         sqlite3_free(error);
-        return -1;
+        return StoreStatus::Failed;
     }
-    return 0;
+    return StoreStatus::Ok;
 }
 
 bool Sqlite3PreferencesDb::resetPreparedStatement(sqlite3_stmt* statement) {
@@ -394,22 +423,15 @@ bool Sqlite3PreferencesDb::resetPreparedStatement(sqlite3_stmt* statement) {
 int32_t Sqlite3PreferencesDb::resetPreparedStatements() {
     if (mSystemDb != nullptr) {
         for (sqlite3_stmt* statement : mSystemDb->statements) {
-            if (!resetPreparedStatement(statement)) return -4;
+            if (!resetPreparedStatement(statement)) return StoreStatus::CreateFailed;
         }
     }
     for (auto& [userId, record] : mUserDbs) {
         for (sqlite3_stmt* statement : record->statements) {
-            if (!resetPreparedStatement(statement)) return -4;
+            if (!resetPreparedStatement(statement)) return StoreStatus::CreateFailed;
         }
     }
-    return 0;
-}
-
-bool Sqlite3PreferencesDb::prepareToRun(sqlite3_stmt* statement, PreferenceScope scope,
-                                        const std::optional<unsigned int>& userId) {
-    if (resetPreparedStatement(statement)) return true;
-    logFailureToBuildQuery(scope, userId);
-    return false;
+    return StoreStatus::Ok;
 }
 
 int Sqlite3PreferencesDb::step(sqlite3_stmt* statement) {
@@ -417,13 +439,28 @@ int Sqlite3PreferencesDb::step(sqlite3_stmt* statement) {
     return sqlite3_step(statement);
 }
 
-int32_t Sqlite3PreferencesDb::runWrite(sqlite3_stmt* statement, PreferenceScope scope,
-                                       const std::optional<unsigned int>& userId) {
-    if (step(statement) != SQLITE_DONE) {
-        logFailureToExecutePreparedStatement(statement, scope, userId);
-        return -1;
-    }
-    return 0;
+Sqlite3PreferencesDb::Query::~Query() {
+    if (mStatement == nullptr) return;
+    sqlite3_reset(mStatement);
+    sqlite3_clear_bindings(mStatement);
+}
+
+int32_t Sqlite3PreferencesDb::Query::write() {
+    if (!mBuilt) return StoreStatus::Failed;
+    if (step() == SQLITE_DONE) return StoreStatus::Ok;
+    logFailedStep();
+    return StoreStatus::Failed;
+}
+
+int32_t Sqlite3PreferencesDb::Query::writeValue() {
+    if (!mBuilt) return StoreStatus::Failed;
+    if (stepValue() == SQLITE_DONE) return StoreStatus::Ok;
+    logFailedStep();
+    return StoreStatus::Failed;
+}
+
+void Sqlite3PreferencesDb::Query::logFailedStep() {
+    mStore.logFailureToExecutePreparedStatement(mStatement, mScope, mUserId);
 }
 
 sqlite3* Sqlite3PreferencesDb::metadataDb() const {
@@ -471,15 +508,6 @@ int Sqlite3PreferencesDb::stepValueWrite(sqlite3_stmt* statement, PreferenceScop
     return result;
 }
 
-int32_t Sqlite3PreferencesDb::runValueWrite(sqlite3_stmt* statement, PreferenceScope scope,
-                                            const std::optional<unsigned int>& userId) {
-    if (stepValueWrite(statement, scope) != SQLITE_DONE) {
-        logFailureToExecutePreparedStatement(statement, scope, userId);
-        return -1;
-    }
-    return 0;
-}
-
 int Sqlite3PreferencesDb::changedRows(PreferenceScope scope,
                                       const std::optional<unsigned int>& userId) {
     sqlite3* db = getDbForScope(scope, userId);
@@ -503,7 +531,7 @@ void Sqlite3PreferencesDb::closeHalfOpenSystemDb() {
 }
 
 int32_t Sqlite3PreferencesDb::initializeSystemDb() {
-    if (mSystemDb != nullptr && mSystemDb->state == DbState::Ready) return 0;
+    if (mSystemDb != nullptr && mSystemDb->state == DbState::Ready) return StoreStatus::Ok;
     // A connection left open by a failed attempt would otherwise leak with its record.
     closeHalfOpenSystemDb();
     mSystemDb = std::make_unique<SystemDb>();
@@ -515,45 +543,45 @@ int32_t Sqlite3PreferencesDb::initializeSystemDb() {
         Telemetry::report("systemdbinit_error");
         // The handle stays with the record (state Opening): later queries on it fail as queries
         // and report their error, and the next attempt or uninitialize() closes it.
-        return -2;
+        return StoreStatus::OpenFailed;
     }
     mMetadata.attach(mSystemDb->db);
     mSystemValues.clear();
     int32_t result = initializeInMemDb();
-    if (result != 0) {
+    if (result != StoreStatus::Ok) {
         ALOGE("Unable to initalize in memory DB.");
         Telemetry::report("systemdbinit_error_attach_in_mem_db");
         return result;
     }
-    if (configureSystemCache() != 0) {
+    if (configureSystemCache() != StoreStatus::Ok) {
         ALOGE("Unable to configure cache for system DB.");
         Telemetry::report("systemdbinit_error_cache");
     }
     configureDurability(mSystemDb->db, PreferenceScope::System, std::nullopt);
     result = createSystemTables();
-    if (result != 0) {
+    if (result != StoreStatus::Ok) {
         ALOGE("Failed to create system DB tables.");
         Telemetry::report("systemdbinit_error_tables_creation");
         return result;
     }
     createSystemIndexes();
     result = initializePreparedStatementsForSystemDb();
-    if (result != 0) return result;
+    if (result != StoreStatus::Ok) return result;
     result = configureForeignKeys();
-    if (result != 0) {
+    if (result != StoreStatus::Ok) {
         ALOGE("Unable to enable foreign keys. Cascade deletion would fail, preventing cleanup of "
               "orphaned data.");
         Telemetry::report("systemdbinit_error_foreignkeys");
         return result;
     }
     mSystemDb->state = DbState::Ready;
-    return 0;
+    return StoreStatus::Ok;
 }
 
 int32_t Sqlite3PreferencesDb::initializeInMemDb() {
     const int32_t result =
             executeRawQuery(kQueryAttachInMemDb, mSystemDb->db, PreferenceScope::System);
-    if (result != 0) {
+    if (result != StoreStatus::Ok) {
         ALOGE("Failed to create in memory database");
         Telemetry::report("systemdbinit_error_attach_in_mem_db");
     }
@@ -562,13 +590,13 @@ int32_t Sqlite3PreferencesDb::initializeInMemDb() {
 
 int32_t Sqlite3PreferencesDb::configureSystemCache() {
     sqlite3* db = mSystemDb->db;
-    if (executeRawQuery(kQueryCacheSize, db, PreferenceScope::System) != 0 ||
-        executeRawQuery(kQueryPageSize, db, PreferenceScope::System) != 0) {
+    if (executeRawQuery(kQueryCacheSize, db, PreferenceScope::System) != StoreStatus::Ok ||
+        executeRawQuery(kQueryPageSize, db, PreferenceScope::System) != StoreStatus::Ok) {
         ALOGE("Unable to configure database cache size of system database. Memory usage "
               "increase.");
-        return -1;
+        return StoreStatus::Failed;
     }
-    return 0;
+    return StoreStatus::Ok;
 }
 
 // Durability: a value write that returned 0 must survive a crash of the service process right
@@ -592,28 +620,29 @@ int32_t Sqlite3PreferencesDb::configureDurability(sqlite3* db, PreferenceScope s
         if (text != nullptr) mode = reinterpret_cast<const char*>(text);
     }
     sqlite3_finalize(statement);
-    int32_t result = 0;
+    int32_t result = StoreStatus::Ok;
     if (mode != "wal") {
         ALOGW("Unable to enable write-ahead logging (scope %s, user %d); journal mode is '%s'.",
-              scopeToString(scope), userId.has_value() ? static_cast<int>(*userId) : -1,
-              mode.c_str());
-        result = -4;
+              scopeToString(scope),
+              userId.has_value() ? static_cast<int>(*userId) : StoreStatus::Failed, mode.c_str());
+        result = StoreStatus::CreateFailed;
     }
-    if (executeRawQuery(kQuerySynchronousNormal, db, scope) != 0) result = -4;
+    if (executeRawQuery(kQuerySynchronousNormal, db, scope) != StoreStatus::Ok)
+        result = StoreStatus::CreateFailed;
     return result;
 }
 
 int32_t Sqlite3PreferencesDb::createSystemTables() {
     sqlite3* db = mSystemDb->db;
-    if (executeRawQuery(kQueryDropListeners, db, PreferenceScope::System) != 0) {
+    if (executeRawQuery(kQueryDropListeners, db, PreferenceScope::System) != StoreStatus::Ok) {
         ALOGE("Failed to remove all existing listeners.");
-        return -4;
+        return StoreStatus::CreateFailed;
     }
     mListenerIds.clear();
     const char* preferencesTable = getQueryCreatePreferencesMapTable();
     if (preferencesTable == nullptr) {
         ALOGE("Failed to create one or more tables in system DB.");
-        return -4;
+        return StoreStatus::CreateFailed;
     }
     if (strcmp(preferencesTable, kQueryCreatePreferencesMapTable) == 0) {
         // Only a database without tables is new; it gets the current layout and so the current
@@ -622,18 +651,18 @@ int32_t Sqlite3PreferencesDb::createSystemTables() {
         if (sqlite3_prepare_v2(db, kQueryCheckIfTableIsEmpty, -1, &check, nullptr) != SQLITE_OK) {
             ALOGE("Error initializing prepared statements: kQueryCheckIfTableIsEmpty");
             sqlite3_finalize(check);
-            return -4;
+            return StoreStatus::CreateFailed;
         }
         if (sqlite3_step(check) != SQLITE_ROW) {
             ALOGE("database is not configured right");
             sqlite3_finalize(check);
-            return -4;
+            return StoreStatus::CreateFailed;
         }
         if (sqlite3_column_int64(check, 0) == 0 &&
-            executeRawQuery(kQueryStampVersion2, db, PreferenceScope::System) != 0) {
+            executeRawQuery(kQueryStampVersion2, db, PreferenceScope::System) != StoreStatus::Ok) {
             ALOGE("failed to add user version to database");
             sqlite3_finalize(check);
-            return -4;
+            return StoreStatus::CreateFailed;
         }
         sqlite3_finalize(check);
     }
@@ -641,13 +670,13 @@ int32_t Sqlite3PreferencesDb::createSystemTables() {
                             kQueryCreatePermissionsTable, kQueryCreateValuesTable,
                             kQueryCreateListenersTable};
     for (const char* table : tables) {
-        if (executeRawQuery(table, db, PreferenceScope::System) != 0) {
+        if (executeRawQuery(table, db, PreferenceScope::System) != StoreStatus::Ok) {
             ALOGE("Failed to create one or more tables in system DB.");
-            return -4;
+            return StoreStatus::CreateFailed;
         }
     }
-    if (createReapOrphanedPreferencesTrigger() != 0) return -4;
-    return 0;
+    if (createReapOrphanedPreferencesTrigger() != StoreStatus::Ok) return StoreStatus::CreateFailed;
+    return StoreStatus::Ok;
 }
 
 void Sqlite3PreferencesDb::createSystemIndexes() {
@@ -661,7 +690,7 @@ int32_t Sqlite3PreferencesDb::createReapOrphanedPreferencesTrigger() {
     const int32_t result = executeRawQuery(kQueryCreateReapOrphanedPreferencesTrigger,
                                            getDbForScope(PreferenceScope::System, std::nullopt),
                                            PreferenceScope::System);
-    if (result != 0) ALOGE("Failed to create trigger to reap orphaned preferences.");
+    if (result != StoreStatus::Ok) ALOGE("Failed to create trigger to reap orphaned preferences.");
     return result;
 }
 
@@ -669,39 +698,39 @@ int32_t Sqlite3PreferencesDb::dropReapOrphanedPreferencesTrigger() {
     const int32_t result = executeRawQuery(kQueryDropReapOrphanedPreferencesTrigger,
                                            getDbForScope(PreferenceScope::System, std::nullopt),
                                            PreferenceScope::System);
-    if (result != 0) ALOGE("Failed to drop trigger to reap orphaned preferences.");
+    if (result != StoreStatus::Ok) ALOGE("Failed to drop trigger to reap orphaned preferences.");
     return result;
 }
 
 int32_t Sqlite3PreferencesDb::initializePreparedStatementsForSystemDb() {
     for (size_t i = 0; i < kSystemStatementCount; ++i) {
-        if (sqlite3_prepare_v2(mSystemDb->db, kSystemStatements[i], -1, &mSystemDb->statements[i],
-                               nullptr) != SQLITE_OK) {
+        if (sqlite3_prepare_v2(mSystemDb->db, StatementTexts::kSystem[i].sql, -1,
+                               &mSystemDb->statements[i], nullptr) != SQLITE_OK) {
             ALOGE("Error initializing prepared statements for system DB.");
-            return -4;
+            return StoreStatus::CreateFailed;
         }
     }
-    return 0;
+    return StoreStatus::Ok;
 }
 
 int32_t Sqlite3PreferencesDb::configureForeignKeys() {
-    if (executeRawQuery(kQueryForeignKeysOn, mSystemDb->db, PreferenceScope::System) != 0) {
-        return -4;
+    if (executeRawQuery(kQueryForeignKeysOn, mSystemDb->db, PreferenceScope::System) !=
+        StoreStatus::Ok) {
+        return StoreStatus::CreateFailed;
     }
-    sqlite3_stmt* statement = systemStatement(kForeignKeys);
-    if (!prepareToRun(statement, PreferenceScope::System)) return -1;
-    ScopedStatementReset reset(statement);
-    switch (step(statement)) {
+    Query query = systemQuery(kForeignKeys);
+    if (!query.built()) return StoreStatus::Failed;
+    switch (query.step()) {
         case SQLITE_DONE:
             ALOGE("Foreign keys are not supported due to incorrect compilation flags.");
-            return -4;
+            return StoreStatus::CreateFailed;
         case SQLITE_ROW:
-            if (sqlite3_column_int(statement, 0) == 1) return 0;
+            if (sqlite3_column_int(query.statement(), 0) == 1) return StoreStatus::Ok;
             ALOGE("Foreign keys were not enabled.");
-            return -4;
+            return StoreStatus::CreateFailed;
         default:
-            logFailureToExecutePreparedStatement(statement, PreferenceScope::System);
-            return -1;
+            query.logFailedStep();
+            return StoreStatus::Failed;
     }
 }
 
@@ -715,32 +744,32 @@ void Sqlite3PreferencesDb::uninitializePreparedStatementsForSystemDb() {
 int32_t Sqlite3PreferencesDb::uninitializeSystemDb() {
     mMetadata.detach();
     mSystemValues.clear();
-    if (mSystemDb == nullptr || mSystemDb->state == DbState::Closed) return 0;
+    if (mSystemDb == nullptr || mSystemDb->state == DbState::Closed) return StoreStatus::Ok;
     uninitializePreparedStatementsForSystemDb();
     if (sqlite3_close(mSystemDb->db) != SQLITE_OK) {
         ALOGE("Failed to close db system DB.");
-        return -5;
+        return StoreStatus::CloseFailed;
     }
     mSystemDb->db = nullptr;
     mSystemDb->state = DbState::Closed;
-    return 0;
+    return StoreStatus::Ok;
 }
 
 int32_t Sqlite3PreferencesDb::uninitialize() {
-    int32_t result = 0;
-    if (uninitializeSystemDb() != 0) {
+    int32_t result = StoreStatus::Ok;
+    if (uninitializeSystemDb() != StoreStatus::Ok) {
         ALOGE("Unable to uninitialize system DB.");
-        result = -5;
+        result = StoreStatus::CloseFailed;
     }
     for (const auto& [userId, record] : mUserDbs) {
-        if (uninitializeUserDb(userId) != 0) {
+        if (uninitializeUserDb(userId) != StoreStatus::Ok) {
             ALOGE("Unable to uninitialize user DB for %d.", userId);
-            result = -5;
+            result = StoreStatus::CloseFailed;
         }
     }
     if (sqlite3_shutdown() != SQLITE_OK) {
         ALOGE("Failed to shutdown DB.");
-        result = -5;
+        result = StoreStatus::CloseFailed;
     }
     return result;
 }
@@ -748,66 +777,68 @@ int32_t Sqlite3PreferencesDb::uninitialize() {
 // ---- Versions ----
 
 int32_t Sqlite3PreferencesDb::getDatabaseUserVersion() {
-    sqlite3_stmt* statement = systemStatement(kUserVersion);
-    if (!prepareToRun(statement, PreferenceScope::System)) return -1;
-    ScopedStatementReset reset(statement);
-    if (step(statement) != SQLITE_ROW) return -1;
-    return sqlite3_column_int(statement, 0);
+    Query query = systemQuery(kUserVersion);
+    if (!query.built() || query.step() != SQLITE_ROW) return StoreStatus::Failed;
+    return sqlite3_column_int(query.statement(), 0);
 }
 
 int32_t Sqlite3PreferencesDb::upgradeVersionFromV0ToV1() {
     resetPreparedStatements();
     sqlite3* db = getDbForScope(PreferenceScope::System, std::nullopt);
-    if (executeRawQuery(kQueryUpgradeForeignKeysOff, db, PreferenceScope::System) != 0) {
+    if (executeRawQuery(kQueryUpgradeForeignKeysOff, db, PreferenceScope::System) !=
+        StoreStatus::Ok) {
         ALOGE("Failed to turn foreign_keys off");
-        return -16;
+        return StoreStatus::UpgradeFailed;
     }
     // Since SQLite 3.26, RENAME TABLE checks every trigger of the schema, and between the DROP and
     // the RENAME the reaping trigger names a table that does not exist, which fails the rename.
     // The trigger is therefore taken away for the rebuild and put back afterwards.
-    if (dropReapOrphanedPreferencesTrigger() != 0) return -16;
+    if (dropReapOrphanedPreferencesTrigger() != StoreStatus::Ok) return StoreStatus::UpgradeFailed;
     const bool wasAutocommit = sqlite3_get_autocommit(db) != 0;
     const int32_t upgraded = executeRawQuery(kQueryUpgradeV0ToV1, db, PreferenceScope::System);
-    if (upgraded != 0) {
+    if (upgraded != StoreStatus::Ok) {
         ALOGE("Failed to upgrade system DB from version 0 to 1");
         rollBackLeftOpenTransaction(db, wasAutocommit);
     }
-    if (createReapOrphanedPreferencesTrigger() != 0 || upgraded != 0) return -16;
-    if (executeRawQuery(kQueryUpgradeForeignKeysOn, db, PreferenceScope::System) != 0) {
+    if (createReapOrphanedPreferencesTrigger() != StoreStatus::Ok || upgraded != StoreStatus::Ok)
+        return StoreStatus::UpgradeFailed;
+    if (executeRawQuery(kQueryUpgradeForeignKeysOn, db, PreferenceScope::System) !=
+        StoreStatus::Ok) {
         ALOGE("Failed to turn foreign_keys on");
-        return -16;
+        return StoreStatus::UpgradeFailed;
     }
-    return 0;
+    return StoreStatus::Ok;
 }
 
 int32_t Sqlite3PreferencesDb::upgradeVersionFromV1ToV2() {
-    sqlite3_stmt* statement = systemStatement(kHasMigrationColumn);
-    if (!prepareToRun(statement, PreferenceScope::System)) return -1;
     {
-        ScopedStatementReset reset(statement);
+        Query query = systemQuery(kHasMigrationColumn);
+        if (!query.built()) return StoreStatus::Failed;
         // Only a row proves the column is there; no row, or a failed step, goes on to add it.
-        if (step(statement) == SQLITE_ROW) return 0;
+        if (query.step() == SQLITE_ROW) return StoreStatus::Ok;
     }
     sqlite3* db = getDbForScope(PreferenceScope::System, std::nullopt);
-    if (executeRawQuery(kQueryUpgradeForeignKeysOff, db, PreferenceScope::System) != 0) {
+    if (executeRawQuery(kQueryUpgradeForeignKeysOff, db, PreferenceScope::System) !=
+        StoreStatus::Ok) {
         ALOGE("Failed to turn foreign_keys off");
-        return -16;
+        return StoreStatus::UpgradeFailed;
     }
     const bool wasAutocommit = sqlite3_get_autocommit(db) != 0;
-    if (executeRawQuery(kQueryUpgradeV1ToV2, db, PreferenceScope::System) != 0) {
+    if (executeRawQuery(kQueryUpgradeV1ToV2, db, PreferenceScope::System) != StoreStatus::Ok) {
         ALOGE("Failed to upgrade system DB from version 1 to 2");
         rollBackLeftOpenTransaction(db, wasAutocommit);
-        return -16;
+        return StoreStatus::UpgradeFailed;
     }
-    if (executeRawQuery(kQueryStampVersion2, db, PreferenceScope::System) != 0) {
+    if (executeRawQuery(kQueryStampVersion2, db, PreferenceScope::System) != StoreStatus::Ok) {
         ALOGE("failed to put a user version in database");
-        return -4;
+        return StoreStatus::CreateFailed;
     }
-    if (executeRawQuery(kQueryUpgradeForeignKeysOn, db, PreferenceScope::System) != 0) {
+    if (executeRawQuery(kQueryUpgradeForeignKeysOn, db, PreferenceScope::System) !=
+        StoreStatus::Ok) {
         ALOGE("Failed to turn foreign_keys on");
-        return -16;
+        return StoreStatus::UpgradeFailed;
     }
-    return 0;
+    return StoreStatus::Ok;
 }
 
 // ---- Batches ----
@@ -816,8 +847,8 @@ int32_t Sqlite3PreferencesDb::beginBatch() {
     const int32_t result =
             executeRawQuery(kQueryBegin, getDbForScope(PreferenceScope::System, std::nullopt),
                             PreferenceScope::System);
-    if (result != 0) ALOGE("Failed to begin batch mode transaction for system DB");
-    mInBatch = result == 0;
+    if (result != StoreStatus::Ok) ALOGE("Failed to begin batch mode transaction for system DB");
+    mInBatch = result == StoreStatus::Ok;
     mBatchUserIds.reset();
     return result;
 }
@@ -826,7 +857,7 @@ int32_t Sqlite3PreferencesDb::commitBatch() {
     const int32_t result =
             executeRawQuery(kQueryCommit, getDbForScope(PreferenceScope::System, std::nullopt),
                             PreferenceScope::System);
-    if (result != 0) ALOGE("Failed to commit batch operations for system DB");
+    if (result != StoreStatus::Ok) ALOGE("Failed to commit batch operations for system DB");
     mInBatch = false;
     mBatchUserIds.reset();
     return result;
@@ -837,7 +868,7 @@ int32_t Sqlite3PreferencesDb::commitBatch() {
 int32_t Sqlite3PreferencesDb::initializeUserDb(unsigned int userId) {
     auto existing = mUserDbs.find(userId);
     if (existing != mUserDbs.end() && existing->second != nullptr) {
-        if (existing->second->state == DbState::Ready) return 0;
+        if (existing->second->state == DbState::Ready) return StoreStatus::Ok;
         uninitializeUserDb(userId);
     }
     UserDb& record = userDbRecord(userId);
@@ -849,7 +880,7 @@ int32_t Sqlite3PreferencesDb::initializeUserDb(unsigned int userId) {
         ALOGE("Failed to open db for %d, path %s: error: %d, %s", userId, path.c_str(),
               SQLITE_CANTOPEN, sqlite3_errstr(SQLITE_CANTOPEN));
         Telemetry::report("userdbinit_error");
-        return -2;
+        return StoreStatus::OpenFailed;
     }
     const int opened = sqlite3_open(path.c_str(), &record.db);
     if (opened != SQLITE_OK) {
@@ -858,7 +889,7 @@ int32_t Sqlite3PreferencesDb::initializeUserDb(unsigned int userId) {
         Telemetry::report("userdbinit_error");
         sqlite3_close(record.db);
         record.db = nullptr;
-        return -2;
+        return StoreStatus::OpenFailed;
     }
     // Opening creates the file when it was missing.
     if (mBatchUserIds.has_value() &&
@@ -866,55 +897,55 @@ int32_t Sqlite3PreferencesDb::initializeUserDb(unsigned int userId) {
         mBatchUserIds->push_back(userId);
     }
     sqlite3_commit_hook(record.db, &Sqlite3PreferencesDb::countCommit, &record);
-    if (configureUserCache(userId) != 0) {
+    if (configureUserCache(userId) != StoreStatus::Ok) {
         ALOGE("Unable to configure cache for %d", userId);
         Telemetry::report("userdbinit_error_cache");
     }
     configureDurability(record.db, PreferenceScope::User, userId);
     const int32_t result = createUserTable(userId);
-    if (result != 0) {
+    if (result != StoreStatus::Ok) {
         ALOGE("Failed to create user DB table for: %d.", userId);
         Telemetry::report("userdbinit_error_table");
         return result;
     }
-    if (initializePreparedStatementsForUserDb(userId) != 0) {
+    if (initializePreparedStatementsForUserDb(userId) != StoreStatus::Ok) {
         ALOGE("Failed to initialize prepared statements for: %d.", userId);
         Telemetry::report("userdbinit_error_preparedstatements");
-        return -4;
+        return StoreStatus::CreateFailed;
     }
     record.state = DbState::Ready;
-    return 0;
+    return StoreStatus::Ok;
 }
 
 int32_t Sqlite3PreferencesDb::configureUserCache(unsigned int userId) {
     sqlite3* db = userDbRecord(userId).db;
-    if (executeRawQuery(kQueryCacheSize, db, PreferenceScope::User) != 0 ||
-        executeRawQuery(kQueryPageSize, db, PreferenceScope::User) != 0) {
+    if (executeRawQuery(kQueryCacheSize, db, PreferenceScope::User) != StoreStatus::Ok ||
+        executeRawQuery(kQueryPageSize, db, PreferenceScope::User) != StoreStatus::Ok) {
         ALOGE("Unable to configure database cache size for %d. ", userId);
-        return -1;
+        return StoreStatus::Failed;
     }
-    return 0;
+    return StoreStatus::Ok;
 }
 
 int32_t Sqlite3PreferencesDb::createUserTable(unsigned int userId) {
     if (executeRawQuery(kQueryCreateUserValuesTable, userDbRecord(userId).db,
                         PreferenceScope::User) != 0) {
         ALOGE("Failed to create values table in DB: %d.", userId);
-        return -4;
+        return StoreStatus::CreateFailed;
     }
-    return 0;
+    return StoreStatus::Ok;
 }
 
 int32_t Sqlite3PreferencesDb::initializePreparedStatementsForUserDb(unsigned int userId) {
     UserDb& record = userDbRecord(userId);
     for (size_t i = 0; i < kValueStatementCount; ++i) {
-        if (sqlite3_prepare_v2(record.db, kUserStatements[i], -1, &record.statements[i], nullptr) !=
-            SQLITE_OK) {
+        if (sqlite3_prepare_v2(record.db, StatementTexts::kUser[i].sql, -1, &record.statements[i],
+                               nullptr) != SQLITE_OK) {
             ALOGE("Error initializing prepared statements for %d.", userId);
-            return -4;
+            return StoreStatus::CreateFailed;
         }
     }
-    return 0;
+    return StoreStatus::Ok;
 }
 
 void Sqlite3PreferencesDb::uninitializePreparedStatementsForUserDb(unsigned int userId) {
@@ -928,20 +959,20 @@ int32_t Sqlite3PreferencesDb::uninitializeUserDb(unsigned int userId) {
     auto found = mUserDbs.find(userId);
     if (found == mUserDbs.end() || found->second == nullptr) {
         ALOGE("Could not find an existing database connection for: %d", userId);
-        return -15;
+        return StoreStatus::UserDbGone;
     }
     UserDb& record = *found->second;
     record.values.clear();
-    if (record.state == DbState::Closed) return 0;
+    if (record.state == DbState::Closed) return StoreStatus::Ok;
     uninitializePreparedStatementsForUserDb(userId);
     if (sqlite3_close(record.db) != SQLITE_OK) {
         ALOGE("Failed to close db %d.", userId);
         Telemetry::report("userdb_error_shutdown");
-        return -5;
+        return StoreStatus::CloseFailed;
     }
     record.db = nullptr;
     record.state = DbState::Closed;
-    return 0;
+    return StoreStatus::Ok;
 }
 
 bool Sqlite3PreferencesDb::removeFile(const std::string& path, bool mustExist) {
@@ -957,7 +988,7 @@ int32_t Sqlite3PreferencesDb::deleteUserData(unsigned int userId) {
     if (found != mUserDbs.end() && found->second != nullptr &&
         found->second->state != DbState::Closed) {
         const int32_t result = uninitializeUserDb(userId);
-        if (result != 0) {
+        if (result != StoreStatus::Ok) {
             ALOGE("Unable to uninitialize user DB for %d, in preparation for deleting the db",
                   userId);
             return result;
@@ -966,57 +997,58 @@ int32_t Sqlite3PreferencesDb::deleteUserData(unsigned int userId) {
     // Whatever is left of the files, the directory is read again when next needed.
     mBatchUserIds.reset();
     const std::string path = getUserDbPath(userId);
-    if (!removeFile(path, true)) return -15;
+    if (!removeFile(path, true)) return StoreStatus::UserDbGone;
     // A journal or WAL file left behind would be applied to a later database of the same name.
-    int32_t result = 0;
+    int32_t result = StoreStatus::Ok;
     for (const char* suffix : kCompanionSuffixes) {
-        if (!removeFile(path + suffix, false)) result = -15;
+        if (!removeFile(path + suffix, false)) result = StoreStatus::UserDbGone;
     }
     return result;
 }
 
 int32_t Sqlite3PreferencesDb::updateUserList(const std::vector<int>& userIds) {
     std::vector<unsigned int> existing;
-    if (!getUserIdsForExistingDbs(existing)) return -1;
+    if (!getUserIdsForExistingDbs(existing)) return StoreStatus::Failed;
     const std::unordered_set<int> present(userIds.begin(), userIds.end());
     for (unsigned int userId : existing) {
         if (present.count(static_cast<int>(userId)) != 0) continue;
         const int32_t result = deleteUserData(userId);
-        if (result != 0) {
+        if (result != StoreStatus::Ok) {
             ALOGW("Failed to delete data: %d", userId);
             return result;
         }
     }
-    return 0;
+    return StoreStatus::Ok;
 }
 
 // ---- Dropping tables and resetting ----
 
 int32_t Sqlite3PreferencesDb::dropSystemTables() {
-    if (mSystemDb == nullptr || mSystemDb->state != DbState::Ready) return -3;
+    if (mSystemDb == nullptr || mSystemDb->state != DbState::Ready) return StoreStatus::NotOpen;
     for (const char* drop : kQueryDropSystemTables) {
-        if (executeRawQuery(drop, mSystemDb->db, PreferenceScope::System) != 0) return -1;
+        if (executeRawQuery(drop, mSystemDb->db, PreferenceScope::System) != StoreStatus::Ok)
+            return StoreStatus::Failed;
     }
-    return 0;
+    return StoreStatus::Ok;
 }
 
 int32_t Sqlite3PreferencesDb::dropTablesForUser(unsigned int userId) {
     const int32_t result = initializeUserDb(userId);
-    if (result != 0) return result;
+    if (result != StoreStatus::Ok) return result;
     return executeRawQuery(kQueryDropUserValuesTable, userDbRecord(userId).db,
                            PreferenceScope::User);
 }
 
 int32_t Sqlite3PreferencesDb::dropTables() {
     int32_t result = dropSystemTables();
-    if (result != 0) ALOGE("Unable to drop system tables.");
+    if (result != StoreStatus::Ok) ALOGE("Unable to drop system tables.");
     std::vector<unsigned int> userIds;
-    if (!getUserIdsForExistingDbs(userIds)) return -1;
+    if (!getUserIdsForExistingDbs(userIds)) return StoreStatus::Failed;
     for (unsigned int userId : userIds) {
         const int32_t dropped = dropTablesForUser(userId);
-        if (dropped != 0) {
+        if (dropped != StoreStatus::Ok) {
             ALOGE("Unable to dump user database");
-            if (result == 0) result = dropped;
+            if (result == StoreStatus::Ok) result = dropped;
         }
     }
     return result;
@@ -1024,23 +1056,23 @@ int32_t Sqlite3PreferencesDb::dropTables() {
 
 int32_t Sqlite3PreferencesDb::reset() {
     int32_t result = resetPreparedStatements();
-    if (result != 0) {
+    if (result != StoreStatus::Ok) {
         ALOGE("Unable to reset DBs; failed to reset prepared statement(s), blocking dropping of "
               "tables.");
         return result;
     }
     result = dropTables();
-    if (result != 0) {
+    if (result != StoreStatus::Ok) {
         ALOGE("Unable to reset DBs; failed to drop table(s).");
         return result;
     }
     result = uninitialize();
-    if (result != 0) {
+    if (result != StoreStatus::Ok) {
         ALOGE("Unable to reset DBs; failed to uninitialize.");
         return result;
     }
     result = initialize();
-    if (result != 0) ALOGE("Unable to reset DBs; failed to reinitialize.");
+    if (result != StoreStatus::Ok) ALOGE("Unable to reset DBs; failed to reinitialize.");
     return result;
 }
 
@@ -1074,76 +1106,6 @@ void Sqlite3PreferencesDb::logPreparedStatementQuery(sqlite3_stmt* statement) {
     if (!mQueryLogging) return;
     // Expanding the statement is what a debugger breakpoint here inspects; nothing is written.
     sqlite3_free(sqlite3_expanded_sql(statement));
-}
-
-// ---- Texts ----
-
-const char* Sqlite3PreferencesDb::scopeToString(PreferenceScope scope) {
-    const char* result = nullptr;
-    switch (scope) {
-        case PreferenceScope::System:
-            result = "System";
-            break;
-        case PreferenceScope::User:
-            result = "User";
-            break;
-        case PreferenceScope::Cross:
-            result = "Cross";
-            break;
-    }
-    LOG_ALWAYS_FATAL_IF(!result, "lookup error");
-    return result;
-}
-
-const char* Sqlite3PreferencesDb::domainToString(KeySourceDomain domain) {
-    const char* result = nullptr;
-    switch (domain) {
-        case KeySourceDomain::Legacy:
-            result = "Legacy";
-            break;
-        case KeySourceDomain::NativeService:
-            result = "NativeService";
-            break;
-        case KeySourceDomain::Application:
-            result = "Application";
-            break;
-    }
-    LOG_ALWAYS_FATAL_IF(!result, "lookup error");
-    return result;
-}
-
-const char* Sqlite3PreferencesDb::typeToString(Type type) {
-    switch (type) {
-        case Type::Integer:
-            return "Integer";
-        case Type::Double:
-            return "Double";
-        case Type::String:
-            return "String";
-        case Type::Long:
-            return "Long";
-        case Type::Boolean:
-            return "Boolean";
-        case Type::Float:
-            return "Float";
-        case Type::NoType:
-            break;
-    }
-    ALOGE("Invalid type provided to typeToString: %u", static_cast<unsigned int>(type));
-    return "[unknown type]";
-}
-
-const char* Sqlite3PreferencesDb::permissionToString(PreferencePermission permission) {
-    switch (permission) {
-        case PreferencePermission::None:
-            return "None";
-        case PreferencePermission::Read:
-            return "Read";
-        case PreferencePermission::ReadWrite:
-            return "Read & Write";
-    }
-    ALOGE("Unable to convert permissions %u to string.", static_cast<unsigned int>(permission));
-    return "Invalid Permissions";
 }
 
 }  // namespace Halo::OS

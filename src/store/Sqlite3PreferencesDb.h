@@ -16,6 +16,8 @@
 #include "store/IPreferencesDb.h"
 #include "store/PreferencesKeyMetadataCache.h"
 #include "store/PreferencesValueCache.h"
+#include "store/SqliteBinding.h"
+#include "store/StoreStatus.h"
 
 namespace Halo::OS {
 
@@ -37,15 +39,14 @@ namespace Halo::OS {
 // database (PreferencesValueCache) until that database commits a write. Every answer is the one
 // the database gives.
 //
+// Results are StoreStatus codes, named without their prefix in the comments below.
+//
 // Thread safety: none. The owner (the key manager) serialises all calls under its main mutex;
 // SQLite connections are used from whichever thread holds it. uninitialize() (and so the
 // destructor and reset()) calls sqlite3_shutdown(), so no other SQLite connection of the process
 // may be open when it runs.
 class Sqlite3PreferencesDb : public IPreferencesDb {
 public:
-    // Which value of a key an update writes.
-    using PreferenceValueType = PreferencesKeyInfo::PreferenceValueType;
-
     Sqlite3PreferencesDb();
     ~Sqlite3PreferencesDb() override;
     Sqlite3PreferencesDb(const Sqlite3PreferencesDb&) = delete;
@@ -73,12 +74,12 @@ public:
     int32_t getPreferenceValue(const std::optional<unsigned int>& userId, const std::string& key,
                                std::optional<std::string>& value) override;
     int32_t getPreferenceValue(const std::optional<unsigned int>& userId,
-                               const std::optional<unsigned int>& currentUserId,
+                               const std::optional<unsigned int>& callerUserId,
                                const std::string& key, std::optional<std::string>& value) override;
     int32_t setPreferenceValue(const std::optional<unsigned int>& userId, const std::string& key,
                                const std::string& value) override;
     int32_t setPreferenceValue(const std::optional<unsigned int>& userId,
-                               const std::optional<unsigned int>& currentUserId,
+                               const std::optional<unsigned int>& callerUserId,
                                const std::string& key, const std::string& value) override;
     int32_t setPreferenceDefault(const std::string& key, const std::string& value) override;
     int32_t clearCurrentPreferenceValue(const std::optional<unsigned int>& userId,
@@ -116,134 +117,10 @@ public:
     int32_t getPreferenceDefinitions(const std::optional<std::string>& key,
                                      std::vector<PreferenceDefinition>& definitions) override;
 
-    // ---- Databases ----
-
-    // The connection serving `scope`: the system connection for System; for User and Cross the
-    // connection of `userId` (null when none is given, logged) -- an absent user gets an empty
-    // record, so the result is null until that user's database is opened. Null for other scopes.
-    sqlite3* getDbForScope(PreferenceScope scope, const std::optional<unsigned int>& userId);
-    // Runs SQL text (several statements allowed) without result rows on `db`; -3 when `db` is
-    // null, -1 (logged and reported) when SQLite fails.
-    int32_t executeRawQuery(const char* sql, sqlite3* db, PreferenceScope scopeForLogs);
-    // sqlite3_reset (result ignored) and sqlite3_clear_bindings; a null statement succeeds.
-    bool resetPreparedStatement(sqlite3_stmt* statement);
-    // Resets every prepared statement of the system database and of the open user databases;
-    // -4 at the first one that cannot be cleared.
-    int32_t resetPreparedStatements();
-    // Opens a user's database (a no-op when it is open); a half-open one is closed first.
-    int32_t initializeUserDb(unsigned int userId);
-    // -15 when the user has no record; 0 when it is closed already.
-    int32_t uninitializeUserDb(unsigned int userId);
-    int32_t dropTables();
-    int32_t dropSystemTables();
-    int32_t dropTablesForUser(unsigned int userId);
-
-    // ---- Packages, keys, owners, permissions, expiry ----
-
-    int32_t getAllPackages(PackageSet& packages);
-    // Sets owner_package_uid of the package's keys to NULL; owner_package_name stays.
-    int32_t clearPackageOwnership(unsigned int uid, const std::string& packageName);
-    // Legacy: "nimbus.preferences.service" names; NativeService: "nimbus.preferences.native"
-    // names; Application: every other name.
-    static bool isPackageInDomain(const std::string& packageName, KeySourceDomain domain);
-    int32_t insertPreferenceInPreferencesMap(PreferenceScope scope, Type type,
-                                             const std::optional<unsigned int>& ownerUid,
-                                             const std::optional<std::string>& ownerPackage,
-                                             const std::string& key,
-                                             const std::optional<std::string>& defaultValue);
-    // Type, owner and default (absent when NULL) of an existing key; -8 for an unknown key, -1 on
-    // failure, each logged and reported as a failure to read the type, the owner or the default.
-    int32_t getPreferenceConfiguration(const std::string& key, Type& type,
-                                       std::optional<unsigned int>& ownerUid,
-                                       std::optional<std::string>& ownerPackage,
-                                       std::optional<std::string>& defaultValue);
-    int32_t updatePreferenceScope(const std::string& key, PreferenceScope scope);
-    int32_t updatePreferenceType(const std::string& key, Type type);
-    // Owner uid and name both given or both absent (else -9); -8 for an unknown key.
-    int32_t setPreferenceOwner(const std::string& key, const std::optional<unsigned int>& uid,
-                               const std::optional<std::string>& packageName);
-    int32_t updatePreferencePermission(const std::string& key, unsigned int uid,
-                                       const std::string& packageName,
-                                       PreferencePermission permission);
-    // Marks, as expiring now, the keys on which only this package holds a permission. Does
-    // nothing for "nimbus.preferences.service" packages, nor when every key the package holds a
-    // permission on has expired already (those keep their earlier, passed, expiry time).
-    int32_t markPreferencesReferencedOnlyByPackageForExpiration(unsigned int uid,
-                                                                const std::string& packageName);
-    // 1 when some key on which the package holds a permission has no expiry or one still to
-    // come, 0 when there is none, -1 on failure (logged).
-    int32_t hasUnexpiredKey(unsigned int uid, const std::string& packageName);
-    int32_t clearExpiration(const std::string& key);
-    // Appends (key, scope) of every key whose expiry time has passed.
-    int32_t getExpiredPreferences(std::vector<std::pair<std::string, PreferenceScope>>& expired);
-    int32_t deleteExpiredPreferencesFromMapPermissions();
-
-    // ---- Values ----
-
-    // The stored current value only (empty when there is none).
-    int32_t getCurrentValue(const std::string& key, PreferenceScope scope,
-                            const std::optional<unsigned int>& userId,
-                            std::optional<std::string>& value);
-    // The default value only; -8 for an unknown key, -1 when it is NULL.
-    int32_t getDefaultValue(const std::string& key, std::optional<std::string>& value);
-    int32_t updatePreferenceValue(const std::optional<unsigned int>& userId,
-                                  PreferenceValueType valueType, const std::string& key,
-                                  const std::string& value);
-    // Updates the value row, inserting it first when the key has none yet.
-    int32_t updatePreferenceValue(const std::optional<unsigned int>& userId,
-                                  const std::optional<unsigned int>& currentUserId,
-                                  PreferenceValueType valueType, const std::string& key,
-                                  const std::string& value);
-    int32_t insertValueRow(const std::optional<unsigned int>& userId, const std::string& key,
-                           PreferenceScope scope);
-    int32_t clearCurrentPreferenceValue(const std::optional<unsigned int>& userId,
-                                        const std::string& key, PreferenceScope scope);
-    // Clears the key in every user database; goes on after a failure and returns the first one.
-    int32_t clearCurrentPreferenceValueFromUserDbs(const std::string& key);
-    int32_t deletePreferenceFromValueTables(const std::string& key, PreferenceScope scope);
-    // -8 (a warning) when there is no row.
-    int32_t deletePreferenceValueRow(const std::optional<unsigned int>& userId,
-                                     const std::string& key, PreferenceScope scope);
-    // Visits every user database file: 0 when some row was deleted, -8 when none was, else the
-    // first failure.
-    int32_t deletePreferenceValueRowFromUserDbs(const std::string& key);
-
-    // ---- Listener rows ----
-
-    // One more than the highest listener id in use (1 when none is); -1 when the ids are spent.
-    // Only an empty set of ids in use is seeded from the table's highest id, so the cost does not
-    // grow with the number of rows.
-    int32_t getNextlistenerUuid(unsigned int& listenerId);
-    // -11 for a duplicate row. A stored row puts its id in use.
-    int32_t registerListener(unsigned int listenerId, const std::string& key, unsigned int uid);
-    // Deletes listener rows whose key no longer exists.
-    int32_t cleanupDanglingListeners();
-
-    // ---- Dumps (text to a file descriptor) ----
-
-    int32_t dumpSystemDb(int fd);
-    int32_t dumpUserDbs(int fd);
-    int32_t dumpUserDb(unsigned int userId, int fd);
-    int32_t dumpValuesTable(const std::optional<unsigned int>& userId, PreferenceScope scope,
-                            int fd);
-    int32_t dumpPackagesTable(int fd);
-    int32_t dumpPermissionsTable(int fd);
-    int32_t dumpListenersTable(int fd);
-
-    // ---- Texts for logs and dumps ----
-
-    // A scope or domain outside the enumeration is a fatal "lookup error".
-    static const char* scopeToString(PreferenceScope scope);
-    static const char* domainToString(KeySourceDomain domain);
-    // "[unknown type]" (logged) outside 0..5.
-    static const char* typeToString(Type type);
-    // "Invalid Permissions" (logged) outside 0..2.
-    static const char* permissionToString(PreferencePermission permission);
-
+protected:
     // When set, each prepared statement is expanded before it runs (for debugging sessions).
     void setQueryLogging(bool enabled) { mQueryLogging = enabled; }
 
-protected:
     // The files SQLite keeps beside a database, named by appending these to its path.
     static constexpr const char* kCompanionSuffixes[] = {"-journal", "-wal", "-shm"};
 
@@ -257,6 +134,9 @@ protected:
                                       std::vector<unsigned int>& userIds);
 
 private:
+    // Which value of a key an update writes.
+    using PreferenceValueType = PreferencesKeyInfo::PreferenceValueType;
+
     enum class DbState : int32_t {
         Closed = 0,
         Opening = 1,
@@ -314,6 +194,8 @@ private:
         kUserVersion,
         kHasMigrationColumn,
         kFindUnexpiredKeyOfPackage,
+        kListDefinitions,
+        kGetDefinition,
         kSystemStatementCount,
     };
 
@@ -328,6 +210,9 @@ private:
         kValueDump,
         kValueStatementCount,
     };
+    // The SQL text of each statement, written beside its enumerator and checked against the
+    // enumerations at compile time (Sqlite3PreferencesDb.cpp).
+    struct StatementTexts;
 
     struct SystemDb {
         sqlite3* db = nullptr;
@@ -343,6 +228,120 @@ private:
         uint64_t commits = 0;
         PreferencesValueCache values;
     };
+
+    // ---- Databases ----
+
+    // The connection serving `scope`: the system connection for System; for User and Cross the
+    // connection of `userId` (null when none is given, logged) -- an absent user gets an empty
+    // record, so the result is null until that user's database is opened. Null for other scopes.
+    sqlite3* getDbForScope(PreferenceScope scope, const std::optional<unsigned int>& userId);
+    // Runs SQL text (several statements allowed) without result rows on `db`; NotOpen when
+    // `db` is null, Failed (logged and reported) when SQLite fails.
+    int32_t executeRawQuery(const char* sql, sqlite3* db, PreferenceScope scopeForLogs);
+    // sqlite3_reset (result ignored) and sqlite3_clear_bindings; a null statement succeeds.
+    bool resetPreparedStatement(sqlite3_stmt* statement);
+    // Resets every prepared statement of the system database and of the open user databases;
+    // CreateFailed at the first one that cannot be cleared.
+    int32_t resetPreparedStatements();
+    // Opens a user's database (a no-op when it is open); a half-open one is closed first.
+    int32_t initializeUserDb(unsigned int userId);
+    // UserDbGone when the user has no record; Ok when it is closed already.
+    int32_t uninitializeUserDb(unsigned int userId);
+    int32_t dropTables();
+    int32_t dropSystemTables();
+    int32_t dropTablesForUser(unsigned int userId);
+
+    // ---- Packages, keys, owners, permissions, expiry ----
+
+    int32_t getAllPackages(PackageSet& packages);
+    // Sets owner_package_uid of the package's keys to NULL; owner_package_name stays.
+    int32_t clearPackageOwnership(unsigned int uid, const std::string& packageName);
+    // Legacy: "nimbus.preferences.service" names; NativeService: "nimbus.preferences.native"
+    // names; Application: every other name.
+    static bool isPackageInDomain(const std::string& packageName, KeySourceDomain domain);
+    int32_t insertPreferenceInPreferencesMap(PreferenceScope scope, Type type,
+                                             const std::optional<unsigned int>& ownerUid,
+                                             const std::optional<std::string>& ownerPackage,
+                                             const std::string& key,
+                                             const std::optional<std::string>& defaultValue);
+    // Type, owner and default (absent when NULL) of an existing key; UnknownKey for an
+    // unknown key, Failed on failure, each logged and reported as a failure to read the type,
+    // the owner or the default.
+    int32_t getPreferenceConfiguration(const std::string& key, Type& type,
+                                       std::optional<unsigned int>& ownerUid,
+                                       std::optional<std::string>& ownerPackage,
+                                       std::optional<std::string>& defaultValue);
+    int32_t updatePreferenceScope(const std::string& key, PreferenceScope scope);
+    int32_t updatePreferenceType(const std::string& key, Type type);
+    // Owner uid and name both given or both absent (else OwnerRefused); UnknownKey
+    // for an unknown key.
+    int32_t setPreferenceOwner(const std::string& key, const std::optional<unsigned int>& uid,
+                               const std::optional<std::string>& packageName);
+    int32_t updatePreferencePermission(const std::string& key, unsigned int uid,
+                                       const std::string& packageName,
+                                       PreferencePermission permission);
+    // Marks, as expiring now, the keys on which only this package holds a permission. Does
+    // nothing for "nimbus.preferences.service" packages, nor when every key the package holds a
+    // permission on has expired already (those keep their earlier, passed, expiry time).
+    int32_t markPreferencesReferencedOnlyByPackageForExpiration(unsigned int uid,
+                                                                const std::string& packageName);
+    // Whether some key on which the package holds a permission has no expiry or one still to
+    // come; Failed (logged) when that cannot be read.
+    int32_t findUnexpiredKey(unsigned int uid, const std::string& packageName, bool& found);
+    int32_t clearExpiration(const std::string& key);
+    // Appends (key, scope) of every key whose expiry time has passed.
+    int32_t getExpiredPreferences(std::vector<std::pair<std::string, PreferenceScope>>& expired);
+    int32_t deleteExpiredPreferencesFromMapPermissions();
+
+    // ---- Values ----
+
+    // The stored current value only (empty when there is none).
+    int32_t getCurrentValue(const std::string& key, PreferenceScope scope,
+                            const std::optional<unsigned int>& userId,
+                            std::optional<std::string>& value);
+    // The default value only; UnknownKey for an unknown key, Failed when it is NULL.
+    int32_t getDefaultValue(const std::string& key, std::optional<std::string>& value);
+    int32_t updatePreferenceValue(const std::optional<unsigned int>& userId,
+                                  PreferenceValueType valueType, const std::string& key,
+                                  const std::string& value);
+    // Updates the value row, inserting it first when the key has none yet.
+    int32_t updatePreferenceValue(const std::optional<unsigned int>& userId,
+                                  const std::optional<unsigned int>& callerUserId,
+                                  PreferenceValueType valueType, const std::string& key,
+                                  const std::string& value);
+    int32_t insertValueRow(const std::optional<unsigned int>& userId, const std::string& key,
+                           PreferenceScope scope);
+    int32_t clearCurrentPreferenceValue(const std::optional<unsigned int>& userId,
+                                        const std::string& key, PreferenceScope scope);
+    int32_t deletePreferenceFromValueTables(const std::string& key, PreferenceScope scope);
+    // UnknownKey (a warning) when there is no row.
+    int32_t deletePreferenceValueRow(const std::optional<unsigned int>& userId,
+                                     const std::string& key, PreferenceScope scope);
+    // Visits every user database file: Ok when some row was deleted, UnknownKey when
+    // none was, else the first failure.
+    int32_t deletePreferenceValueRowFromUserDbs(const std::string& key);
+
+    // ---- Listener rows ----
+
+    // One more than the highest listener id in use (1 when none is); Failed when the ids are
+    // spent. Only an empty set of ids in use is seeded from the table's highest id, so the cost
+    // does not grow with the number of rows.
+    int32_t getNextlistenerUuid(unsigned int& listenerId);
+    // DuplicateListener for a duplicate row. A stored row puts its id in use.
+    int32_t registerListener(unsigned int listenerId, const std::string& key, unsigned int uid);
+    // Deletes listener rows whose key no longer exists.
+    int32_t cleanupDanglingListeners();
+
+    // ---- Dumps (text to a file descriptor) ----
+
+    int32_t dumpSystemDb(int fd);
+    int32_t dumpUserDbs(int fd);
+    int32_t dumpUserDb(unsigned int userId, int fd);
+    int32_t dumpValuesTable(const std::optional<unsigned int>& userId, PreferenceScope scope,
+                            int fd);
+    int32_t dumpPackagesTable(int fd);
+    int32_t dumpPermissionsTable(int fd);
+    int32_t dumpListenersTable(int fd);
 
     // Lifecycle of the system database.
     int32_t initializeSystemDb();
@@ -378,20 +377,65 @@ private:
     sqlite3_stmt* valueStatement(ValueStatement role, PreferenceScope scope,
                                  const std::optional<unsigned int>& userId);
     sqlite3_stmt* systemStatement(SystemStatement statement) const;
-    // Resets a statement before use; on failure logs the build failure and returns false.
-    bool prepareToRun(sqlite3_stmt* statement, PreferenceScope scope,
-                      const std::optional<unsigned int>& userId = std::nullopt);
     // sqlite3_step, after logPreparedStatementQuery.
     int step(sqlite3_stmt* statement);
-    // Steps a statement that writes; 0, or -1 after logging a failed step.
-    int32_t runWrite(sqlite3_stmt* statement, PreferenceScope scope,
-                     const std::optional<unsigned int>& userId = std::nullopt);
     // step() for a statement that writes the preference_values table of the scope's database and
     // nothing else: the remembered key metadata stays valid across it.
     int stepValueWrite(sqlite3_stmt* statement, PreferenceScope scope);
-    // runWrite() with stepValueWrite().
-    int32_t runValueWrite(sqlite3_stmt* statement, PreferenceScope scope,
-                          const std::optional<unsigned int>& userId);
+
+    // One use of a prepared statement, the only way the store runs one. The constructor resets
+    // the statement and binds `params` as parameters 1, 2, ... in order; when either fails it
+    // logs the failure to build the query and built() is false. The destructor resets the
+    // statement and clears its bindings, so that no read transaction stays open between calls
+    // (it would block DROP TABLE) and no binding outlives its text. Text is bound without a
+    // copy: the bound strings must outlive the Query. `userId` names the database of a User or
+    // Cross statement in the logs.
+    class Query {
+    public:
+        template <typename... Params>
+        Query(Sqlite3PreferencesDb& store, sqlite3_stmt* statement, PreferenceScope scope,
+              const std::optional<unsigned int>& userId, const Params&... params)
+            : mStore(store), mStatement(statement), mScope(scope), mUserId(userId) {
+            mBuilt = store.resetPreparedStatement(statement) && bindAll(1, params...);
+            if (!mBuilt) store.logFailureToBuildQuery(scope, userId);
+        }
+        ~Query();
+        Query(const Query&) = delete;
+        Query& operator=(const Query&) = delete;
+
+        bool built() const { return mBuilt; }
+        sqlite3_stmt* statement() const { return mStatement; }
+        // One step; nothing is logged.
+        int step() { return mStore.step(mStatement); }
+        // One step of a write of values alone (stepValueWrite); nothing is logged.
+        int stepValue() { return mStore.stepValueWrite(mStatement, mScope); }
+        // Steps a statement that writes: Ok, or Failed when it was not built or
+        // after logging the failed step. writeValue() steps with stepValue().
+        int32_t write();
+        int32_t writeValue();
+        // Logs a failed step with the statement's expanded SQL and its database's error.
+        void logFailedStep();
+
+    private:
+        bool bindAll(int /*index*/) { return true; }
+        template <typename First, typename... Rest>
+        bool bindAll(int index, const First& first, const Rest&... rest) {
+            return bindParameter(mStatement, index, first) && bindAll(index + 1, rest...);
+        }
+
+        Sqlite3PreferencesDb& mStore;
+        sqlite3_stmt* const mStatement;
+        const PreferenceScope mScope;
+        const std::optional<unsigned int> mUserId;
+        bool mBuilt = false;
+    };
+    // A Query of a system database statement.
+    template <typename... Params>
+    Query systemQuery(SystemStatement statement, const Params&... params) {
+        return Query(*this, systemStatement(statement), PreferenceScope::System, std::nullopt,
+                     params...);
+    }
+
     // The system connection when the key metadata cache may be used with it (open and ready),
     // else null.
     sqlite3* metadataDb() const;
@@ -452,9 +496,8 @@ private:
     // One table of the system database: the header, one line per row, the end line.
     int32_t dumpTable(int fd, const char* title, const char* schema, SystemStatement statement,
                       RowPrinter printRow);
-    // The rows of a reset statement and the end line; an error line (logged) when a step fails.
-    int32_t dumpTableRows(int fd, const char* title, sqlite3_stmt* statement, PreferenceScope scope,
-                          const std::optional<unsigned int>& userId, RowPrinter printRow);
+    // The rows of a built query and the end line; an error line (logged) when a step fails.
+    int32_t dumpTableRows(int fd, const char* title, Query& query, RowPrinter printRow);
 
     // Logging helpers.
     void logFailureToBuildQuery(PreferenceScope scope,

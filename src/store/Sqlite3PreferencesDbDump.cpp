@@ -7,9 +7,9 @@
 #include <limits>
 #include <string>
 
-#include "store/ScopedStatementReset.h"
 #include "store/Sqlite3PreferencesDb.h"
 #include "store/SqliteBinding.h"
+#include "store/StoreTexts.h"
 #include "telemetry/Telemetry.h"
 
 namespace Halo::OS {
@@ -44,7 +44,7 @@ void printPackageRow(int fd, sqlite3_stmt* statement) {
 void printPermissionRow(int fd, sqlite3_stmt* statement) {
     const auto permission = static_cast<PreferencePermission>(sqlite3_column_int(statement, 2));
     dprintf(fd, "  > Permission: %s | %u | %s\n", orNull(columnCString(statement, 0)),
-            columnUnsigned(statement, 1), Sqlite3PreferencesDb::permissionToString(permission));
+            columnUnsigned(statement, 1), permissionToString(permission));
 }
 
 void printListenerRow(int fd, sqlite3_stmt* statement) {
@@ -61,9 +61,9 @@ void printPreferenceRow(int fd, sqlite3_stmt* statement) {
     const auto type = static_cast<Type>(sqlite3_column_int(statement, 1));
     const auto scope = static_cast<PreferenceScope>(sqlite3_column_int(statement, 2));
     dprintf(fd, "  > Preference: %s | %s | %s | %u | %s | %s | %s | %s\n",
-            orNull(columnCString(statement, 0)), Sqlite3PreferencesDb::typeToString(type),
-            Sqlite3PreferencesDb::scopeToString(scope), columnUnsigned(statement, 3),
-            orNull(columnCString(statement, 4)), orNull(columnCString(statement, 5)),
+            orNull(columnCString(statement, 0)), typeToString(type), scopeToString(scope),
+            columnUnsigned(statement, 3), orNull(columnCString(statement, 4)),
+            orNull(columnCString(statement, 5)),
             sqlite3_column_int64(statement, 6) != 0 ? "yes" : "no",
             orNull(columnCString(statement, 7)));
 }
@@ -74,20 +74,20 @@ void printPreferenceRow(int fd, sqlite3_stmt* statement) {
 
 int32_t Sqlite3PreferencesDb::getNextlistenerUuid(unsigned int& listenerId) {
     if (!mListenerIds.empty()) {
-        if (*mListenerIds.rbegin() == std::numeric_limits<unsigned int>::max()) return -1;
+        if (*mListenerIds.rbegin() == std::numeric_limits<unsigned int>::max())
+            return StoreStatus::Failed;
         listenerId = *mListenerIds.rbegin() + 1;
-        return 0;
+        return StoreStatus::Ok;
     }
-    sqlite3_stmt* statement = systemStatement(kMaxListenerId);
-    if (!prepareToRun(statement, PreferenceScope::System)) return -1;
-    ScopedStatementReset reset(statement);
-    if (step(statement) != SQLITE_ROW) {
-        logFailureToExecutePreparedStatement(statement, PreferenceScope::System);
-        return -1;
+    Query query = systemQuery(kMaxListenerId);
+    if (!query.built()) return StoreStatus::Failed;
+    if (query.step() != SQLITE_ROW) {
+        query.logFailedStep();
+        return StoreStatus::Failed;
     }
     // MAX() of an empty table is NULL, read as 0: the first id is 1.
-    listenerId = columnUnsigned(statement, 0) + 1;
-    return 0;
+    listenerId = columnUnsigned(query.statement(), 0) + 1;
+    return StoreStatus::Ok;
 }
 
 int32_t Sqlite3PreferencesDb::registerPreferenceListener(unsigned int uid,
@@ -95,7 +95,7 @@ int32_t Sqlite3PreferencesDb::registerPreferenceListener(unsigned int uid,
                                                          unsigned int& listenerId) {
     unsigned int id = 0;
     int32_t result = getNextlistenerUuid(id);
-    if (result != 0) {
+    if (result != StoreStatus::Ok) {
         ALOGE("Unable to register listener; failed to get next listener UUID %d", result);
         Telemetry::report("registerpreferencelistener_error_new_uuid");
         return result;
@@ -104,104 +104,84 @@ int32_t Sqlite3PreferencesDb::registerPreferenceListener(unsigned int uid,
     mListenerIds.insert(id);
     for (const std::string& key : keys) {
         result = registerListener(id, key, uid);
-        if (result != 0) return result;
+        if (result != StoreStatus::Ok) return result;
     }
-    return 0;
+    return StoreStatus::Ok;
 }
 
 int32_t Sqlite3PreferencesDb::registerListener(unsigned int listenerId, const std::string& key,
                                                unsigned int uid) {
-    sqlite3_stmt* statement = systemStatement(kInsertListener);
-    if (!prepareToRun(statement, PreferenceScope::System)) return -1;
-    ScopedStatementReset reset(statement);
-    if (!bindUnsigned(statement, 1, listenerId) || !bindText(statement, 2, key) ||
-        !bindUnsigned(statement, 3, uid)) {
-        logFailureToBuildQuery(PreferenceScope::System);
-        return -1;
-    }
-    const int stepped = step(statement);
+    Query query = systemQuery(kInsertListener, listenerId, key, uid);
+    if (!query.built()) return StoreStatus::Failed;
+    const int stepped = query.step();
     if (stepped == SQLITE_DONE) {
         mListenerIds.insert(listenerId);
-        return 0;
+        return StoreStatus::Ok;
     }
     if (isConstraintFailure(stepped)) {
         const int extended = sqlite3_extended_errcode(mSystemDb->db);
         if (extended == kExtendedForeignKeyFailure) {
             ALOGE("Unable to register listener, %s is not registered", key.c_str());
             Telemetry::report("registerpreferencelistener_error_unregister_key");
-            return -8;
+            return StoreStatus::UnknownKey;
         }
         if (extended == kExtendedUniqueFailure) {
             ALOGE("Unable to insert duplicate listener, %s", key.c_str());
             Telemetry::report("registerpreferencelistener_error_duplicate_listener");
-            return -11;
+            return StoreStatus::DuplicateListener;
         }
     }
-    logFailureToExecutePreparedStatement(statement, PreferenceScope::System);
-    return -1;
+    query.logFailedStep();
+    return StoreStatus::Failed;
 }
 
 int32_t Sqlite3PreferencesDb::unregisterPreferenceListener(unsigned int uid,
                                                            unsigned int listenerId) {
-    sqlite3_stmt* statement = systemStatement(kDeleteListener);
-    if (!prepareToRun(statement, PreferenceScope::System)) return -1;
-    ScopedStatementReset reset(statement);
-    if (!bindUnsigned(statement, 1, uid) || !bindUnsigned(statement, 2, listenerId)) {
-        logFailureToBuildQuery(PreferenceScope::System);
-        return -1;
-    }
-    if (step(statement) != SQLITE_DONE) {
-        logFailureToExecutePreparedStatement(statement, PreferenceScope::System);
+    Query query = systemQuery(kDeleteListener, uid, listenerId);
+    if (!query.built()) return StoreStatus::Failed;
+    if (query.step() != SQLITE_DONE) {
+        query.logFailedStep();
         Telemetry::report("unregisterpreferencelistener_error");
-        return -1;
+        return StoreStatus::Failed;
     }
     // Also the id of a listener without rows is free from now on.
     mListenerIds.erase(listenerId);
     if (changedRows(PreferenceScope::System, std::nullopt) == 0) {
         Telemetry::report("unregisterpreferencelistener_error");
-        return -12;
+        return StoreStatus::NoListener;
     }
-    return 0;
+    return StoreStatus::Ok;
 }
 
 int32_t Sqlite3PreferencesDb::getPreferenceListenersForKey(
         const std::string& key, std::vector<std::pair<unsigned int, unsigned int>>& listeners) {
-    sqlite3_stmt* statement = systemStatement(kListenersOfKey);
-    if (!prepareToRun(statement, PreferenceScope::System)) return -1;
-    ScopedStatementReset reset(statement);
-    if (!bindText(statement, 1, key)) {
-        logFailureToBuildQuery(PreferenceScope::System);
-        return -1;
-    }
+    Query query = systemQuery(kListenersOfKey, key);
+    if (!query.built()) return StoreStatus::Failed;
     int stepped;
-    while ((stepped = step(statement)) == SQLITE_ROW) {
-        listeners.emplace_back(columnUnsigned(statement, 0), columnUnsigned(statement, 1));
+    while ((stepped = query.step()) == SQLITE_ROW) {
+        listeners.emplace_back(columnUnsigned(query.statement(), 0),
+                               columnUnsigned(query.statement(), 1));
     }
     if (stepped != SQLITE_DONE) {
-        logFailureToExecutePreparedStatement(statement, PreferenceScope::System);
-        return -1;
+        query.logFailedStep();
+        return StoreStatus::Failed;
     }
-    return 0;
+    return StoreStatus::Ok;
 }
 
 int32_t Sqlite3PreferencesDb::getPreferenceListenersIdsForPackage(
         unsigned int uid, std::vector<unsigned int>& listenerIds) {
-    sqlite3_stmt* statement = systemStatement(kListenerIdsOfPackage);
-    if (!prepareToRun(statement, PreferenceScope::System)) return -1;
-    ScopedStatementReset reset(statement);
-    if (!bindUnsigned(statement, 1, uid)) {
-        logFailureToBuildQuery(PreferenceScope::System);
-        return -1;
-    }
+    Query query = systemQuery(kListenerIdsOfPackage, uid);
+    if (!query.built()) return StoreStatus::Failed;
     int stepped;
-    while ((stepped = step(statement)) == SQLITE_ROW) {
-        listenerIds.push_back(columnUnsigned(statement, 0));
+    while ((stepped = query.step()) == SQLITE_ROW) {
+        listenerIds.push_back(columnUnsigned(query.statement(), 0));
     }
     if (stepped != SQLITE_DONE) {
-        logFailureToExecutePreparedStatement(statement, PreferenceScope::System);
-        return -1;
+        query.logFailedStep();
+        return StoreStatus::Failed;
     }
-    return 0;
+    return StoreStatus::Ok;
 }
 
 int32_t Sqlite3PreferencesDb::cleanupDanglingListeners() {
@@ -213,11 +193,11 @@ int32_t Sqlite3PreferencesDb::cleanupDanglingListeners() {
 int32_t Sqlite3PreferencesDb::dumpDatabases(int fd) {
     dprintf(fd, "=== Start of Sqlite3PreferencesDb dump ===\n");
     const int32_t system = dumpSystemDb(fd);
-    if (system != 0) ALOGE("Unable to dump system DB.");
+    if (system != StoreStatus::Ok) ALOGE("Unable to dump system DB.");
     const int32_t users = dumpUserDbs(fd);
-    if (users != 0) ALOGE("Unable to dump user DB(s).");
+    if (users != StoreStatus::Ok) ALOGE("Unable to dump user DB(s).");
     dprintf(fd, "\n=== End of Sqlite3PreferencesDb dump ===\n");
-    return system != 0 ? system : users;
+    return system != StoreStatus::Ok ? system : users;
 }
 
 int32_t Sqlite3PreferencesDb::dumpSystemDb(int fd) {
@@ -229,9 +209,9 @@ int32_t Sqlite3PreferencesDb::dumpSystemDb(int fd) {
     const int32_t listeners = dumpListenersTable(fd);
     dprintf(fd, "=== End of system DB dump ===\n");
     for (int32_t result : {listeners, values, permissions, preferences, packages}) {
-        if (result != 0) return result;
+        if (result != StoreStatus::Ok) return result;
     }
-    return 0;
+    return StoreStatus::Ok;
 }
 
 int32_t Sqlite3PreferencesDb::dumpUserDbs(int fd) {
@@ -239,14 +219,14 @@ int32_t Sqlite3PreferencesDb::dumpUserDbs(int fd) {
     if (!getUserIdsForExistingDbs(userIds)) {
         dprintf(fd, "Error encountered while dumping table %s: %s.\n", "User Values",
                 "Unable to get user IDs");
-        return -1;
+        return StoreStatus::Failed;
     }
-    int32_t result = 0;
+    int32_t result = StoreStatus::Ok;
     for (unsigned int userId : userIds) {
         const int32_t dumped = dumpUserDb(userId, fd);
-        if (dumped != 0) {
+        if (dumped != StoreStatus::Ok) {
             ALOGE("Unable to dump user database for user");
-            if (result == 0) result = dumped;
+            if (result == StoreStatus::Ok) result = dumped;
         }
     }
     return result;
@@ -255,7 +235,7 @@ int32_t Sqlite3PreferencesDb::dumpUserDbs(int fd) {
 int32_t Sqlite3PreferencesDb::dumpUserDb(unsigned int userId, int fd) {
     dprintf(fd, "\n=== Start of user %u DB dump ===\n", userId);
     const int32_t result = dumpValuesTable(userId, PreferenceScope::User, fd);
-    if (result != 0) ALOGE("Unable to dump user values table for user");
+    if (result != StoreStatus::Ok) ALOGE("Unable to dump user values table for user");
     dprintf(fd, "=== End of user %u DB dump ===\n", userId);
     return result;
 }
@@ -263,28 +243,23 @@ int32_t Sqlite3PreferencesDb::dumpUserDb(unsigned int userId, int fd) {
 int32_t Sqlite3PreferencesDb::dumpTable(int fd, const char* title, const char* schema,
                                         SystemStatement statementId, RowPrinter printRow) {
     writeTableHeader(fd, title, schema);
-    sqlite3_stmt* statement = systemStatement(statementId);
-    if (!prepareToRun(statement, PreferenceScope::System)) {
+    Query query = systemQuery(statementId);
+    if (!query.built()) {
         dprintf(fd, "Error encountered while dumping table %s.\n", title);
-        return -1;
+        return StoreStatus::Failed;
     }
-    return dumpTableRows(fd, title, statement, PreferenceScope::System, std::nullopt, printRow);
+    return dumpTableRows(fd, title, query, printRow);
 }
 
-int32_t Sqlite3PreferencesDb::dumpTableRows(int fd, const char* title, sqlite3_stmt* statement,
-                                            PreferenceScope scope,
-                                            const std::optional<unsigned int>& userId,
+int32_t Sqlite3PreferencesDb::dumpTableRows(int fd, const char* title, Query& query,
                                             RowPrinter printRow) {
-    int32_t result = 0;
-    {
-        ScopedStatementReset reset(statement);
-        int stepped;
-        while ((stepped = step(statement)) == SQLITE_ROW) printRow(fd, statement);
-        if (stepped != SQLITE_DONE) {
-            dprintf(fd, "Error encountered while dumping table %s.\n", title);
-            logFailureToExecutePreparedStatement(statement, scope, userId);
-            result = -1;
-        }
+    int32_t result = StoreStatus::Ok;
+    int stepped;
+    while ((stepped = query.step()) == SQLITE_ROW) printRow(fd, query.statement());
+    if (stepped != SQLITE_DONE) {
+        dprintf(fd, "Error encountered while dumping table %s.\n", title);
+        query.logFailedStep();
+        result = StoreStatus::Failed;
     }
     dprintf(fd, "=== End of %s table dump ===\n", title);
     return result;
@@ -314,22 +289,22 @@ int32_t Sqlite3PreferencesDb::dumpValuesTable(const std::optional<unsigned int>&
             ALOGE("Unable to dump user values table: no id was provided.");
             dprintf(fd, "Error encountered while dumping table %s: %s.\n", "Preferences",
                     "No user ID provided");
-            return -14;
+            return StoreStatus::UserRequired;
         }
         const int32_t result = initializeUserDb(*userId);
-        if (result != 0) {
+        if (result != StoreStatus::Ok) {
             dprintf(fd, "Error encountered while dumping table %s: %s.\n", "Preferences",
                     "Unable to initialize user DB");
             return result;
         }
         dbUserId = userId;
     }
-    sqlite3_stmt* statement = valueStatement(kValueDump, scope, dbUserId);
-    if (!prepareToRun(statement, scope, dbUserId)) {
+    Query query(*this, valueStatement(kValueDump, scope, dbUserId), scope, dbUserId);
+    if (!query.built()) {
         dprintf(fd, "Error encountered while dumping table %s.\n", "Preferences");
-        return -1;
+        return StoreStatus::Failed;
     }
-    return dumpTableRows(fd, title, statement, scope, dbUserId, printValueRow);
+    return dumpTableRows(fd, title, query, printValueRow);
 }
 
 int32_t Sqlite3PreferencesDb::dumpPreferencesTable(int fd) {
@@ -342,10 +317,13 @@ int32_t Sqlite3PreferencesDb::dumpPreferencesTable(int fd) {
                            kQueryDumpPreferencesTable, -1, &statement, nullptr) != SQLITE_OK) {
         ALOGE("Error initializing prepared statements: kQueryDumpPreferencesTable");
         sqlite3_finalize(statement);
-        return -1;
+        return StoreStatus::Failed;
     }
-    const int32_t result = dumpTableRows(fd, kTitle, statement, PreferenceScope::System,
-                                         std::nullopt, printPreferenceRow);
+    int32_t result;
+    {
+        Query query(*this, statement, PreferenceScope::System, std::nullopt);
+        result = dumpTableRows(fd, kTitle, query, printPreferenceRow);
+    }
     sqlite3_finalize(statement);
     return result;
 }

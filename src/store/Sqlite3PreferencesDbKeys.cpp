@@ -5,9 +5,9 @@
 
 #include <string>
 
-#include "store/ScopedStatementReset.h"
 #include "store/Sqlite3PreferencesDb.h"
 #include "store/SqliteBinding.h"
+#include "store/StoreTexts.h"
 #include "telemetry/Telemetry.h"
 
 namespace Halo::OS {
@@ -66,90 +66,74 @@ void readOwner(sqlite3_stmt* statement, int column, std::optional<unsigned int>&
 // ---- Packages ----
 
 int32_t Sqlite3PreferencesDb::registerPackage(unsigned int uid, const std::string& packageName) {
-    sqlite3_stmt* statement = systemStatement(kInsertPackage);
-    if (!prepareToRun(statement, PreferenceScope::System)) return -1;
-    ScopedStatementReset reset(statement);
-    if (!bindUnsigned(statement, 1, uid) || !bindText(statement, 2, packageName)) {
-        logFailureToBuildQuery(PreferenceScope::System);
-        return -1;
-    }
-    const int stepped = step(statement);
+    Query query = systemQuery(kInsertPackage, uid, packageName);
+    if (!query.built()) return StoreStatus::Failed;
+    const int stepped = query.step();
     if (isConstraintFailure(stepped)) {
         // Known package with a new schema: what only it declared expires unless re-declared.
         return markPreferencesReferencedOnlyByPackageForExpiration(uid, packageName);
     }
     if (stepped != SQLITE_DONE) {
-        logFailureToExecutePreparedStatement(statement, PreferenceScope::System);
-        return -1;
+        query.logFailedStep();
+        return StoreStatus::Failed;
     }
-    if (changedRows(PreferenceScope::System, std::nullopt) > 0) return 0;
+    if (changedRows(PreferenceScope::System, std::nullopt) > 0) return StoreStatus::Ok;
     ALOGE("Unable to register duplicate package.");
-    return -6;
+    return StoreStatus::DuplicatePackage;
 }
 
 int32_t Sqlite3PreferencesDb::unregisterPackage(unsigned int uid, const std::string& packageName) {
-    int32_t result = 0;
+    int32_t result = StoreStatus::Ok;
     {
-        sqlite3_stmt* statement = systemStatement(kDeletePackage);
-        if (!prepareToRun(statement, PreferenceScope::System)) return -1;
-        ScopedStatementReset reset(statement);
-        if (!bindUnsigned(statement, 1, uid) || !bindText(statement, 2, packageName)) {
-            logFailureToBuildQuery(PreferenceScope::System);
-            return -1;
-        }
-        if (step(statement) != SQLITE_DONE) {
-            logFailureToExecutePreparedStatement(statement, PreferenceScope::System);
-            result = -1;
+        Query query = systemQuery(kDeletePackage, uid, packageName);
+        if (!query.built()) return StoreStatus::Failed;
+        if (query.step() != SQLITE_DONE) {
+            query.logFailedStep();
+            result = StoreStatus::Failed;
         } else if (changedRows(PreferenceScope::System, std::nullopt) == 0) {
             ALOGE("Unable to unregister package: package does not in packages table.");
-            result = -7;
+            result = StoreStatus::UnknownPackage;
         }
     }
     const int32_t cleared = clearPackageOwnership(uid, packageName);
-    return result != 0 ? result : cleared;
+    return result != StoreStatus::Ok ? result : cleared;
 }
 
 int32_t Sqlite3PreferencesDb::clearPackageOwnership(unsigned int uid,
                                                     const std::string& packageName) {
-    sqlite3_stmt* statement = systemStatement(kClearPackageOwnership);
-    if (!prepareToRun(statement, PreferenceScope::System)) return -1;
-    ScopedStatementReset reset(statement);
-    if (!bindUnsigned(statement, 1, uid) || !bindText(statement, 2, packageName)) {
-        logFailureToBuildQuery(PreferenceScope::System);
-        return -1;
-    }
-    return runWrite(statement, PreferenceScope::System);
+    Query query = systemQuery(kClearPackageOwnership, uid, packageName);
+    return query.write();
 }
 
 int32_t Sqlite3PreferencesDb::getAllPackages(PackageSet& packages) {
-    sqlite3_stmt* statement = systemStatement(kListPackages);
-    if (!prepareToRun(statement, PreferenceScope::System)) return -1;
-    ScopedStatementReset reset(statement);
+    Query query = systemQuery(kListPackages);
+    if (!query.built()) return StoreStatus::Failed;
     int stepped;
-    while ((stepped = step(statement)) == SQLITE_ROW) {
-        packages.emplace(columnUnsigned(statement, 1), columnText(statement, 0).value_or(""));
+    while ((stepped = query.step()) == SQLITE_ROW) {
+        packages.emplace(columnUnsigned(query.statement(), 1),
+                         columnText(query.statement(), 0).value_or(""));
     }
     if (stepped != SQLITE_DONE) {
-        logFailureToExecutePreparedStatement(statement, PreferenceScope::System);
-        return -1;
+        query.logFailedStep();
+        return StoreStatus::Failed;
     }
-    return 0;
+    return StoreStatus::Ok;
 }
 
 int32_t Sqlite3PreferencesDb::unregisterMissingPackages(const PackageSet& present,
                                                         KeySourceDomain domain) {
     PackageSet known;
     int32_t result = getAllPackages(known);
-    if (result != 0) {
+    if (result != StoreStatus::Ok) {
         ALOGE("Failed to unregister missing packages; could not get list of all known packages.");
         return result;
     }
     for (const auto& package : known) {
         if (present.count(package) != 0 || !isPackageInDomain(package.second, domain)) continue;
         const int32_t unregistered = unregisterPackage(package.first, package.second);
-        if (unregistered != 0) {
+        if (unregistered != StoreStatus::Ok) {
             ALOGE("Unable to unregister missing package.");
-            if (result == 0) result = unregistered;
+            if (result == StoreStatus::Ok) result = unregistered;
         }
     }
     return result;
@@ -181,20 +165,20 @@ int32_t Sqlite3PreferencesDb::registerPreference(unsigned int requesterUid,
     if (static_cast<uint32_t>(scope) > static_cast<uint32_t>(PreferenceScope::Cross)) {
         ALOGE("Unable to register %s: invalid scope %u.", key.c_str(),
               static_cast<unsigned int>(scope));
-        return -1;
+        return StoreStatus::Failed;
     }
     PreferenceScope currentScope;
     int32_t result = getPreferenceScope(key, currentScope, true);
-    if (result == -8) {
+    if (result == StoreStatus::UnknownKey) {
         result = insertPreferenceInPreferencesMap(scope, type, ownerUid, ownerPackage, key,
                                                   defaultValue);
-        if (result != 0) {
+        if (result != StoreStatus::Ok) {
             ALOGE("Failed to register new %s.", key.c_str());
             return result;
         }
-        return 0;
+        return StoreStatus::Ok;
     }
-    if (result != 0) {
+    if (result != StoreStatus::Ok) {
         ALOGE("Unable to register/update %s; failed to determine if exists or to get current "
               "scope. req: %s",
               key.c_str(), describeRequester(requesterUid, requesterPackage).c_str());
@@ -202,7 +186,7 @@ int32_t Sqlite3PreferencesDb::registerPreference(unsigned int requesterUid,
         return result;
     }
     result = clearExpiration(key);
-    if (result != 0) {
+    if (result != StoreStatus::Ok) {
         ALOGE("Unable to update %s; unable to clear expiration time. value will expire when it "
               "should not.",
               key.c_str());
@@ -221,27 +205,21 @@ int32_t Sqlite3PreferencesDb::insertPreferenceInPreferencesMap(
         ALOGE("Unable to insert %s; either both owner package and name or neither must be "
               "specified.",
               key.c_str());
-        return -9;
+        return StoreStatus::OwnerRefused;
     }
-    sqlite3_stmt* statement = systemStatement(kInsertPreference);
-    if (!prepareToRun(statement, PreferenceScope::System)) return -1;
-    ScopedStatementReset reset(statement);
-    if (!bindText(statement, 1, key) || !bindCode(statement, 2, type) ||
-        !bindCode(statement, 3, scope) || !bindUnsigned(statement, 4, ownerUid) ||
-        !bindText(statement, 5, ownerPackage) || !bindText(statement, 6, defaultValue)) {
-        logFailureToBuildQuery(PreferenceScope::System);
-        return -1;
-    }
-    const int stepped = step(statement);
-    if (stepped == SQLITE_DONE) return 0;
+    Query query =
+            systemQuery(kInsertPreference, key, type, scope, ownerUid, ownerPackage, defaultValue);
+    if (!query.built()) return StoreStatus::Failed;
+    const int stepped = query.step();
+    if (stepped == SQLITE_DONE) return StoreStatus::Ok;
     // Every constraint failure, a type or scope outside the table's CHECK constraints included,
     // is logged as a duplicate row.
     if (isConstraintFailure(stepped)) {
         ALOGE("Unable to insert duplicate row for %s.", key.c_str());
     } else {
-        logFailureToExecutePreparedStatement(statement, PreferenceScope::System);
+        query.logFailedStep();
     }
-    return -1;
+    return StoreStatus::Failed;
 }
 
 // Three reads, so that a failure names the fact it could not read.
@@ -251,14 +229,14 @@ int32_t Sqlite3PreferencesDb::getPreferenceConfiguration(const std::string& key,
                                                          std::optional<std::string>& defaultValue) {
     static constexpr const char* kOperation = "getPreferenceConfiguration";
     int32_t result = getPreferenceType(key, type);
-    if (result != 0) {
+    if (result != StoreStatus::Ok) {
         ALOGE("%s, Unable to update existing %s; failed to get current type.", kOperation,
               key.c_str());
         Telemetry::report("getPreferenceConfiguration_error_retrieve_type");
         return result;
     }
     result = getPreferenceOwner(key, ownerUid, ownerPackage);
-    if (result != 0) {
+    if (result != StoreStatus::Ok) {
         ALOGE("%s, Unable to update existing %s; failed to get current owner %s.", kOperation,
               key.c_str(), std::to_string(result).c_str());
         Telemetry::report("getPreferenceConfiguration_error_retrieve_owner");
@@ -266,27 +244,21 @@ int32_t Sqlite3PreferencesDb::getPreferenceConfiguration(const std::string& key,
     }
     // The default is read here rather than with getDefaultValue(): a key may have no default,
     // which is a valid configuration and not an error.
-    sqlite3_stmt* statement = systemStatement(kGetDefault);
-    if (!prepareToRun(statement, PreferenceScope::System)) {
-        result = -1;
+    Query query = systemQuery(kGetDefault, key);
+    if (!query.built()) {
+        result = StoreStatus::Failed;
     } else {
-        ScopedStatementReset reset(statement);
-        if (!bindText(statement, 1, key)) {
-            logFailureToBuildQuery(PreferenceScope::System);
-            result = -1;
+        const int stepped = query.step();
+        if (stepped == SQLITE_ROW) {
+            defaultValue = columnText(query.statement(), 0);
+        } else if (stepped == SQLITE_DONE) {
+            result = StoreStatus::UnknownKey;
         } else {
-            const int stepped = step(statement);
-            if (stepped == SQLITE_ROW) {
-                defaultValue = columnText(statement, 0);
-            } else if (stepped == SQLITE_DONE) {
-                result = -8;
-            } else {
-                logFailureToExecutePreparedStatement(statement, PreferenceScope::System);
-                result = -1;
-            }
+            query.logFailedStep();
+            result = StoreStatus::Failed;
         }
     }
-    if (result != 0) {
+    if (result != StoreStatus::Ok) {
         ALOGE("%s, Unable to update existing %s; failed to get current default value.", kOperation,
               key.c_str());
         Telemetry::report("getPreferenceConfiguration_error_retrieve_default_value");
@@ -308,7 +280,7 @@ int32_t Sqlite3PreferencesDb::updateExistingPreference(
     std::optional<std::string> currentDefault;
     int32_t result = getPreferenceConfiguration(key, currentType, currentOwnerUid,
                                                 currentOwnerPackage, currentDefault);
-    if (result != 0) {
+    if (result != StoreStatus::Ok) {
         ALOGE("Unable to update %s; unable to get configuration.", key.c_str());
         Telemetry::report("updatepreference_error_update_configuration");
         return result;
@@ -316,13 +288,13 @@ int32_t Sqlite3PreferencesDb::updateExistingPreference(
     result = processPreferenceOwnerChangeRequest(requesterUid, requesterPackage, key,
                                                  currentOwnerUid, currentOwnerPackage, ownerUid,
                                                  ownerPackage);
-    if (result != 0) return result;
+    if (result != StoreStatus::Ok) return result;
     result = processPreferenceScopeChangeRequest(requesterUid, requesterPackage, key, currentScope,
                                                  scope, currentOwnerUid, currentOwnerPackage);
-    if (result != 0) return result;
+    if (result != StoreStatus::Ok) return result;
     result = processPreferenceTypeChangeRequest(requesterUid, requesterPackage, key, currentType,
                                                 type, currentOwnerUid, currentOwnerPackage);
-    if (result != 0) return result;
+    if (result != StoreStatus::Ok) return result;
     return processPreferenceDefaultValueChangeRequest(requesterUid, requesterPackage, key,
                                                       currentDefault, defaultValue, currentOwnerUid,
                                                       currentOwnerPackage);
@@ -340,11 +312,12 @@ int32_t Sqlite3PreferencesDb::processPreferenceOwnerChangeRequest(
             ALOGE("%s: Unable to update existing %s; already owned by (%s).", request.c_str(),
                   key.c_str(), describeOwner(ownerUid, ownerPackage).c_str());
             Telemetry::report("preferenceownerchange_error_already_owned");
-            return -9;
+            return StoreStatus::OwnerRefused;
         }
-        if (ownerUid == requestedOwnerUid && ownerPackage == requestedOwnerPackage) return 0;
+        if (ownerUid == requestedOwnerUid && ownerPackage == requestedOwnerPackage)
+            return StoreStatus::Ok;
         const int32_t result = setPreferenceOwner(key, requestedOwnerUid, requestedOwnerPackage);
-        if (result != 0) {
+        if (result != StoreStatus::Ok) {
             ALOGE("%s: Unable to update existing %s; failed to set new owner.", request.c_str(),
                   key.c_str());
             Telemetry::report("preferenceownerchange_error_set_owner");
@@ -352,13 +325,13 @@ int32_t Sqlite3PreferencesDb::processPreferenceOwnerChangeRequest(
         }
         ownerUid = requestedOwnerUid;
         ownerPackage = requestedOwnerPackage;
-        return 0;
+        return StoreStatus::Ok;
     }
     // The owner declares the key without claiming it any more: it gives the key up. Packages
     // that never owned the key leave its owner alone.
-    if (!isOwnedBy(ownerUid, requesterUid)) return 0;
+    if (!isOwnedBy(ownerUid, requesterUid)) return StoreStatus::Ok;
     const int32_t result = setPreferenceOwner(key, std::nullopt, std::nullopt);
-    if (result != 0) {
+    if (result != StoreStatus::Ok) {
         ALOGE("%s: Unable to update existing %s; failed to clear owner package.", request.c_str(),
               key.c_str());
         Telemetry::report("preferenceownerchange_error_clear_owner_package");
@@ -366,7 +339,7 @@ int32_t Sqlite3PreferencesDb::processPreferenceOwnerChangeRequest(
     }
     ownerUid.reset();
     ownerPackage.reset();
-    return 0;
+    return StoreStatus::Ok;
 }
 
 int32_t Sqlite3PreferencesDb::processPreferenceScopeChangeRequest(
@@ -374,24 +347,24 @@ int32_t Sqlite3PreferencesDb::processPreferenceScopeChangeRequest(
         PreferenceScope currentScope, PreferenceScope requestedScope,
         const std::optional<unsigned int>& ownerUid,
         const std::optional<std::string>& ownerPackage) {
-    if (requestedScope == currentScope) return 0;
+    if (requestedScope == currentScope) return StoreStatus::Ok;
     if (!isOwnedBy(ownerUid, requesterUid)) {
         // A non-owner declaring a shared key as a plain user key is accepted as it is.
         if (currentScope == PreferenceScope::Cross && requestedScope == PreferenceScope::User) {
-            return 0;
+            return StoreStatus::Ok;
         }
         ALOGE("Unable to update existing %s; failed to change from %s to %s, requester %s is not "
               "the owner %s",
               key.c_str(), scopeToString(currentScope), scopeToString(requestedScope),
               requesterPackage.c_str(), ownerPackage.value_or("none").c_str());
         Telemetry::report("preferencescopechange_error_not_owner");
-        return -10;
+        return StoreStatus::NotOwner;
     }
     ALOGW("%s: non-owning packages have different scope (%d) from that (%d) of owning package. "
           "Please correct.",
           key.c_str(), static_cast<int>(currentScope), static_cast<int>(requestedScope));
     const int32_t result = updatePreferenceScope(key, requestedScope);
-    if (result != 0) {
+    if (result != StoreStatus::Ok) {
         ALOGE("Unable to update %s; unable to update from %s to %s.", key.c_str(),
               scopeToString(currentScope), scopeToString(requestedScope));
         Telemetry::report("preferencescopechange_error_update_scope");
@@ -403,17 +376,17 @@ int32_t Sqlite3PreferencesDb::processPreferenceTypeChangeRequest(
         unsigned int requesterUid, const std::string& requesterPackage, const std::string& key,
         Type currentType, Type requestedType, const std::optional<unsigned int>& ownerUid,
         const std::optional<std::string>& ownerPackage) {
-    if (requestedType == currentType) return 0;
+    if (requestedType == currentType) return StoreStatus::Ok;
     if (!isOwnedBy(ownerUid, requesterUid)) {
         ALOGE("Unable to update existing %s; failed to change from %s to %s, requester %s is not "
               "the owner(%s).",
               key.c_str(), typeToString(currentType), typeToString(requestedType),
               requesterPackage.c_str(), ownerPackage.value_or("none").c_str());
         Telemetry::report("preferencestypechange_error_not_owner");
-        return -10;
+        return StoreStatus::NotOwner;
     }
     const int32_t result = updatePreferenceType(key, requestedType);
-    if (result != 0) {
+    if (result != StoreStatus::Ok) {
         ALOGE("%s, Unable to update %s; unable to update from %s to %s.",
               describeRequester(requesterUid, requesterPackage).c_str(), key.c_str(),
               typeToString(currentType), typeToString(requestedType));
@@ -428,18 +401,18 @@ int32_t Sqlite3PreferencesDb::processPreferenceDefaultValueChangeRequest(
         const std::optional<std::string>& requestedDefault,
         const std::optional<unsigned int>& ownerUid,
         const std::optional<std::string>& ownerPackage) {
-    if (requestedDefault == currentDefault) return 0;
+    if (requestedDefault == currentDefault) return StoreStatus::Ok;
     if (!isOwnedBy(ownerUid, requesterUid)) {
         ALOGE("Unable to update existing %s; failed to change default value, requester %s is not "
               "the owner (%s).",
               key.c_str(), requesterPackage.c_str(), ownerPackage.value_or("none").c_str());
         Telemetry::report("preferencedefault_error_not_owner");
-        return -10;
+        return StoreStatus::NotOwner;
     }
     const int32_t result = requestedDefault.has_value()
                                    ? setPreferenceDefault(key, *requestedDefault)
                                    : clearPreferenceDefault(key);
-    if (result != 0) {
+    if (result != StoreStatus::Ok) {
         ALOGE("%s: Unable to update %s; unable to update default value",
               describeRequester(requesterUid, requesterPackage).c_str(), key.c_str());
         Telemetry::report("preferencedefault_error");
@@ -448,16 +421,11 @@ int32_t Sqlite3PreferencesDb::processPreferenceDefaultValueChangeRequest(
 }
 
 int32_t Sqlite3PreferencesDb::clearPreferenceDefault(const std::string& key) {
-    sqlite3_stmt* statement = systemStatement(kSetDefault);
-    if (!prepareToRun(statement, PreferenceScope::System)) return -1;
-    ScopedStatementReset reset(statement);
-    if (!bindText(statement, 1, std::optional<std::string>()) || !bindText(statement, 2, key)) {
-        logFailureToBuildQuery(PreferenceScope::System);
-        return -1;
-    }
-    const int32_t result = runWrite(statement, PreferenceScope::System);
-    if (result != 0) return result;
-    return changedRows(PreferenceScope::System, std::nullopt) > 0 ? 0 : -8;
+    Query query = systemQuery(kSetDefault, std::optional<std::string>(), key);
+    if (!query.built()) return StoreStatus::Failed;
+    const int32_t result = query.write();
+    if (result != StoreStatus::Ok) return result;
+    return changedRows(PreferenceScope::System, std::nullopt) > 0 ? 0 : StoreStatus::UnknownKey;
 }
 
 // ---- Scope and type ----
@@ -468,41 +436,31 @@ int32_t Sqlite3PreferencesDb::getPreferenceScope(const std::string& key, Prefere
     if (cached) {
         if (const std::optional<PreferenceScope> known = mMetadata.scope(key)) {
             scope = *known;
-            return 0;
+            return StoreStatus::Ok;
         }
     }
-    sqlite3_stmt* statement = systemStatement(kGetScope);
-    if (!prepareToRun(statement, PreferenceScope::System)) return -1;
-    ScopedStatementReset reset(statement);
-    if (!bindText(statement, 1, key)) {
-        logFailureToBuildQuery(PreferenceScope::System);
-        return -1;
-    }
-    switch (step(statement)) {
+    Query query = systemQuery(kGetScope, key);
+    if (!query.built()) return StoreStatus::Failed;
+    switch (query.step()) {
         case SQLITE_ROW:
-            scope = static_cast<PreferenceScope>(sqlite3_column_int(statement, 0));
+            scope = static_cast<PreferenceScope>(sqlite3_column_int(query.statement(), 0));
             if (cached) mMetadata.setScope(key, scope);
-            return 0;
+            return StoreStatus::Ok;
         case SQLITE_DONE:
             if (!quiet) ALOGE("Unable to get scope: %s does not exist in table.", key.c_str());
-            return -8;
+            return StoreStatus::UnknownKey;
         default:
-            logFailureToExecutePreparedStatement(statement, PreferenceScope::System);
-            return -1;
+            query.logFailedStep();
+            return StoreStatus::Failed;
     }
 }
 
 int32_t Sqlite3PreferencesDb::updatePreferenceScope(const std::string& key, PreferenceScope scope) {
-    sqlite3_stmt* statement = systemStatement(kSetScope);
-    if (!prepareToRun(statement, PreferenceScope::System)) return -1;
-    ScopedStatementReset reset(statement);
-    if (!bindCode(statement, 1, scope) || !bindText(statement, 2, key)) {
-        logFailureToBuildQuery(PreferenceScope::System);
-        return -1;
-    }
-    const int32_t result = runWrite(statement, PreferenceScope::System);
-    if (result != 0) return result;
-    return changedRows(PreferenceScope::System, std::nullopt) > 0 ? 0 : -8;
+    Query query = systemQuery(kSetScope, scope, key);
+    if (!query.built()) return StoreStatus::Failed;
+    const int32_t result = query.write();
+    if (result != StoreStatus::Ok) return result;
+    return changedRows(PreferenceScope::System, std::nullopt) > 0 ? 0 : StoreStatus::UnknownKey;
 }
 
 int32_t Sqlite3PreferencesDb::getPreferenceType(const std::string& key, Type& type) {
@@ -510,44 +468,34 @@ int32_t Sqlite3PreferencesDb::getPreferenceType(const std::string& key, Type& ty
     if (cached) {
         if (const std::optional<Type> known = mMetadata.type(key)) {
             type = *known;
-            return 0;
+            return StoreStatus::Ok;
         }
     }
-    sqlite3_stmt* statement = systemStatement(kGetType);
-    if (!prepareToRun(statement, PreferenceScope::System)) return -1;
-    ScopedStatementReset reset(statement);
-    if (!bindText(statement, 1, key)) {
-        logFailureToBuildQuery(PreferenceScope::System);
-        return -1;
-    }
-    switch (step(statement)) {
+    Query query = systemQuery(kGetType, key);
+    if (!query.built()) return StoreStatus::Failed;
+    switch (query.step()) {
         case SQLITE_ROW:
-            type = static_cast<Type>(sqlite3_column_int(statement, 0));
+            type = static_cast<Type>(sqlite3_column_int(query.statement(), 0));
             if (cached) mMetadata.setType(key, type);
-            return 0;
+            return StoreStatus::Ok;
         case SQLITE_DONE:
             ALOGE("Unable to get scope: %s does not exist in table.", key.c_str());
             Telemetry::report("getpreferencetype_error_unregistered_key");
-            return -8;
+            return StoreStatus::UnknownKey;
         default:
-            logFailureToExecutePreparedStatement(statement, PreferenceScope::System);
-            return -1;
+            query.logFailedStep();
+            return StoreStatus::Failed;
     }
 }
 
 int32_t Sqlite3PreferencesDb::updatePreferenceType(const std::string& key, Type type) {
-    sqlite3_stmt* statement = systemStatement(kSetType);
-    if (!prepareToRun(statement, PreferenceScope::System)) return -1;
-    ScopedStatementReset reset(statement);
-    if (!bindCode(statement, 1, type) || !bindText(statement, 2, key)) {
-        logFailureToBuildQuery(PreferenceScope::System);
-        return -1;
-    }
-    const int32_t result = runWrite(statement, PreferenceScope::System);
-    if (result != 0) return result;
-    if (changedRows(PreferenceScope::System, std::nullopt) > 0) return 0;
+    Query query = systemQuery(kSetType, type, key);
+    if (!query.built()) return StoreStatus::Failed;
+    const int32_t result = query.write();
+    if (result != StoreStatus::Ok) return result;
+    if (changedRows(PreferenceScope::System, std::nullopt) > 0) return StoreStatus::Ok;
     Telemetry::report("updatepreferencetype_error_unregistered_key");
-    return -8;
+    return StoreStatus::UnknownKey;
 }
 
 int32_t Sqlite3PreferencesDb::downGradeScopeForPackage() {
@@ -559,24 +507,19 @@ int32_t Sqlite3PreferencesDb::downGradeScopeForPackage() {
 int32_t Sqlite3PreferencesDb::getPreferenceOwner(const std::string& key,
                                                  std::optional<unsigned int>& uid,
                                                  std::optional<std::string>& packageName) {
-    sqlite3_stmt* statement = systemStatement(kGetOwner);
-    if (!prepareToRun(statement, PreferenceScope::System)) return -1;
-    ScopedStatementReset reset(statement);
-    if (!bindText(statement, 1, key)) {
-        logFailureToBuildQuery(PreferenceScope::System);
-        return -1;
-    }
-    switch (step(statement)) {
+    Query query = systemQuery(kGetOwner, key);
+    if (!query.built()) return StoreStatus::Failed;
+    switch (query.step()) {
         case SQLITE_ROW:
-            readOwner(statement, 0, uid, packageName);
-            return 0;
+            readOwner(query.statement(), 0, uid, packageName);
+            return StoreStatus::Ok;
         case SQLITE_DONE:
             ALOGE("Unable to get owner: %s does not exist.", key.c_str());
             Telemetry::report("getpreferenceowner_error_key_not_exist");
-            return -8;
+            return StoreStatus::UnknownKey;
         default:
-            logFailureToExecutePreparedStatement(statement, PreferenceScope::System);
-            return -1;
+            query.logFailedStep();
+            return StoreStatus::Failed;
     }
 }
 
@@ -587,22 +530,16 @@ int32_t Sqlite3PreferencesDb::setPreferenceOwner(const std::string& key,
         ALOGE("Unable to set %s owner, either both owner id and name or neither must be "
               "specified.",
               key.c_str());
-        return -9;
+        return StoreStatus::OwnerRefused;
     }
-    sqlite3_stmt* statement = systemStatement(kSetOwner);
-    if (!prepareToRun(statement, PreferenceScope::System)) return -1;
-    ScopedStatementReset reset(statement);
-    if (!bindUnsigned(statement, 1, uid) || !bindText(statement, 2, packageName) ||
-        !bindText(statement, 3, key)) {
-        logFailureToBuildQuery(PreferenceScope::System);
-        return -1;
-    }
-    const int32_t result = runWrite(statement, PreferenceScope::System);
-    if (result != 0) return result;
-    if (changedRows(PreferenceScope::System, std::nullopt) > 0) return 0;
+    Query query = systemQuery(kSetOwner, uid, packageName, key);
+    if (!query.built()) return StoreStatus::Failed;
+    const int32_t result = query.write();
+    if (result != StoreStatus::Ok) return result;
+    if (changedRows(PreferenceScope::System, std::nullopt) > 0) return StoreStatus::Ok;
     ALOGE("Unable to set %s owner: key does not exist.", key.c_str());
     Telemetry::report("setpreferenceowner_error_key_not_exist");
-    return -8;
+    return StoreStatus::UnknownKey;
 }
 
 int32_t Sqlite3PreferencesDb::clearPreferenceOwnerForNonMigrationKeys(KeySourceDomain domain) {
@@ -615,7 +552,7 @@ int32_t Sqlite3PreferencesDb::clearPreferenceOwnerForNonMigrationKeys(KeySourceD
             return runSystemWrite(kClearOwnerApplication);
     }
     ALOGE("Invalid domain %u provided to clear owners.", static_cast<unsigned int>(domain));
-    return -1;
+    return StoreStatus::Failed;
 }
 
 // ---- Permissions ----
@@ -626,53 +563,39 @@ int32_t Sqlite3PreferencesDb::setPreferencePermission(const std::string& key, un
     if (permission != PreferencePermission::Read && permission != PreferencePermission::ReadWrite) {
         ALOGE("%s Invalid permission provided to registering permission: %u", key.c_str(),
               static_cast<unsigned int>(permission));
-        return -13;
+        return StoreStatus::InvalidPermission;
     }
-    sqlite3_stmt* statement = systemStatement(kInsertPermission);
-    if (!prepareToRun(statement, PreferenceScope::System)) {
+    Query query = systemQuery(kInsertPermission, key, uid, packageName, permission);
+    if (!query.built()) {
         Telemetry::report("setpreferencepermission_error_build_query");
-        return -1;
+        return StoreStatus::Failed;
     }
-    ScopedStatementReset reset(statement);
-    if (!bindText(statement, 1, key) || !bindUnsigned(statement, 2, uid) ||
-        !bindText(statement, 3, packageName) || !bindCode(statement, 4, permission)) {
-        logFailureToBuildQuery(PreferenceScope::System);
-        Telemetry::report("setpreferencepermission_error_build_query");
-        return -1;
-    }
-    const int stepped = step(statement);
-    if (stepped == SQLITE_DONE) return 0;
+    const int stepped = query.step();
+    if (stepped == SQLITE_DONE) return StoreStatus::Ok;
     // Any constraint failure is taken for an existing row and becomes an update. A missing key,
     // or a package name known under another uid (an app reinstalled under a new uid), is a
     // foreign key failure: the update then changes no row and succeeds.
     if (isConstraintFailure(stepped)) {
         return updatePreferencePermission(key, uid, packageName, permission);
     }
-    logFailureToExecutePreparedStatement(statement, PreferenceScope::System);
+    query.logFailedStep();
     Telemetry::report("setpreferencepermission_error_prepared_statement");
-    return -1;
+    return StoreStatus::Failed;
 }
 
 int32_t Sqlite3PreferencesDb::updatePreferencePermission(const std::string& key, unsigned int uid,
                                                          const std::string& packageName,
                                                          PreferencePermission permission) {
-    sqlite3_stmt* statement = systemStatement(kUpdatePermission);
-    if (!prepareToRun(statement, PreferenceScope::System)) {
+    Query query = systemQuery(kUpdatePermission, permission, key, uid, packageName);
+    if (!query.built()) {
         Telemetry::report("updatepreferencepermission_error_build_query");
-        return -1;
+        return StoreStatus::Failed;
     }
-    ScopedStatementReset reset(statement);
-    if (!bindCode(statement, 1, permission) || !bindText(statement, 2, key) ||
-        !bindUnsigned(statement, 3, uid) || !bindText(statement, 4, packageName)) {
-        logFailureToBuildQuery(PreferenceScope::System);
-        Telemetry::report("updatepreferencepermission_error_build_query");
-        return -1;
-    }
-    if (runWrite(statement, PreferenceScope::System) != 0) {
+    if (query.write() != StoreStatus::Ok) {
         Telemetry::report("updatepreferencepermission_error_prepared_statement");
-        return -1;
+        return StoreStatus::Failed;
     }
-    return 0;
+    return StoreStatus::Ok;
 }
 
 int32_t Sqlite3PreferencesDb::getPreferencePermission(const std::string& key, unsigned int uid,
@@ -681,80 +604,61 @@ int32_t Sqlite3PreferencesDb::getPreferencePermission(const std::string& key, un
     if (cached) {
         if (const std::optional<PreferencePermission> known = mMetadata.permission(key, uid)) {
             permission = *known;
-            return 0;
+            return StoreStatus::Ok;
         }
     }
-    sqlite3_stmt* statement = systemStatement(kGetPermission);
-    if (!prepareToRun(statement, PreferenceScope::System)) {
+    Query query = systemQuery(kGetPermission, key, uid);
+    if (!query.built()) {
         Telemetry::report("getpreferencepermission_error_build_query");
-        return -1;
+        return StoreStatus::Failed;
     }
-    ScopedStatementReset reset(statement);
-    if (!bindText(statement, 1, key) || !bindUnsigned(statement, 2, uid)) {
-        logFailureToBuildQuery(PreferenceScope::System);
-        Telemetry::report("getpreferencepermission_error_build_query");
-        return -1;
-    }
-    if (step(statement) != SQLITE_ROW) {
-        logFailureToExecutePreparedStatement(statement, PreferenceScope::System);
+    if (query.step() != SQLITE_ROW) {
+        query.logFailedStep();
         Telemetry::report("getpreferencepermission_error_prepared_statement");
-        return -1;
+        return StoreStatus::Failed;
     }
     // MAX() over no rows is NULL, read as 0: no permission.
-    permission = static_cast<PreferencePermission>(sqlite3_column_int(statement, 0));
+    permission = static_cast<PreferencePermission>(sqlite3_column_int(query.statement(), 0));
     if (cached) mMetadata.setPermission(key, uid, permission);
-    return 0;
+    return StoreStatus::Ok;
 }
 
 int32_t Sqlite3PreferencesDb::clearPermissionsForPackage(unsigned int uid,
                                                          const std::string& packageName) {
-    sqlite3_stmt* statement = systemStatement(kClearPackagePermissions);
-    if (!prepareToRun(statement, PreferenceScope::System)) return -1;
-    ScopedStatementReset reset(statement);
-    if (!bindUnsigned(statement, 1, uid) || !bindText(statement, 2, packageName)) {
-        logFailureToBuildQuery(PreferenceScope::System);
-        return -1;
-    }
+    Query query = systemQuery(kClearPackagePermissions, uid, packageName);
+    if (!query.built()) return StoreStatus::Failed;
     // Without the trigger, keys that lose their last permission here stay for the expiry sweep,
     // which also removes their values from the user databases.
-    if (dropReapOrphanedPreferencesTrigger() != 0) {
+    if (dropReapOrphanedPreferencesTrigger() != StoreStatus::Ok) {
         ALOGE("Failed to drop trigger to reap orphaned preferences prior to clearing permissions.");
-        return -1;
+        return StoreStatus::Failed;
     }
-    const bool stepped = step(statement) == SQLITE_DONE;
+    const bool stepped = query.step() == SQLITE_DONE;
     if (!stepped) {
-        logFailureToExecutePreparedStatement(statement, PreferenceScope::System);
+        query.logFailedStep();
         Telemetry::report("clearpreferencepermission_error_prepared_statement");
     }
-    if (createReapOrphanedPreferencesTrigger() != 0) {
+    if (createReapOrphanedPreferencesTrigger() != StoreStatus::Ok) {
         ALOGE("Failed to re-create trigger to reap orphaned preferences after clearing "
               "permissions.");
-        return -1;
+        return StoreStatus::Failed;
     }
-    return stepped ? 0 : -1;
+    return stepped ? StoreStatus::Ok : StoreStatus::Failed;
 }
 
 // ---- Expiry ----
 
 int32_t Sqlite3PreferencesDb::runSystemWrite(SystemStatement statementId) {
-    sqlite3_stmt* statement = systemStatement(statementId);
-    if (!prepareToRun(statement, PreferenceScope::System)) return -1;
-    ScopedStatementReset reset(statement);
-    return runWrite(statement, PreferenceScope::System);
+    Query query = systemQuery(statementId);
+    return query.write();
 }
 
 int32_t Sqlite3PreferencesDb::runExpiryMark(SystemStatement statementId,
                                             std::chrono::seconds delay) {
-    sqlite3_stmt* statement = systemStatement(statementId);
-    if (!prepareToRun(statement, PreferenceScope::System)) return -1;
-    ScopedStatementReset reset(statement);
     // The datetime() modifier, e.g. "+60 seconds".
     const std::string modifier = "+" + std::to_string(delay.count()) + " seconds";
-    if (!bindText(statement, 1, modifier)) {
-        logFailureToBuildQuery(PreferenceScope::System);
-        return -1;
-    }
-    return runWrite(statement, PreferenceScope::System);
+    Query query = systemQuery(statementId, modifier);
+    return query.write();
 }
 
 int32_t Sqlite3PreferencesDb::markPreferencesForExpiration(std::chrono::seconds delay,
@@ -769,7 +673,7 @@ int32_t Sqlite3PreferencesDb::markPreferencesForExpiration(std::chrono::seconds 
     }
     ALOGE("Invalid domain %u provided to mark keys for expiration.",
           static_cast<unsigned int>(domain));
-    return -1;
+    return StoreStatus::Failed;
 }
 
 int32_t Sqlite3PreferencesDb::markOrphanedPreferencesForExpiration(std::chrono::seconds delay) {
@@ -778,69 +682,56 @@ int32_t Sqlite3PreferencesDb::markOrphanedPreferencesForExpiration(std::chrono::
 
 int32_t Sqlite3PreferencesDb::markPreferencesReferencedOnlyByPackageForExpiration(
         unsigned int uid, const std::string& packageName) {
-    if (startsWith(packageName, kLegacyPrefix)) return 0;
+    if (startsWith(packageName, kLegacyPrefix)) return StoreStatus::Ok;
     // The stamp reaches only keys on which the package holds a permission. When all of them have
     // expired already -- as every key of a restart list has, marked a moment before -- it would
     // only move the time of expiries that have passed: the sweep takes those keys either way and
     // registering one again clears its stamp either way. It is then skipped, as it costs a
     // materialisation of every other package's keys where the lookup reads this package's rows.
-    if (hasUnexpiredKey(uid, packageName) == 0) return 0;
-    sqlite3_stmt* statement = systemStatement(kExpireReferencedOnlyByPackage);
-    if (!prepareToRun(statement, PreferenceScope::System)) return -1;
-    ScopedStatementReset reset(statement);
-    if (!bindUnsigned(statement, 1, uid) || !bindText(statement, 2, packageName) ||
-        !bindUnsigned(statement, 3, uid) || !bindText(statement, 4, packageName)) {
-        logFailureToBuildQuery(PreferenceScope::System);
-        return -1;
-    }
-    return runWrite(statement, PreferenceScope::System);
+    bool found = true;
+    if (findUnexpiredKey(uid, packageName, found) == StoreStatus::Ok && !found)
+        return StoreStatus::Ok;
+    Query query = systemQuery(kExpireReferencedOnlyByPackage, uid, packageName, uid, packageName);
+    return query.write();
 }
 
-int32_t Sqlite3PreferencesDb::hasUnexpiredKey(unsigned int uid, const std::string& packageName) {
-    sqlite3_stmt* statement = systemStatement(kFindUnexpiredKeyOfPackage);
-    if (!prepareToRun(statement, PreferenceScope::System)) return -1;
-    ScopedStatementReset reset(statement);
-    if (!bindUnsigned(statement, 1, uid) || !bindText(statement, 2, packageName)) {
-        logFailureToBuildQuery(PreferenceScope::System);
-        return -1;
-    }
-    switch (step(statement)) {
+int32_t Sqlite3PreferencesDb::findUnexpiredKey(unsigned int uid, const std::string& packageName,
+                                               bool& found) {
+    Query query = systemQuery(kFindUnexpiredKeyOfPackage, uid, packageName);
+    if (!query.built()) return StoreStatus::Failed;
+    switch (query.step()) {
         case SQLITE_ROW:
-            return 1;
+            found = true;
+            return StoreStatus::Ok;
         case SQLITE_DONE:
-            return 0;
+            found = false;
+            return StoreStatus::Ok;
         default:
-            logFailureToExecutePreparedStatement(statement, PreferenceScope::System);
-            return -1;
+            query.logFailedStep();
+            return StoreStatus::Failed;
     }
 }
 
 int32_t Sqlite3PreferencesDb::clearExpiration(const std::string& key) {
-    sqlite3_stmt* statement = systemStatement(kClearExpiration);
-    if (!prepareToRun(statement, PreferenceScope::System)) return -1;
-    ScopedStatementReset reset(statement);
-    if (!bindText(statement, 1, key)) {
-        logFailureToBuildQuery(PreferenceScope::System);
-        return -1;
-    }
-    return runWrite(statement, PreferenceScope::System);
+    Query query = systemQuery(kClearExpiration, key);
+    return query.write();
 }
 
 int32_t Sqlite3PreferencesDb::getExpiredPreferences(
         std::vector<std::pair<std::string, PreferenceScope>>& expired) {
-    sqlite3_stmt* statement = systemStatement(kListExpired);
-    if (!prepareToRun(statement, PreferenceScope::System)) return -1;
-    ScopedStatementReset reset(statement);
+    Query query = systemQuery(kListExpired);
+    if (!query.built()) return StoreStatus::Failed;
     int stepped;
-    while ((stepped = step(statement)) == SQLITE_ROW) {
-        expired.emplace_back(columnText(statement, 0).value_or(""),
-                             static_cast<PreferenceScope>(sqlite3_column_int(statement, 1)));
+    while ((stepped = query.step()) == SQLITE_ROW) {
+        expired.emplace_back(
+                columnText(query.statement(), 0).value_or(""),
+                static_cast<PreferenceScope>(sqlite3_column_int(query.statement(), 1)));
     }
     if (stepped != SQLITE_DONE) {
-        logFailureToExecutePreparedStatement(statement, PreferenceScope::System);
-        return -1;
+        query.logFailedStep();
+        return StoreStatus::Failed;
     }
-    return 0;
+    return StoreStatus::Ok;
 }
 
 int32_t Sqlite3PreferencesDb::deleteExpiredPreferencesFromMapPermissions() {
@@ -850,17 +741,17 @@ int32_t Sqlite3PreferencesDb::deleteExpiredPreferencesFromMapPermissions() {
 int32_t Sqlite3PreferencesDb::unregisterExpiredPreferences() {
     std::vector<std::pair<std::string, PreferenceScope>> expired;
     int32_t result = getExpiredPreferences(expired);
-    if (result != 0) return result;
+    if (result != StoreStatus::Ok) return result;
     for (const auto& [key, scope] : expired) {
         result = deletePreferenceFromValueTables(key, scope);
-        if (result == -8) {
+        if (result == StoreStatus::UnknownKey) {
             ALOGW("Unable to unregister %s: not found.", key.c_str());
-        } else if (result != 0) {
+        } else if (result != StoreStatus::Ok) {
             return result;
         }
     }
     result = deleteExpiredPreferencesFromMapPermissions();
-    if (result != 0) return result;
+    if (result != StoreStatus::Ok) return result;
     return cleanupDanglingListeners();
 }
 

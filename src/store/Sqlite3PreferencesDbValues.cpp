@@ -5,9 +5,9 @@
 
 #include <string>
 
-#include "store/ScopedStatementReset.h"
 #include "store/Sqlite3PreferencesDb.h"
 #include "store/SqliteBinding.h"
+#include "store/StoreTexts.h"
 #include "telemetry/Telemetry.h"
 
 namespace Halo::OS {
@@ -30,39 +30,39 @@ int32_t Sqlite3PreferencesDb::getPreferenceValue(const std::optional<unsigned in
 }
 
 int32_t Sqlite3PreferencesDb::getPreferenceValue(const std::optional<unsigned int>& userId,
-                                                 const std::optional<unsigned int>& currentUserId,
+                                                 const std::optional<unsigned int>& callerUserId,
                                                  const std::string& key,
                                                  std::optional<std::string>& value) {
     PreferenceScope scope;
     int32_t result = getPreferenceScope(key, scope, false);
-    if (result != 0) {
+    if (result != StoreStatus::Ok) {
         ALOGE("Unable to get value: the scope could not be determined: %s", key.c_str());
         Telemetry::report("getpreferencevalue_error_scope_lookup");
         return result;
     }
     if (scope == PreferenceScope::User) {
-        // A user value is only read for the user in the foreground.
-        if (!userId.has_value() || !currentUserId.has_value() || *userId != *currentUserId) {
-            return -14;
+        // A user value is only read for the caller's own user.
+        if (!userId.has_value() || !callerUserId.has_value() || *userId != *callerUserId) {
+            return StoreStatus::UserRequired;
         }
     } else if (scope == PreferenceScope::Cross && !userId.has_value()) {
         ALOGE("Unable to get value: it is user-scoped but no user id was provided.");
-        return -14;
+        return StoreStatus::UserRequired;
     }
     if (isUserDbScope(scope)) {
         result = initializeUserDb(*userId);
-        if (result != 0) return result;
+        if (result != StoreStatus::Ok) return result;
     }
     value.reset();
-    if (getCurrentValue(key, scope, userId, value) != 0) {
+    if (getCurrentValue(key, scope, userId, value) != StoreStatus::Ok) {
         ALOGE("Unable to get value: failed to read current value. This should NOT happen, but "
               "attempting to read default value instead for fault tolerance.");
         Telemetry::report("getpreferencevalue_error_retrieve_value");
         value.reset();
     }
-    if (value.has_value()) return 0;
+    if (value.has_value()) return StoreStatus::Ok;
     result = getDefaultValue(key, value);
-    if (result != 0) {
+    if (result != StoreStatus::Ok) {
         ALOGE("Unable to get value: failed to read default value %s", key.c_str());
         Telemetry::report("getpreferencevalue_error_retrieve_default_value");
     }
@@ -75,39 +75,35 @@ int32_t Sqlite3PreferencesDb::getCurrentValue(const std::string& key, Preference
     if (isUserDbScope(scope) && !userId.has_value()) {
         ALOGE("Unable to get value %s: it is user-scoped but no user ID was provided.",
               key.c_str());
-        return -14;
+        return StoreStatus::UserRequired;
     }
     sqlite3_stmt* statement = valueStatement(kValueGetCurrent, scope, userId);
     PreferencesValueCache* cache = statement != nullptr ? valueCache(scope, userId) : nullptr;
     if (cache != nullptr) {
         if (const std::optional<std::string>* known = cache->find(key)) {
             value = *known;
-            return 0;
+            return StoreStatus::Ok;
         }
     }
-    if (!prepareToRun(statement, scope, userId)) return -1;
-    ScopedStatementReset reset(statement);
-    if (!bindText(statement, 1, key)) {
-        logFailureToBuildQuery(scope, userId);
-        return -1;
-    }
-    switch (step(statement)) {
+    Query query(*this, statement, scope, userId, key);
+    if (!query.built()) return StoreStatus::Failed;
+    switch (query.step()) {
         case SQLITE_ROW:
-            value = columnText(statement, 0);
+            value = columnText(query.statement(), 0);
             if (value.has_value()) {
                 if (cache != nullptr) cache->remember(key, value);
-                return 0;
+                return StoreStatus::Ok;
             }
             ALOGE("The current value is null. This should NOT happen %s", key.c_str());
             Telemetry::report("getpreferencevalue_error_default_value_null");
-            return -1;
+            return StoreStatus::Failed;
         case SQLITE_DONE:
             value.reset();
             if (cache != nullptr) cache->remember(key, value);
-            return 0;
+            return StoreStatus::Ok;
         default:
-            logFailureToExecutePreparedStatement(statement, scope, userId);
-            return -1;
+            query.logFailedStep();
+            return StoreStatus::Failed;
     }
 }
 
@@ -117,32 +113,27 @@ int32_t Sqlite3PreferencesDb::getDefaultValue(const std::string& key,
     if (cached) {
         if (std::optional<std::string> known = mMetadata.defaultValue(key)) {
             value = std::move(known);
-            return 0;
+            return StoreStatus::Ok;
         }
     }
-    sqlite3_stmt* statement = systemStatement(kGetDefault);
-    if (!prepareToRun(statement, PreferenceScope::System)) return -1;
-    ScopedStatementReset reset(statement);
-    if (!bindText(statement, 1, key)) {
-        logFailureToBuildQuery(PreferenceScope::System);
-        return -1;
-    }
-    switch (step(statement)) {
+    Query query = systemQuery(kGetDefault, key);
+    if (!query.built()) return StoreStatus::Failed;
+    switch (query.step()) {
         case SQLITE_ROW:
-            value = columnText(statement, 0);
+            value = columnText(query.statement(), 0);
             if (value.has_value()) {
                 if (cached) mMetadata.setDefaultValue(key, *value);
-                return 0;
+                return StoreStatus::Ok;
             }
             ALOGE("The default value is null. This should NOT happen %s", key.c_str());
             Telemetry::report("getpreferencevalue_error_default_value_null");
-            return -1;
+            return StoreStatus::Failed;
         case SQLITE_DONE:
             ALOGE("Unable to set default: key does not exist in table %s", key.c_str());
-            return -8;
+            return StoreStatus::UnknownKey;
         default:
-            logFailureToExecutePreparedStatement(statement, PreferenceScope::System);
-            return -1;
+            query.logFailedStep();
+            return StoreStatus::Failed;
     }
 }
 
@@ -154,9 +145,9 @@ int32_t Sqlite3PreferencesDb::setPreferenceValue(const std::optional<unsigned in
 }
 
 int32_t Sqlite3PreferencesDb::setPreferenceValue(const std::optional<unsigned int>& userId,
-                                                 const std::optional<unsigned int>& currentUserId,
+                                                 const std::optional<unsigned int>& callerUserId,
                                                  const std::string& key, const std::string& value) {
-    return updatePreferenceValue(userId, currentUserId, PreferenceValueType::Current, key, value);
+    return updatePreferenceValue(userId, callerUserId, PreferenceValueType::Current, key, value);
 }
 
 int32_t Sqlite3PreferencesDb::setPreferenceDefault(const std::string& key,
@@ -172,15 +163,17 @@ int32_t Sqlite3PreferencesDb::updatePreferenceValue(const std::optional<unsigned
     return updatePreferenceValue(userId, userId, valueType, key, value);
 }
 
-int32_t Sqlite3PreferencesDb::updatePreferenceValue(
-        const std::optional<unsigned int>& userId, const std::optional<unsigned int>& currentUserId,
-        PreferenceValueType valueType, const std::string& key, const std::string& value) {
+int32_t Sqlite3PreferencesDb::updatePreferenceValue(const std::optional<unsigned int>& userId,
+                                                    const std::optional<unsigned int>& callerUserId,
+                                                    PreferenceValueType valueType,
+                                                    const std::string& key,
+                                                    const std::string& value) {
     PreferenceScope scope = PreferenceScope::System;
     sqlite3_stmt* statement = nullptr;
     switch (valueType) {
         case PreferenceValueType::Current: {
             const int32_t result = getPreferenceScope(key, scope, false);
-            if (result != 0) {
+            if (result != StoreStatus::Ok) {
                 ALOGE("Unable to set value, scope could not be determined %s", key.c_str());
                 Telemetry::report("updatepreferencevalue_error_retrieve_scope_lookup");
                 return result;
@@ -190,15 +183,15 @@ int32_t Sqlite3PreferencesDb::updatePreferenceValue(
                     ALOGE("Unable to update value: it is user-scoped but no user ID was provided "
                           "%s",
                           key.c_str());
-                    return -14;
+                    return StoreStatus::UserRequired;
                 }
-                // A user value is only written for the user in the foreground.
+                // A user value is only written for the caller's own user.
                 if (scope == PreferenceScope::User &&
-                    (!currentUserId.has_value() || *currentUserId != *userId)) {
-                    return -1;
+                    (!callerUserId.has_value() || *callerUserId != *userId)) {
+                    return StoreStatus::Failed;
                 }
                 const int32_t opened = initializeUserDb(*userId);
-                if (opened != 0) {
+                if (opened != StoreStatus::Ok) {
                     ALOGE("Unable to update value: failed to initialize user DB for user %s",
                           key.c_str());
                     return opened;
@@ -220,27 +213,22 @@ int32_t Sqlite3PreferencesDb::updatePreferenceValue(
     // Update first; only a key without a value row gets one inserted, and is updated once more.
     bool inserted = false;
     while (true) {
-        if (!prepareToRun(statement, scope, dbUserId)) return -1;
-        ScopedStatementReset reset(statement);
-        if (!bindText(statement, 1, value) || !bindText(statement, 2, key)) {
-            logFailureToBuildQuery(scope, dbUserId);
-            return -1;
-        }
+        Query query(*this, statement, scope, dbUserId, value, key);
+        if (!query.built()) return StoreStatus::Failed;
         // Only a current value leaves key metadata alone; a default is key metadata.
-        const int32_t written = valueType == PreferenceValueType::Current
-                                        ? runValueWrite(statement, scope, dbUserId)
-                                        : runWrite(statement, scope, dbUserId);
-        if (written != 0) return -1;
-        if (changedRows(scope, dbUserId) > 0) return 0;
+        const int32_t written =
+                valueType == PreferenceValueType::Current ? query.writeValue() : query.write();
+        if (written != StoreStatus::Ok) return StoreStatus::Failed;
+        if (changedRows(scope, dbUserId) > 0) return StoreStatus::Ok;
         if (valueType != PreferenceValueType::Current || inserted) {
             ALOGE("Unable to update value(scope %s, %s value): value row for key not found",
                   scopeToString(scope),
                   valueType == PreferenceValueType::Default ? "default" : "current");
             Telemetry::report("updatepreferencevalue_error_value_row_not_found");
-            return -8;
+            return StoreStatus::UnknownKey;
         }
         const int32_t result = insertValueRow(dbUserId, key, scope);
-        if (result != 0) {
+        if (result != StoreStatus::Ok) {
             ALOGE("Unable to set value: failed to insert value row for key.");
             Telemetry::report("updatepreferencevalue_error_insert_value_row");
             return result;
@@ -254,26 +242,21 @@ int32_t Sqlite3PreferencesDb::insertValueRow(const std::optional<unsigned int>& 
     if (isUserDbScope(scope)) {
         if (!userId.has_value()) {
             ALOGE("Unable to insert value row: it is user-scoped but no user was provided.");
-            return -14;
+            return StoreStatus::UserRequired;
         }
         const int32_t result = initializeUserDb(*userId);
-        if (result != 0) return result;
+        if (result != StoreStatus::Ok) return result;
     }
-    sqlite3_stmt* statement = valueStatement(kValueInsertRow, scope, userId);
-    if (!prepareToRun(statement, scope, userId)) return -1;
-    ScopedStatementReset reset(statement);
-    if (!bindText(statement, 1, key)) {
-        logFailureToBuildQuery(scope, userId);
-        return -1;
-    }
-    const int stepped = stepValueWrite(statement, scope);
-    if (stepped == SQLITE_DONE) return 0;
+    Query query(*this, valueStatement(kValueInsertRow, scope, userId), scope, userId, key);
+    if (!query.built()) return StoreStatus::Failed;
+    const int stepped = query.stepValue();
+    if (stepped == SQLITE_DONE) return StoreStatus::Ok;
     if (isConstraintFailure(stepped)) {
         ALOGE("Unable to insert duplicate value row for key.");
     } else {
-        logFailureToExecutePreparedStatement(statement, scope, userId);
+        query.logFailedStep();
     }
-    return -1;
+    return StoreStatus::Failed;
 }
 
 // ---- Clearing ----
@@ -282,7 +265,7 @@ int32_t Sqlite3PreferencesDb::clearCurrentPreferenceValue(const std::optional<un
                                                           const std::string& key) {
     PreferenceScope scope;
     int32_t result = getPreferenceScope(key, scope, false);
-    if (result != 0) {
+    if (result != StoreStatus::Ok) {
         ALOGE("Unable to clear value: the scope could not be determined: %s", key.c_str());
         Telemetry::report("clearpreferencevalue_error_scope_lookup");
         return result;
@@ -290,14 +273,14 @@ int32_t Sqlite3PreferencesDb::clearCurrentPreferenceValue(const std::optional<un
     if (isUserDbScope(scope)) {
         if (!userId.has_value()) {
             ALOGE("Unable to clear value: it is user-scoped but no user id was provided.");
-            return -14;
+            return StoreStatus::UserRequired;
         }
         result = initializeUserDb(*userId);
-        if (result != 0) return result;
+        if (result != StoreStatus::Ok) return result;
     } else if (scope != PreferenceScope::System) {
         ALOGE("Invalid scope provided to clear current value: %u.",
               static_cast<unsigned int>(scope));
-        return -1;
+        return StoreStatus::Failed;
     }
     return clearCurrentPreferenceValue(userId, key, scope);
 }
@@ -308,30 +291,13 @@ int32_t Sqlite3PreferencesDb::clearCurrentPreferenceValue(const std::optional<un
     if (isUserDbScope(scope)) {
         if (!userId.has_value()) {
             ALOGE("Unable to clear value: it is user-scoped but no ser ID was provided.");
-            return -14;
+            return StoreStatus::UserRequired;
         }
         const int32_t result = initializeUserDb(*userId);
-        if (result != 0) return result;
+        if (result != StoreStatus::Ok) return result;
     }
-    sqlite3_stmt* statement = valueStatement(kValueClearCurrent, scope, userId);
-    if (!prepareToRun(statement, scope, userId)) return -1;
-    ScopedStatementReset reset(statement);
-    if (!bindText(statement, 1, key)) {
-        logFailureToBuildQuery(scope, userId);
-        return -1;
-    }
-    return runValueWrite(statement, scope, userId);
-}
-
-int32_t Sqlite3PreferencesDb::clearCurrentPreferenceValueFromUserDbs(const std::string& key) {
-    std::vector<unsigned int> userIds;
-    if (!getUserIdsOfDbsForKey(userIds)) return -1;
-    int32_t result = 0;
-    for (unsigned int userId : userIds) {
-        const int32_t cleared = clearCurrentPreferenceValue(userId, key, PreferenceScope::User);
-        if (cleared != 0 && result == 0) result = cleared;
-    }
-    return result;
+    Query query(*this, valueStatement(kValueClearCurrent, scope, userId), scope, userId, key);
+    return query.writeValue();
 }
 
 // ---- Deleting ----
@@ -347,7 +313,7 @@ int32_t Sqlite3PreferencesDb::deletePreferenceFromValueTables(const std::string&
     }
     ALOGE("Invalid scope provided to delete value from tables: %u.",
           static_cast<unsigned int>(scope));
-    return -1;
+    return StoreStatus::Failed;
 }
 
 int32_t Sqlite3PreferencesDb::deletePreferenceValueRow(const std::optional<unsigned int>& userId,
@@ -358,46 +324,41 @@ int32_t Sqlite3PreferencesDb::deletePreferenceValueRow(const std::optional<unsig
             ALOGE("Unable to delete value row for %s: it is user-scoped but no user was "
                   "provided.",
                   key.c_str());
-            return -14;
+            return StoreStatus::UserRequired;
         }
         const int32_t result = initializeUserDb(*userId);
-        if (result != 0) return result;
+        if (result != StoreStatus::Ok) return result;
     }
-    sqlite3_stmt* statement = valueStatement(kValueDeleteRow, scope, userId);
-    if (!prepareToRun(statement, scope, userId)) return -1;
-    ScopedStatementReset reset(statement);
-    if (!bindText(statement, 1, key)) {
-        logFailureToBuildQuery(scope, userId);
-        return -1;
-    }
-    if (runValueWrite(statement, scope, userId) != 0) return -1;
-    if (changedRows(scope, userId) > 0) return 0;
+    Query query(*this, valueStatement(kValueDeleteRow, scope, userId), scope, userId, key);
+    if (!query.built()) return StoreStatus::Failed;
+    if (query.writeValue() != StoreStatus::Ok) return StoreStatus::Failed;
+    if (changedRows(scope, userId) > 0) return StoreStatus::Ok;
     ALOGW("Unable to delete value row: value row for %s not found. this may be normal.",
           key.c_str());
-    return -8;
+    return StoreStatus::UnknownKey;
 }
 
 int32_t Sqlite3PreferencesDb::deletePreferenceValueRowFromUserDbs(const std::string& key) {
     std::vector<unsigned int> userIds;
-    if (!getUserIdsOfDbsForKey(userIds)) return -1;
-    int32_t failure = 0;
+    if (!getUserIdsOfDbsForKey(userIds)) return StoreStatus::Failed;
+    int32_t failure = StoreStatus::Ok;
     bool deleted = false;
     for (unsigned int userId : userIds) {
         int32_t result = initializeUserDb(userId);
-        if (result != 0) {
+        if (result != StoreStatus::Ok) {
             ALOGE("Unable to initialize user database for %d while deleting values for %s", userId,
                   key.c_str());
         } else {
             result = deletePreferenceValueRow(userId, key, PreferenceScope::User);
         }
-        if (result == 0) {
+        if (result == StoreStatus::Ok) {
             deleted = true;
-        } else if (result != -8 && failure == 0) {
+        } else if (result != StoreStatus::UnknownKey && failure == StoreStatus::Ok) {
             failure = result;
         }
     }
-    if (failure != 0) return failure;
-    return deleted ? 0 : -8;
+    if (failure != StoreStatus::Ok) return failure;
+    return deleted ? 0 : StoreStatus::UnknownKey;
 }
 
 }  // namespace Halo::OS

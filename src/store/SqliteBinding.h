@@ -40,6 +40,27 @@ inline bool bindCode(sqlite3_stmt* statement, int index, Enum code) {
     return sqlite3_bind_int64(statement, index, static_cast<sqlite3_int64>(code)) == SQLITE_OK;
 }
 
+// One overload set over the helpers above, so that a statement's parameters can be bound in
+// order by a variadic caller (Sqlite3PreferencesDb::Query).
+inline bool bindParameter(sqlite3_stmt* statement, int index, const std::string& text) {
+    return bindText(statement, index, text);
+}
+inline bool bindParameter(sqlite3_stmt* statement, int index,
+                          const std::optional<std::string>& text) {
+    return bindText(statement, index, text);
+}
+inline bool bindParameter(sqlite3_stmt* statement, int index, unsigned int value) {
+    return bindUnsigned(statement, index, value);
+}
+inline bool bindParameter(sqlite3_stmt* statement, int index,
+                          const std::optional<unsigned int>& value) {
+    return bindUnsigned(statement, index, value);
+}
+template <typename Enum, typename = std::enable_if_t<std::is_enum_v<Enum>>>
+inline bool bindParameter(sqlite3_stmt* statement, int index, Enum code) {
+    return bindCode(statement, index, code);
+}
+
 inline unsigned int columnUnsigned(sqlite3_stmt* statement, int column) {
     return static_cast<unsigned int>(sqlite3_column_int64(statement, column));
 }

@@ -8,6 +8,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <functional>
+#include <future>
 #include <limits>
 #include <thread>
 
@@ -72,6 +75,29 @@ private:
 };
 
 class BinderIpcTest : public BinderTest {};
+
+// Runs `work` on a thread of its own: false when it has not finished within 20 s (the thread is
+// then left behind).
+bool finishes(std::function<void()> work) {
+    auto done = std::make_shared<std::promise<void>>();
+    std::future<void> finished = done->get_future();
+    std::thread([work = std::move(work), done] {
+        work();
+        done->set_value();
+    }).detach();
+    return finished.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
+}
+
+// `calls` calls of meet(calls, waitMs) from as many threads at once: the most that ran at once.
+int32_t meetAtOnce(const sp<ITestService>& service, int32_t calls, int32_t waitMs) {
+    std::vector<int32_t> most(static_cast<size_t>(calls), 0);
+    std::vector<std::thread> threads;
+    for (int32_t i = 0; i < calls; ++i) {
+        threads.emplace_back([&, i] { EXPECT_TRUE(service->meet(calls, waitMs, &most[i]).isOk()); });
+    }
+    for (auto& thread : threads) thread.join();
+    return *std::max_element(most.begin(), most.end());
+}
 
 int32_t echoed(const sp<ITestService>& service, int32_t value) {
     int32_t out = 0;
@@ -208,6 +234,25 @@ TEST_F(BinderIpcTest, CallbacksNestedInACallRunOnTheWaitingThread) {
     }
 }
 
+// A -> B -> A where B calls back over its own connection to A, and A has one thread: the thread
+// of A waiting for B's reply serves the nested call (as the kernel driver hands it over).
+TEST_F(BinderIpcTest, CallsNestedOverAnotherConnectionRunOnTheWaitingThread) {
+    startPeer({"serve-pool", "single", "0"});
+    sp<ITestService> single;
+    ASSERT_EQ(OK, android::getService(String16("single"), &single));
+    ASSERT_NE(nullptr, single);
+    startPeer({"serve-callback", "forwarder", "single"});
+    ASSERT_NE(nullptr, android::defaultServiceManager()->getService(String16("forwarder")));
+    auto results = std::make_shared<std::vector<int32_t>>();
+    ASSERT_TRUE(finishes([single, results] {
+        for (int32_t value : {5, 6}) {
+            int32_t out = 0;
+            results->push_back(single->callNamed("forwarder", value, &out).isOk() ? out : -1);
+        }
+    }));
+    EXPECT_EQ((std::vector<int32_t>{10, 12}), *results);
+}
+
 TEST_F(BinderIpcTest, ConcurrentCallsOnOneConnectionKeepTheirBytesAndDescriptors) {
     // Eight threads share the one connection to the service, and the service answers them from
     // several pool threads: requests and replies are written by one thread while others have
@@ -263,6 +308,60 @@ TEST_F(BinderIpcTest, OnewayCallsArriveInOrder) {
     for (int32_t i = 0; i < 1000; ++i) ASSERT_EQ(i, recorded[i]) << "at " << i;
 }
 
+// A reply parcel used again may hold the last reference to a proxy of the connection it is used
+// on; that proxy is released when the next reply (with data or a bare status) replaces it.
+TEST_F(BinderIpcTest, ReusedReplyMayHoldTheLastReferenceToAProxy) {
+    sp<ITestService> extended = startService<ITestService>("serve-extended", "extended");
+    ASSERT_NE(nullptr, extended);
+    const sp<IBinder> root = IInterface::asBinder(extended);
+    constexpr uint32_t kUnknown = 0x00ffffff;
+    const std::vector<std::pair<uint32_t, android::status_t>> calls = {
+            {IBinder::EXTENSION_TRANSACTION, OK},
+            {IBinder::EXTENSION_TRANSACTION, OK},
+            {kUnknown, android::UNKNOWN_TRANSACTION},
+            {IBinder::EXTENSION_TRANSACTION, OK},
+    };
+    auto statuses = std::make_shared<std::vector<android::status_t>>();
+    ASSERT_TRUE(finishes([root, calls, statuses] {
+        android::Parcel request;
+        android::Parcel reply;
+        for (const auto& [code, expected] : calls) {
+            statuses->push_back(root->transact(code, request, &reply));
+        }
+    }));
+    for (size_t i = 0; i < calls.size(); ++i) EXPECT_EQ(calls[i].second, (*statuses)[i]) << i;
+    EXPECT_EQ(4, echoed(extended, 4));
+}
+
+// One-way calls report no calling pid (0, as on a device); their uid is the caller's, and
+// two-way calls keep the caller's pid.
+TEST_F(BinderIpcTest, OnewayCallsReportNoCallingPid) {
+    sp<ITestService> service = startService<ITestService>("serve", "test");
+    ASSERT_NE(nullptr, service);
+    ASSERT_TRUE(service->recordCaller().isOk());
+    std::vector<int32_t> recorded;
+    ASSERT_TRUE(service->recorded(2, &recorded).isOk());
+    EXPECT_EQ((std::vector<int32_t>{0, static_cast<int32_t>(getuid())}), recorded);
+    int32_t pid = 0;
+    ASSERT_TRUE(service->callingPid(&pid).isOk());
+    EXPECT_EQ(getpid(), pid);
+}
+
+// The pool is the thread that joined it plus at most the maximum started on demand; a maximum of
+// 0 is accepted and leaves the joined main thread alone serving.
+TEST_F(BinderIpcTest, PoolIsTheJoinedThreadPlusTheMaximum) {
+    for (int32_t max : {0, 2}) {
+        const std::string name = "pool" + std::to_string(max);
+        startPeer({"serve-pool", name, std::to_string(max)});
+        sp<ITestService> service;
+        ASSERT_EQ(OK, android::getService(String16(name.c_str()), &service)) << max;
+        ASSERT_NE(nullptr, service) << max;
+        // max + 1 calls run at once; one more never runs beside them.
+        EXPECT_EQ(max + 1, meetAtOnce(service, max + 1, 20000)) << max;
+        EXPECT_EQ(max + 1, meetAtOnce(service, max + 2, 500)) << max;
+    }
+}
+
 TEST_F(BinderIpcTest, KilledPeerIsReportedOnceAndItsProxiesAreDead) {
     PeerProcess& peer = startPeer({"serve", "test"});
     sp<ITestService> service;
@@ -293,6 +392,32 @@ TEST_F(BinderIpcTest, KilledPeerIsReportedOnceAndItsProxiesAreDead) {
     EXPECT_EQ(1, first->count());
     EXPECT_EQ(1, second->count());
     EXPECT_EQ(0, unlinked->count());
+}
+
+// A proxy handed on is relayed by the process that hands it on; when its object's process dies,
+// the death reaches the holders of the relayed proxy too, which can still hand it back.
+TEST_F(BinderIpcTest, DeathOfARelayedObjectReachesItsHolders) {
+    PeerProcess& owner = startPeer({"serve", "owner"});
+    sp<ITestService> relay = startService<ITestService>("serve", "relay");
+    ASSERT_NE(nullptr, relay);
+    sp<IBinder> relayed;
+    ASSERT_TRUE(relay->lookUp("owner", &relayed).isOk());
+    ASSERT_NE(nullptr, relayed);
+    ASSERT_NE(nullptr, relayed->remoteBinder());
+    EXPECT_NE(IInterface::asBinder(relay), relayed);
+    EXPECT_EQ(3, echoed(android::interface_cast<ITestService>(relayed), 3));
+    sp<DeathCounter> death = new DeathCounter();
+    ASSERT_EQ(OK, relayed->linkToDeath(death));
+
+    owner.kill(SIGKILL);
+    owner.wait();
+    EXPECT_EQ(1, death->wait(1));
+    EXPECT_FALSE(relayed->isBinderAlive());
+    EXPECT_EQ(android::DEAD_OBJECT, relayed->pingBinder());
+    sp<IBinder> again;
+    ASSERT_TRUE(relay->echoBinder(relayed, &again).isOk());
+    EXPECT_EQ(relayed, again);
+    EXPECT_EQ(4, echoed(relay, 4));
 }
 
 TEST_F(BinderIpcTest, ServiceIsToldWhenAClientDies) {

@@ -297,6 +297,30 @@ TEST_F(BinderRobustnessTest, MalformedFramesCloseOnlyTheirConnection) {
     EXPECT_EQ(android::OK, fresh->pingBinder());
 }
 
+// A parcel carrying a descriptor that is no longer open fails its own call, two-way or one-way;
+// the connection and its proxies stay usable.
+TEST_F(BinderRobustnessTest, ClosedDescriptorFailsOnlyItsTransaction) {
+    sp<ITestService> service = startService<ITestService>("serve", "test");
+    ASSERT_NE(nullptr, service);
+    const sp<android::IBinder> binder = android::IInterface::asBinder(service);
+    // Far above the descriptors in use, so that no other thread opens it meanwhile.
+    const int closed = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 1000);
+    ASSERT_GE(closed, 1000);
+    ASSERT_EQ(0, close(closed));
+    const uint32_t echoFd = android::IBinder::FIRST_CALL_TRANSACTION + 6;
+    for (uint32_t flags : {0u, static_cast<uint32_t>(android::IBinder::FLAG_ONEWAY)}) {
+        android::Parcel data;
+        data.writeInterfaceToken(ITestService::descriptor);
+        ASSERT_EQ(android::OK, data.writeFileDescriptor(closed));
+        android::Parcel reply;
+        EXPECT_EQ(android::FAILED_TRANSACTION, binder->transact(echoFd, data, &reply, flags))
+                << flags;
+        EXPECT_TRUE(binder->isBinderAlive()) << flags;
+        int32_t out = 0;
+        EXPECT_TRUE(service->echoInt(5, &out).isOk()) << flags;
+    }
+}
+
 TEST_F(BinderRobustnessTest, PeerThatStopsReadingDoesNotBlockTheService) {
     sp<ITestService> service = startService<ITestService>("serve", "test");
     ASSERT_NE(nullptr, service);

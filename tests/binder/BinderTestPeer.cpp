@@ -3,6 +3,10 @@
 //   serve NAME [DELAY_MS]          publish a TestService (after DELAY_MS) and serve it
 //   serve-plain NAME               publish a BBinder that knows no transaction
 //   serve-extended NAME            publish a TestService whose extension is a second TestService
+//   serve-pool NAME MAX            set the pool's maximum to MAX, publish a TestService and serve
+//                                  it on the main thread only (no startThreadPool)
+//   serve-callback NAME TARGET     publish a callback whose onCall(v) returns the TestService
+//                                  TARGET's echoInt(v * 2) (looked up by this process)
 //   serve-permission NAME UID PERMISSION
 //                                  publish an IPermissionController that grants PERMISSION to
 //                                  UID only, and print "asked UID" for every question
@@ -65,6 +69,22 @@ public:
     Status onData(const std::vector<uint8_t>& /*data*/) override { return Status::ok(); }
 };
 
+// Calls the service `target` from inside onCall, over this process's own connection to it.
+class ForwardingCallback : public binder::test::BnTestCallback {
+public:
+    explicit ForwardingCallback(std::string target) : mTarget(std::move(target)) {}
+    Status onCall(int32_t value, int32_t* out) override {
+        sp<binder::test::ITestService> service;
+        android::getService(String16(mTarget.c_str()), &service);
+        if (service == nullptr) return Status::fromExceptionCode(Status::EX_ILLEGAL_STATE);
+        return service->echoInt(value * 2, out);
+    }
+    Status onData(const std::vector<uint8_t>& /*data*/) override { return Status::ok(); }
+
+private:
+    const std::string mTarget;
+};
+
 int serve(const std::string& name, const sp<android::IBinder>& service) {
     if (android::defaultServiceManager()->addService(String16(name.c_str()), service) !=
         android::OK) {
@@ -97,6 +117,17 @@ int main(int argc, char** argv) {
         sp<Halo::OS::testing::TestService> service = new Halo::OS::testing::TestService();
         service->setExtension(new Halo::OS::testing::TestService());
         return serve(name, service);
+    }
+    if (mode == "serve-callback" && argc == 4) return serve(name, new ForwardingCallback(argv[3]));
+    if (mode == "serve-pool" && argc == 4) {
+        if (android::ProcessState::self()->setThreadPoolMaxThreadCount(
+                    static_cast<size_t>(atoi(argv[3]))) != android::OK ||
+            android::defaultServiceManager()->addService(
+                    String16(name.c_str()), new Halo::OS::testing::TestService()) != android::OK) {
+            return 3;
+        }
+        android::IPCThreadState::self()->joinThreadPool();
+        return 0;
     }
     if (mode == "serve-permission" && argc == 5) {
         return serve(name, new PermissionController(atoi(argv[3]), String16(argv[4])));

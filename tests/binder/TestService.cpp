@@ -1,6 +1,7 @@
 #include "TestService.h"
 
 #include <binder/IPCThreadState.h>
+#include <binder/IServiceManager.h>
 #include <binder/PermissionCache.h>
 #include <fcntl.h>
 #include <unistd.h>
@@ -200,6 +201,41 @@ Status TestService::queueStats(std::vector<int32_t>* out) {
     const BinderRuntime::QueueStats stats = BinderRuntime::instance().queueStats();
     *out = {int32_t(stats.now.calls), int32_t(stats.peakPerConnection.calls),
             int32_t(stats.peakPerConnection.bytes)};
+    return Status::ok();
+}
+
+Status TestService::recordCaller() {
+    const IPCThreadState* ipc = IPCThreadState::self();
+    Mutex::Autolock lock(mLock);
+    mRecorded.push_back(ipc->getCallingPid());
+    mRecorded.push_back(static_cast<int32_t>(ipc->getCallingUid()));
+    mChanged.notify_all();
+    return Status::ok();
+}
+
+Status TestService::meet(int32_t parties, int32_t waitMs, int32_t* out) {
+    Mutex::Autolock lock(mLock);
+    mMostMeeting = std::max(mMostMeeting, ++mMeeting);
+    mChanged.notify_all();
+    mChanged.wait_for(lock.unique(), std::chrono::milliseconds(waitMs),
+                      [&]() NO_THREAD_SAFETY_ANALYSIS { return mMostMeeting >= parties; });
+    *out = mMostMeeting;
+    --mMeeting;
+    return Status::ok();
+}
+
+Status TestService::callNamed(const std::string& name, int32_t value, int32_t* out) {
+    sp<ITestCallback> callback;
+    if (android::getService(String16(name.c_str()), &callback) != android::OK ||
+        callback == nullptr) {
+        return Status::fromExceptionCode(Status::EX_ILLEGAL_STATE);
+    }
+    return callback->onCall(value, out);
+}
+
+Status TestService::lookUp(const std::string& name, sp<IBinder>* out) {
+    *out = android::defaultServiceManager()->getService(String16(name.c_str()));
+    if (*out == nullptr) return Status::fromExceptionCode(Status::EX_ILLEGAL_STATE);
     return Status::ok();
 }
 

@@ -46,6 +46,8 @@ public:
     android::binder::Status self(android::sp<android::IBinder>* out) override;
     android::binder::Status failServiceSpecific(int32_t code, const std::string& message,
                                                 int32_t* out) override;
+    android::binder::Status lookUp(const std::string& name,
+                                   android::sp<android::IBinder>* out) override;
     android::binder::Status failException(int32_t exceptionCode) override;
     android::binder::Status failStatus(int32_t status) override;
     android::binder::Status record(int32_t sequence) override;
@@ -58,6 +60,10 @@ public:
     android::binder::Status hold() override;
     android::binder::Status release() override;
     android::binder::Status queueStats(std::vector<int32_t>* out) override;
+    android::binder::Status recordCaller() override;
+    android::binder::Status meet(int32_t parties, int32_t waitMs, int32_t* out) override;
+    android::binder::Status callNamed(const std::string& name, int32_t value,
+                                      int32_t* out) override;
 
 private:
     class DeathCounter : public android::IBinder::DeathRecipient {
@@ -76,6 +82,8 @@ private:
     android::sp<DeathCounter> mDeathCounter GUARDED_BY(mLock);
     int32_t mDeaths GUARDED_BY(mLock) = 0;
     bool mReleased GUARDED_BY(mLock) = false;
+    int32_t mMeeting GUARDED_BY(mLock) = 0;
+    int32_t mMostMeeting GUARDED_BY(mLock) = 0;
 };
 
 }  // namespace Halo::OS::testing

@@ -34,18 +34,19 @@ protected:
         closeStore();
         ASSERT_EQ(0, mkdir(mDir.file(name).c_str(), 0700));
         mStore = std::make_unique<DirectoryPreferencesDb>(mDir.file(name));
-        ASSERT_EQ(0, mStore->initialize());
+        ASSERT_EQ(0, initializeCapturing(*mStore));
     }
 
     // Makes every step of the system statement with the text `sql` fail (interrupted) until
     // the case ends.
     void failStepsOf(const std::string& sql) {
         mFailingSql = sql;
-        sqlite3_progress_handler(systemDb(), 1, &StoreOutcomeTableTest::interruptIfRunning, this);
+        sqlite3_progress_handler(storeConnection(), 1, &StoreOutcomeTableTest::interruptIfRunning,
+                                 this);
     }
     void stopFailingSteps() {
         if (mFailingSql.empty()) return;
-        sqlite3_progress_handler(systemDb(), 0, nullptr, nullptr);
+        sqlite3_progress_handler(storeConnection(), 0, nullptr, nullptr);
         mFailingSql.clear();
     }
 
@@ -73,7 +74,7 @@ protected:
 private:
     static int interruptIfRunning(void* self) {
         auto* test = static_cast<StoreOutcomeTableTest*>(self);
-        sqlite3* db = test->systemDb();
+        sqlite3* db = test->storeConnection();
         for (sqlite3_stmt* s = sqlite3_next_stmt(db, nullptr); s != nullptr;
              s = sqlite3_next_stmt(db, s)) {
             const char* sql = sqlite3_sql(s);  // null for SQLite's own statements
@@ -138,7 +139,8 @@ TEST_F(StoreOutcomeTableTest, ConstraintsAndFailures) {
             // Only a row proves the migration column exists: a failed look goes on to add it.
             {"upgradeWhoseColumnTestFails",
              [&] {
-                 exec("ALTER TABLE preferences DROP COLUMN migration; PRAGMA user_version = 1");
+                 execOnStore(
+                         "ALTER TABLE preferences DROP COLUMN migration; PRAGMA user_version = 1");
                  failStepsOf(
                          "SELECT name FROM pragma_table_info('preferences') WHERE name = "
                          "'migration'");

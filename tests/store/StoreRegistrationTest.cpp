@@ -221,17 +221,19 @@ TEST_F(StoreRegistrationTest, ReRegistrationMarksAndTheSweepRemovesUndeclaredKey
     EXPECT_EQ(0, registerKey(kAppUid, kApp, "kept", Scope::System, Type::Integer, true, "1"));
     EXPECT_EQ(0, mStore->setPreferencePermission("kept", kAppUid, kApp, Permission::ReadWrite));
     EXPECT_EQ("0", expiresAt("kept"));
-    std::vector<std::pair<std::string, Scope>> expired;
-    EXPECT_EQ(0, mStore->getExpiredPreferences(expired));
-    EXPECT_EQ(2u, expired.size());
+    EXPECT_EQ((std::vector<std::string>{"dropped", "systemGone"}), expiredKeys());
 
     EXPECT_EQ(0, mStore->unregisterExpiredPreferences());
     EXPECT_EQ((std::vector<std::string>{"kept", "shared"}), keys());
     EXPECT_EQ("kept|2", scalar("SELECT * FROM preference_values"));
     for (unsigned int user : {0u, 10u}) {
-        EXPECT_EQ("shared|y", scalar("SELECT * FROM preference_values", userDb(user))) << user;
+        EXPECT_EQ("shared|y", scalar("SELECT * FROM preference_values", userDbFile(user))) << user;
     }
-    EXPECT_EQ("kept", scalar("SELECT group_concat(key) FROM mem.listeners"));
+    std::vector<std::pair<unsigned int, unsigned int>> kept, dropped;
+    EXPECT_EQ(0, mStore->getPreferenceListenersForKey("kept", kept));
+    EXPECT_EQ(0, mStore->getPreferenceListenersForKey("dropped", dropped));
+    EXPECT_EQ(1u, kept.size());
+    EXPECT_TRUE(dropped.empty());
     // The trigger is back: a key losing its last permission is reaped at once again.
     EXPECT_EQ(0, mStore->unregisterPackage(kOtherUid, kOther));
     EXPECT_EQ((std::vector<std::string>{"kept"}), keys());
@@ -248,14 +250,6 @@ TEST_F(StoreRegistrationTest, ReRegistrationExpiresTheSameKeysWhateverTheyCarrie
               declare(kAppUid, kSibling, "withSibling", Scope::System, Type::Integer, false, "1"));
     ASSERT_EQ(0, declare(kAppUid, kApp, "withOther", Scope::System, Type::Integer, true, "1"));
     ASSERT_EQ(0, declare(kOtherUid, kOther, "withOther", Scope::System, Type::Integer, false, "1"));
-    const auto expiredKeys = [&] {
-        std::vector<std::pair<std::string, Scope>> expired;
-        EXPECT_EQ(0, mStore->getExpiredPreferences(expired));
-        std::vector<std::string> names;
-        for (const auto& entry : expired) names.push_back(entry.first);
-        std::sort(names.begin(), names.end());
-        return names;
-    };
     const std::vector<std::string> stamped = {"alone", "withSibling"};
     const std::vector<std::string> all = {"alone", "withOther", "withSibling"};
 
@@ -308,8 +302,6 @@ TEST_F(StoreRegistrationTest, AKeyDeclaredAgainFindsTheValuesItsUsersDatabasesKe
 
     ASSERT_EQ(0, declare(kOtherUid, kOther, "token", Scope::Cross, Type::String, true, "fresh"));
     ASSERT_EQ(0, declare(kOtherUid, kOther, "hint", Scope::User, Type::String, true, "fresh"));
-    EXPECT_EQ(nullptr, mStore->getDbForScope(Scope::User, 0u));
-    EXPECT_EQ(nullptr, mStore->getDbForScope(Scope::User, 10u));
     EXPECT_EQ("secret0", read(0u, "token"));
     EXPECT_EQ("secret10", read(10u, "token"));
     EXPECT_EQ("h10", read(10u, "hint"));
@@ -318,12 +310,17 @@ TEST_F(StoreRegistrationTest, AKeyDeclaredAgainFindsTheValuesItsUsersDatabasesKe
 // Within a batch the sweep reads the directory once and keeps the list in step with the user
 // databases: one deleted afterwards is not created again, one created afterwards is reached.
 TEST_F(StoreRegistrationTest, SweepsWithinABatchFollowTheUserDatabases) {
-    for (const char* key : {"first", "second", "third"}) {
-        ASSERT_EQ(0, declare(kAppUid, kApp, key, Scope::Cross, Type::String, true, "none"));
+    // Each key is held by a package of its own, which expires it by registering again.
+    const std::vector<std::string> keys = {"first", "second", "third"};
+    for (unsigned int i = 0; i < keys.size(); ++i) {
+        ASSERT_EQ(0, declare(kAppUid + 1 + i, keys[i], keys[i], Scope::Cross, Type::String, true,
+                             "none"));
     }
     ASSERT_EQ(0, mStore->setPreferenceValue(10u, "first", "1"));
     const auto expireAndSweep = [&](const std::string& key) {
-        exec("UPDATE preferences SET expires_at = '2001-02-03 04:05:06' WHERE key = '" + key + "'");
+        const unsigned int uid =
+                kAppUid + 1 + (std::find(keys.begin(), keys.end(), key) - keys.begin());
+        EXPECT_EQ(0, mStore->registerPackage(uid, key));
         return mStore->unregisterExpiredPreferences();
     };
     ASSERT_EQ(0, mStore->beginBatch());
@@ -334,7 +331,7 @@ TEST_F(StoreRegistrationTest, SweepsWithinABatchFollowTheUserDatabases) {
     ASSERT_EQ(0, mStore->setPreferenceValue(20u, "third", "3"));
     EXPECT_EQ(0, expireAndSweep("third"));
     ASSERT_EQ(0, mStore->commitBatch());
-    EXPECT_EQ("0", scalar("SELECT count(*) FROM preference_values", userDb(20)));
+    EXPECT_EQ("0", scalar("SELECT count(*) FROM preference_values", userDbFile(20)));
     EXPECT_FALSE(fileExists("user10.db"));
 }
 
@@ -352,25 +349,14 @@ TEST_F(StoreRegistrationTest, DomainsLimitMarkingOwnerClearingAndMissingPackages
     ASSERT_EQ(0, declare(kAppUid, kApp, "appKey", Scope::Cross, Type::Integer, true, "1"));
     ASSERT_EQ(0, declare(kOtherUid, kOther, "otherKey", Scope::System, Type::Integer, false, "1"));
 
-    EXPECT_TRUE(Sqlite3PreferencesDb::isPackageInDomain(kCore, KeySourceDomain::Legacy));
-    EXPECT_TRUE(Sqlite3PreferencesDb::isPackageInDomain(kNative, KeySourceDomain::NativeService));
-    EXPECT_TRUE(Sqlite3PreferencesDb::isPackageInDomain(kApp, KeySourceDomain::Application));
-    EXPECT_FALSE(Sqlite3PreferencesDb::isPackageInDomain(kCore, KeySourceDomain::Application));
-    EXPECT_FALSE(Sqlite3PreferencesDb::isPackageInDomain(kNative, KeySourceDomain::Legacy));
-
     // A 60-second mark on the application keys: one minute from now, not yet expired.
     EXPECT_EQ(0, mStore->markPreferencesForExpiration(seconds(60), KeySourceDomain::Application));
     EXPECT_EQ((std::vector<std::string>{"appKey|60", "otherKey|60"}),
               query("SELECT key, strftime('%s', expires_at) - strftime('%s', 'now') FROM "
                     "preferences WHERE expires_at IS NOT NULL ORDER BY key"));
-    std::vector<std::pair<std::string, Scope>> expired;
-    EXPECT_EQ(0, mStore->getExpiredPreferences(expired));
-    EXPECT_TRUE(expired.empty());
+    EXPECT_TRUE(expiredKeys().empty());
     EXPECT_EQ(0, mStore->markPreferencesForExpiration(seconds(0), KeySourceDomain::NativeService));
-    EXPECT_EQ(0, mStore->getExpiredPreferences(expired));
-    ASSERT_EQ(1u, expired.size());
-    EXPECT_EQ("nativeKey", expired[0].first);
-    EXPECT_EQ(Scope::Cross, expired[0].second);
+    EXPECT_EQ((std::vector<std::string>{"nativeKey"}), expiredKeys());
 
     // Owners are cleared per domain.
     EXPECT_EQ(0, mStore->clearPreferenceOwnerForNonMigrationKeys(KeySourceDomain::NativeService));
@@ -426,26 +412,21 @@ TEST_F(StoreRegistrationTest, UnknownKeysAndBadOwners) {
     EXPECT_EQ(-8, mStore->getPreferenceScope("missing", scope, false));
     EXPECT_EQ(-8, mStore->getPreferenceType("missing", type));
     EXPECT_EQ(-8, mStore->getPreferenceOwner("missing", uid, name));
-    EXPECT_EQ(-8, mStore->updatePreferenceScope("missing", Scope::User));
-    EXPECT_EQ(-8, mStore->updatePreferenceType("missing", Type::Long));
-    EXPECT_EQ(-8, mStore->setPreferenceOwner("missing", kAppUid, std::string(kApp)));
-    EXPECT_EQ(-9, mStore->setPreferenceOwner("volume", kAppUid, std::nullopt));
-    EXPECT_EQ(0, mStore->setPreferenceOwner("volume", kOtherUid, std::string(kOther)));
+    // An owner uid without a package name.
+    EXPECT_EQ(-9, mStore->registerPreference(kAppUid, kApp, "volume", Scope::System, Type::Integer,
+                                             kAppUid, std::nullopt, "5"));
     EXPECT_EQ(0, mStore->getPreferenceOwner("volume", uid, name));
-    EXPECT_EQ(kOtherUid, uid.value_or(0));
-    EXPECT_EQ(kOther, name.value_or(""));
+    EXPECT_EQ(kAppUid, uid.value_or(0));
+    EXPECT_EQ(kApp, name.value_or(""));
     EXPECT_EQ(0, mStore->getPreferenceType("volume", type));
     EXPECT_EQ(Type::Integer, type);
     EXPECT_EQ("", missingLogLines(log.text(), 'E',
                                   {"Unable to get scope: missing does not exist in table.",
                                    "Unable to get owner: missing does not exist.",
-                                   "Unable to set missing owner: key does not exist.",
                                    "Unable to set volume owner, either both owner id and name or "
                                    "neither must be specified."}));
     EXPECT_EQ(1u, Telemetry::count("getpreferencetype_error_unregistered_key"));
-    EXPECT_EQ(1u, Telemetry::count("updatepreferencetype_error_unregistered_key"));
     EXPECT_EQ(1u, Telemetry::count("getpreferenceowner_error_key_not_exist"));
-    EXPECT_EQ(1u, Telemetry::count("setpreferenceowner_error_key_not_exist"));
 }
 
 }  // namespace

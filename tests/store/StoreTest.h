@@ -36,7 +36,28 @@ protected:
 
     void openStore() {
         mStore = std::make_unique<DirectoryPreferencesDb>(mDir.path());
-        ASSERT_EQ(0, mStore->initialize());
+        ASSERT_EQ(0, initializeCapturing(*mStore));
+    }
+    // initialize(), remembering the connections the store opens meanwhile (the first one is its
+    // system connection) through an SQLite auto-extension, which runs for every connection the
+    // process opens. Closing a store shuts SQLite down, which removes the extension again.
+    static int32_t initializeCapturing(IPreferencesDb& store) {
+        sCaptured = nullptr;
+        sqlite3_auto_extension(reinterpret_cast<void (*)()>(&StoreTest::capture));
+        const int32_t result = store.initialize();
+        sqlite3_cancel_auto_extension(reinterpret_cast<void (*)()>(&StoreTest::capture));
+        return result;
+    }
+    // The store's own system connection, for tests that inject faults into its statements.
+    static sqlite3* storeConnection() { return sCaptured; }
+    // Runs `sql` on the store's own system connection, where a schema change is seen when the
+    // store next prepares a statement rather than when it next steps one.
+    static void execOnStore(const std::string& sql) {
+        char* error = nullptr;
+        if (sqlite3_exec(sCaptured, sql.c_str(), nullptr, nullptr, &error) != SQLITE_OK) {
+            ADD_FAILURE() << sql << ": " << (error != nullptr ? error : "?");
+        }
+        sqlite3_free(error);
     }
     void closeStore() { mStore.reset(); }
     void reopenStore() {
@@ -44,50 +65,54 @@ protected:
         openStore();
     }
 
-    sqlite3* systemDb() { return mStore->getDbForScope(Scope::System, std::nullopt); }
-    // The user's connection, opening the user's database first.
-    sqlite3* userDb(unsigned int userId) {
-        EXPECT_EQ(0, mStore->initializeUserDb(userId));
-        return mStore->getDbForScope(Scope::User, userId);
+    static int capture(sqlite3* db, const char** /*error*/, const sqlite3_api_routines* /*api*/) {
+        if (sCaptured == nullptr) sCaptured = db;
+        return SQLITE_OK;
     }
 
-    // Rows of `sql` on `db` (the system connection by default), columns joined with '|' and NULL
-    // shown as "NULL". A failing statement fails the test.
-    std::vector<std::string> query(const std::string& sql, sqlite3* db = nullptr) {
-        if (db == nullptr) db = systemDb();
+    // Rows of `sql` (several statements allowed) run on the database file `file` of the store's
+    // directory through a connection of the test's own, opened and closed for each call, so that
+    // none is open when the store shuts SQLite down. A file that does not exist has no rows (and
+    // is not created). Columns are joined with '|', NULL shown as "NULL"; a failing statement
+    // fails the test. The store's listener rows live in its own connection's memory: tests see
+    // them through the store.
+    std::vector<std::string> query(const std::string& sql, const std::string& file = "system.db") {
         std::vector<std::string> rows;
-        sqlite3_stmt* statement = nullptr;
-        if (sqlite3_prepare_v2(db, sql.c_str(), -1, &statement, nullptr) != SQLITE_OK) {
-            ADD_FAILURE() << sql << ": " << sqlite3_errmsg(db);
+        sqlite3* db = nullptr;
+        if (sqlite3_open_v2(mDir.file(file).c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) !=
+            SQLITE_OK) {
+            sqlite3_close(db);
             return rows;
         }
-        int stepped;
-        while ((stepped = sqlite3_step(statement)) == SQLITE_ROW) {
-            std::string row;
-            for (int i = 0; i < sqlite3_column_count(statement); ++i) {
-                if (i > 0) row += "|";
-                const unsigned char* text = sqlite3_column_text(statement, i);
-                row += text != nullptr ? reinterpret_cast<const char*>(text) : "NULL";
+        for (const char* next = sql.c_str(); *next != '\0';) {
+            sqlite3_stmt* statement = nullptr;
+            if (sqlite3_prepare_v2(db, next, -1, &statement, &next) != SQLITE_OK) {
+                ADD_FAILURE() << next << ": " << sqlite3_errmsg(db);
+                break;
             }
-            rows.push_back(row);
+            int stepped = SQLITE_DONE;
+            while (statement != nullptr && (stepped = sqlite3_step(statement)) == SQLITE_ROW) {
+                std::string row;
+                for (int i = 0; i < sqlite3_column_count(statement); ++i) {
+                    const unsigned char* text = sqlite3_column_text(statement, i);
+                    row += (i > 0 ? "|" : "") +
+                           std::string(text != nullptr ? reinterpret_cast<const char*>(text)
+                                                       : "NULL");
+                }
+                rows.push_back(row);
+            }
+            if (stepped != SQLITE_DONE) ADD_FAILURE() << sql << ": " << sqlite3_errmsg(db);
+            sqlite3_finalize(statement);
         }
-        if (stepped != SQLITE_DONE) ADD_FAILURE() << sql << ": " << sqlite3_errmsg(db);
-        sqlite3_finalize(statement);
+        sqlite3_close(db);
         return rows;
     }
     // The single value of a one-row, one-column query.
-    std::string scalar(const std::string& sql, sqlite3* db = nullptr) {
-        std::vector<std::string> rows = query(sql, db);
+    std::string scalar(const std::string& sql, const std::string& file = "system.db") {
+        std::vector<std::string> rows = query(sql, file);
         return rows.size() == 1 ? rows[0] : "<" + std::to_string(rows.size()) + " rows>";
     }
-    void exec(const std::string& sql, sqlite3* db = nullptr) {
-        if (db == nullptr) db = systemDb();
-        char* error = nullptr;
-        if (sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &error) != SQLITE_OK) {
-            ADD_FAILURE() << sql << ": " << (error != nullptr ? error : "?");
-        }
-        sqlite3_free(error);
-    }
+    void exec(const std::string& sql, const std::string& file = "system.db") { query(sql, file); }
 
     // Registers `key` as `uid`/`package` (its owner when `owner`) without touching packages or
     // permissions.
@@ -104,9 +129,9 @@ protected:
     int32_t declare(unsigned int uid, const std::string& package, const std::string& key,
                     Scope scope, Type type, bool owner, const std::string& defaultValue,
                     Permission permission = Permission::ReadWrite) {
-        IPreferencesDb::PackageSet known;
-        int32_t result = mStore->getAllPackages(known);
-        if (result == 0 && known.count({uid, package}) == 0) {
+        int32_t result = 0;
+        if (scalar("SELECT count(*) FROM packages WHERE package_uid = " + std::to_string(uid) +
+                   " AND package_name = '" + package + "'") == "0") {
             result = mStore->registerPackage(uid, package);
         }
         if (result == 0) result = registerKey(uid, package, key, scope, type, owner, defaultValue);
@@ -115,7 +140,7 @@ protected:
     }
 
     // The value the store reads for `key` in `userId` ("<none>" for none), expecting the read
-    // to return `expected`; the second form with `currentUserId` as the current user.
+    // to return `expected`; the second form with `callerUserId` as the caller's user.
     std::string read(const std::optional<unsigned int>& userId, const std::string& key,
                      int32_t expected = 0) {
         std::optional<std::string> value;
@@ -123,11 +148,21 @@ protected:
         return value.value_or("<none>");
     }
     std::string read(const std::optional<unsigned int>& userId,
-                     const std::optional<unsigned int>& currentUserId, const std::string& key,
+                     const std::optional<unsigned int>& callerUserId, const std::string& key,
                      int32_t expected = 0) {
         std::optional<std::string> value;
-        EXPECT_EQ(expected, mStore->getPreferenceValue(userId, currentUserId, key, value)) << key;
+        EXPECT_EQ(expected, mStore->getPreferenceValue(userId, callerUserId, key, value)) << key;
         return value.value_or("<none>");
+    }
+
+    // The keys whose expiry time has passed, sorted.
+    std::vector<std::string> expiredKeys() {
+        return query(
+                "SELECT key FROM preferences WHERE expires_at <= datetime('now') ORDER BY key");
+    }
+    // The database file of an Android user.
+    static std::string userDbFile(unsigned int userId) {
+        return "user" + std::to_string(userId) + ".db";
     }
 
     bool fileExists(const std::string& name) const {
@@ -135,6 +170,7 @@ protected:
     }
 
     TempDir mDir;
+    static inline sqlite3* sCaptured = nullptr;
     std::unique_ptr<DirectoryPreferencesDb> mStore;
 };
 

@@ -22,7 +22,7 @@ protected:
         ASSERT_EQ(0, declare(kAppUid, kApp, "wallpaper", Scope::Cross, Type::String, true, "sky"));
     }
     Rows userRows(unsigned int userId) {
-        return query("SELECT * FROM preference_values ORDER BY key", userDb(userId));
+        return query("SELECT * FROM preference_values ORDER BY key", userDbFile(userId));
     }
 };
 
@@ -91,33 +91,28 @@ TEST_F(StoreValuesTest, UserValuesNeedTheCurrentUserAndCrossValuesTheNamedUser) 
     EXPECT_EQ(-14, mStore->setPreferenceValue(std::nullopt, 0u, "wallpaper", "sea"));
     EXPECT_EQ(-14, mStore->setPreferenceValue(std::nullopt, "theme", "x"));
     EXPECT_EQ(-14, mStore->clearCurrentPreferenceValue(std::nullopt, "wallpaper"));
-    EXPECT_EQ(-14, mStore->clearCurrentPreferenceValue(std::nullopt, "theme", Scope::User));
     EXPECT_EQ("",
               missingLogLines(
                       log.text(), 'E',
                       {"Unable to get value: it is user-scoped but no user id was provided.",
                        "Unable to update value: it is user-scoped but no user ID was provided "
                        "wallpaper",
-                       "Unable to clear value: it is user-scoped but no user id was provided.",
-                       "Unable to clear value: it is user-scoped but no ser ID was provided."}));
+                       "Unable to clear value: it is user-scoped but no user id was provided."}));
 }
 
 TEST_F(StoreValuesTest, UnknownKeysFail) {
-    std::optional<std::string> value;
     LogCapture log;
     EXPECT_EQ("<none>", read(0u, "missing", -8));
     EXPECT_EQ(-8, mStore->setPreferenceValue(0u, "missing", "1"));
     EXPECT_EQ(-8, mStore->setPreferenceDefault("missing", "1"));
     EXPECT_EQ(-8, mStore->clearCurrentPreferenceValue(0u, "missing"));
-    EXPECT_EQ(-8, mStore->getDefaultValue("missing", value));
     EXPECT_EQ("0", scalar("SELECT count(*) FROM preference_values"));
     EXPECT_EQ("", missingLogLines(log.text(), 'E',
                                   {"Unable to get value: the scope could not be determined: "
                                    "missing",
                                    "Unable to set value, scope could not be determined missing",
                                    "Unable to update value(scope System, default value): value "
-                                   "row for key not found",
-                                   "Unable to set default: key does not exist in table missing"}));
+                                   "row for key not found"}));
     EXPECT_EQ(1u, Telemetry::count("getpreferencevalue_error_scope_lookup"));
     EXPECT_EQ(1u, Telemetry::count("updatepreferencevalue_error_retrieve_scope_lookup"));
     EXPECT_EQ(1u, Telemetry::count("updatepreferencevalue_error_value_row_not_found"));
@@ -146,30 +141,33 @@ TEST_F(StoreValuesTest, NullValuesAndFaultTolerantReads) {
     EXPECT_EQ("d", read(std::nullopt, "nodefault"));
 }
 
-TEST_F(StoreValuesTest, DeletingAndClearingAcrossUserDatabases) {
+// The expiry sweep deletes a user or cross-user key's values in every user database; a key
+// without any value row is only a warning.
+TEST_F(StoreValuesTest, SweepDeletesValuesInEveryUserDatabase) {
     for (unsigned int user : {0u, 10u, 11u}) {
         ASSERT_EQ(0, mStore->setPreferenceValue(user, "wallpaper", "w" + std::to_string(user)));
     }
     ASSERT_EQ(0, mStore->setPreferenceValue(11u, "theme", "t"));
-    EXPECT_EQ(0, mStore->clearCurrentPreferenceValueFromUserDbs("wallpaper"));
+    ASSERT_EQ(0, mStore->setPreferenceValue(std::nullopt, "volume", "1"));
+    exec("UPDATE preferences SET expires_at = '2001-02-03 04:05:06' WHERE key = 'wallpaper'");
+    {
+        LogCapture log;
+        EXPECT_EQ(0, mStore->unregisterExpiredPreferences());
+        EXPECT_EQ("", log.text());
+    }
     for (unsigned int user : {0u, 10u}) EXPECT_TRUE(userRows(user).empty()) << user;
     EXPECT_EQ(Rows{"theme|t"}, userRows(11));
 
-    EXPECT_EQ(0, mStore->deletePreferenceFromValueTables("theme", Scope::User));
-    EXPECT_TRUE(userRows(11).empty());
-    {
-        LogCapture log;
-        EXPECT_EQ(-8, mStore->deletePreferenceFromValueTables("theme", Scope::User));
-        EXPECT_EQ(-8, mStore->deletePreferenceValueRow(std::nullopt, "volume", Scope::System));
-        EXPECT_TRUE(hasLogLine(log.text(), 'W',
-                               "Unable to delete value row: value row for volume not found. this "
-                               "may be normal."));
-        EXPECT_FALSE(hasLogLine(log.text(), 'E', "value row for volume")) << log.text();
-    }
-    ASSERT_EQ(0, mStore->setPreferenceValue(std::nullopt, "volume", "1"));
-    EXPECT_EQ(0, mStore->deletePreferenceFromValueTables("volume", Scope::System));
-    EXPECT_EQ("0", scalar("SELECT count(*) FROM preference_values"));
-    EXPECT_EQ(-14, mStore->deletePreferenceValueRow(std::nullopt, "theme", Scope::Cross));
+    ASSERT_EQ(0, mStore->clearCurrentPreferenceValue(std::nullopt, "volume"));
+    exec("UPDATE preferences SET expires_at = '2001-02-03 04:05:06' WHERE key = 'volume'");
+    LogCapture log;
+    EXPECT_EQ(0, mStore->unregisterExpiredPreferences());
+    EXPECT_EQ("", missingLogLines(log.text(), 'W',
+                                  {"Unable to delete value row: value row for volume not found. "
+                                   "this may be normal.",
+                                   "Unable to unregister volume: not found."}));
+    EXPECT_FALSE(hasLogLine(log.text(), 'E', "volume")) << log.text();
+    EXPECT_EQ(Rows{"theme|t"}, userRows(11));
 }
 
 TEST_F(StoreValuesTest, AUserDatabaseThatCannotBeOpenedFailsItsAccesses) {

@@ -68,7 +68,8 @@ int main(int argc, char** argv) {
         return 1;
     }
 
-    android::ProcessState::self()->setThreadPoolMaxThreadCount(threads);
+    // The thread startThreadPool starts is not counted by the maximum (as on a device).
+    android::ProcessState::self()->setThreadPoolMaxThreadCount(threads - 1);
     android::ProcessState::self()->startThreadPool();
 
     if (!daemon.start(&error)) {

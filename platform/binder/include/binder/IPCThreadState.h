@@ -98,7 +98,8 @@ private:
     SavedState beginIncoming(Halo::OS::BinderConnection* connection, uint64_t txid, pid_t pid,
                              uid_t uid, uint32_t flags);
     void endIncoming(const SavedState& saved);
-    // The id of the innermost transaction this thread serves for `connection`, 0 if none.
+    // The id of the innermost transaction this thread serves for `connection`'s peer process
+    // (on that connection or another one with the same process), 0 if none.
     uint64_t nestingContext(const Halo::OS::BinderConnection* connection) const;
 
     // Without an explicit identity the calling identity is the process's own (read live, so a

@@ -21,8 +21,9 @@ public:
     // the maximum. Later calls do nothing.
     void startThreadPool();
 
-    // The most threads the pool starts on demand (threads that joined themselves do not count).
-    // Default 15. BAD_VALUE for 0.
+    // The most threads the pool starts on demand, as libbinder's: neither the thread of
+    // startThreadPool nor threads that join (IPCThreadState::joinThreadPool) count, so a
+    // maximum of 0 leaves the pool to those. Default 15. Always OK.
     status_t setThreadPoolMaxThreadCount(size_t maxThreads);
     size_t getThreadPoolMaxThreadCount() const;
 

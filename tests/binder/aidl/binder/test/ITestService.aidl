@@ -51,4 +51,14 @@ interface ITestService {
     // BinderRuntime::queueStats() of the serving process: calls in progress now, the most calls
     // and bytes one connection had in progress.
     int[] queueStats();
+
+    // Records the calling pid, then the calling uid, for recorded().
+    oneway void recordCaller();
+    // Waits until `parties` calls of meet have run at once (now or before), or `waitMs` pass;
+    // returns the most that ran at once.
+    int meet(int parties, int waitMs);
+    // Looks up the callback published as `name` and returns its onCall(value).
+    int callNamed(@utf8InCpp String name, int value);
+    // The service published as `name`, as this process finds it.
+    IBinder lookUp(@utf8InCpp String name);
 }
