@@ -19,6 +19,7 @@
 #include "keymanager/DumpBuffer.h"
 #include "profiler/TraceData.h"
 #include "store/Sqlite3PreferencesDb.h"
+#include "store/StoreStatus.h"
 #include "telemetry/Telemetry.h"
 
 namespace Halo::OS {
@@ -651,10 +652,9 @@ int PreferencesKeyManager::checkBatchEntryLocked(const BatchEntry& entry, uid_t 
     // The read applies the store's rule on which user a key of each scope may be reached for,
     // which the write would otherwise apply only once the batch is half written.
     // Any other failure to read (a key with neither a value nor a default) leaves `old` empty.
-    constexpr int32_t kUserRequired = -14;
     const int32_t read = mDb->getPreferenceValue(access->user, access->checkingUser, key, *old);
     if (read != 0) old->reset();
-    if (read == kUserRequired) {
+    if (read == StoreStatus::UserRequired) {
         ALOGE("%s, %s: set denied, can not be write to database",
               PreferencesKeyInfo::get(uid).c_str(), key.c_str());
         Telemetry::reportError("key_set_error", uid, "can not be written to database");
