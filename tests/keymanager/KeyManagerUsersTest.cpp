@@ -1,5 +1,8 @@
 #include <cutils/multiuser.h>
 #include <gtest/gtest.h>
+
+#include <chrono>
+#include <thread>
 #include <unistd.h>
 
 #include <functional>
@@ -132,7 +135,14 @@ TEST_F(KeyManagerUsersTest, ProfileAndTraceDumpsFollowTheirSwitches) {
     EXPECT_NE(std::string::npos, profile.find("key counts app.a 2 1\n")) << profile;
     EXPECT_NE(std::string::npos, profile.find("total reads:  2\n")) << profile;
     EXPECT_NE(std::string::npos, profile.find("total writes: 1\n")) << profile;
-    const std::string trace = capturedText([&](int fd) { EXPECT_TRUE(mManager->dumpTrace(fd)); });
+    // The callback thread takes the lock for the write's notification on its own time; its
+    // trace line must be in before the reset below, or it would land after it.
+    std::string trace;
+    for (int i = 0; i < 500 && trace.find(" | lock | callback | app.a | ") == std::string::npos;
+         ++i) {
+        if (i > 0) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        trace = capturedText([&](int fd) { EXPECT_TRUE(mManager->dumpTrace(fd)); });
+    }
     EXPECT_NE(std::string::npos, trace.find(" | write | app.a | 1 | ")) << trace;
     EXPECT_NE(std::string::npos, trace.find(" | read | app.a | 1 | ")) << trace;
     EXPECT_NE(std::string::npos, trace.find(" | lock | write | app.a | ")) << trace;
