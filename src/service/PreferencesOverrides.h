@@ -17,12 +17,12 @@ namespace Halo::OS {
 // No per-instance state: the table and the prefix are process-wide and every operation is
 // static. Keys are converted with toString (cut at the first NUL). Results: 0 for success, -2
 // when the key has no override (not in kOverrides, or the property is empty or could not be
-// written), -11 when the key's override is not of the integer type. Thread-safe (the property
-// store serialises).
+// written), -11 when the key's override is not of the integer type. Thread-safe (properties are
+// read and written through SystemProperties, which serialises).
 class PreferencesOverrides {
 public:
-    // Key name → type of its override. Holds "autosleep_time" → Integer.
-    static const std::unordered_map<std::string, PreferencesKeyInfo::Type> kOverrides;
+    // Key name → type of its override. Holds "autosleep_time" → Integer. Never destroyed.
+    static const std::unordered_map<std::string, PreferencesKeyInfo::Type>& kOverrides;
     static constexpr const char* kOverridesPrefix = "persist.halo.prefs_overrides.";
 
     static constexpr int kOk = 0;
