@@ -1,6 +1,5 @@
 // The service published in the test process and called by prefs_test_client, a separate process
 // that runs under an app uid.
-#include <android-base/properties.h>
 #include <android/os/BnPermissionController.h>
 #include <binder/IServiceManager.h>
 #include <binder/ProcessState.h>
@@ -13,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "properties/SystemProperties.h"
 #include "service/ServiceFixture.h"
 #include "support/ChildProcess.h"
 
@@ -156,9 +156,7 @@ TEST_F(BinderServiceTest, KeyManagerRefusalsReachTheClientUnchanged) {
 }
 
 TEST_F(BinderServiceTest, OverridesServeOnlyPlainIntegerReadsTypeAndReset) {
-    using android::base::GetProperty;
-    using android::base::SetProperty;
-    ASSERT_TRUE(SetProperty(kAutosleepProperty, "45"));
+    ASSERT_TRUE(SystemProperties::set(kAutosleepProperty, "45"));
     // Not declared anywhere yet: the property alone answers, without any permission.
     EXPECT_EQ((std::vector<std::string>{"ok 45", "ok 0", "error -7"}),
               run(kBareUid, {"getInteger", "autosleep_time", "getType", "autosleep_time",
@@ -166,25 +164,25 @@ TEST_F(BinderServiceTest, OverridesServeOnlyPlainIntegerReadsTypeAndReset) {
     EXPECT_EQ((std::vector<std::string>{"error -3", "error -3", "error -3"}),
               run(kAppUid, {"getIntegerCurrent", "autosleep_time", "getIntegerUser",
                             "autosleep_time", "0", "reset", "autosleep_time"}));
-    EXPECT_EQ("", GetProperty(kAutosleepProperty, ""));
+    EXPECT_EQ("", SystemProperties::get(kAutosleepProperty, ""));
     EXPECT_EQ((std::vector<std::string>{"error -3", "error -3"}),
               run(kAppUid, {"getType", "autosleep_time", "getInteger", "autosleep_time"}));
 
     ASSERT_TRUE(apply(autosleepSchemaList()));
-    ASSERT_TRUE(SetProperty(kAutosleepProperty, "45"));
+    ASSERT_TRUE(SystemProperties::set(kAutosleepProperty, "45"));
     EXPECT_EQ((std::vector<std::string>{"ok 7", "ok 45", "ok"}),
               run(kAppUid, {"getIntegerCurrent", "autosleep_time", "getInteger", "autosleep_time",
                             "setInteger", "autosleep_time", "60"}));
-    EXPECT_EQ("60", GetProperty(kAutosleepProperty, ""));
+    EXPECT_EQ("60", SystemProperties::get(kAutosleepProperty, ""));
     EXPECT_EQ("60", storedText("system.db", "autosleep_time"));
 
     EXPECT_EQ((std::vector<std::string>{"ok", "ok 60", "ok 61"}),
               run(kAppUid, {"setIntegerUser", "autosleep_time", "61", "0", "getInteger",
                             "autosleep_time", "getIntegerCurrent", "autosleep_time"}));
-    EXPECT_EQ("60", GetProperty(kAutosleepProperty, ""));
+    EXPECT_EQ("60", SystemProperties::get(kAutosleepProperty, ""));
     EXPECT_EQ((std::vector<std::string>{"ok", "ok 7"}),
               run(kAppUid, {"reset", "autosleep_time", "getInteger", "autosleep_time"}));
-    EXPECT_EQ("", GetProperty(kAutosleepProperty, ""));
+    EXPECT_EQ("", SystemProperties::get(kAutosleepProperty, ""));
     EXPECT_EQ(std::nullopt, storedText("system.db", "autosleep_time"));
 }
 
