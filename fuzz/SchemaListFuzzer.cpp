@@ -74,6 +74,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // lists so far, but the answer must be one of the key manager's codes.
     std::string value;
     const int result = h->keyManager->get("base_integer", value, PreferencesKeyInfo::Type::Integer);
-    if (result != 0 && result != -9) abort();
+    if (result != KeyManagerStatus::Ok && result != KeyManagerStatus::ReadRefused) abort();
     return 0;
 }

@@ -224,6 +224,32 @@ PreferencesStatus readThrough(PreferencesConnection& connection, StampedGet<Wire
     return PreferencesStatus::ok();
 }
 
+// The service's extension: the connection's when it caches, else asked of the service now.
+// Null when the service offers none.
+android::sp<IPreferencesExtension> extensionOf(const PreferencesConnection& connection) {
+    if (connection.extension() != nullptr) return connection.extension();
+    android::sp<android::IBinder> binder;
+    if (connection.binder()->getExtension(&binder) != android::OK || binder == nullptr) {
+        return nullptr;
+    }
+    return android::interface_cast<IPreferencesExtension>(binder);
+}
+
+// False when the description names a type or scope this client does not know.
+bool fromParcelable(const halo::preferences::KeyDescription& parcel,
+                    PreferencesKeyDescription* out) {
+    PreferencesKeyDescription description;
+    if (!PreferenceValue::typeFromCode(parcel.type, &description.type)) return false;
+    if (parcel.scope < 0 || parcel.scope > 2) return false;
+    description.scope = static_cast<PreferencesKeyDescription::Scope>(parcel.scope);
+    description.key = toUtf8(parcel.key);
+    if (parcel.hasDefaultValue) description.defaultValue = toUtf8(parcel.defaultValue);
+    if (parcel.hasOwnerPackage) description.ownerPackage = toUtf8(parcel.ownerPackage);
+    description.writable = parcel.writable;
+    *out = std::move(description);
+    return true;
+}
+
 Mutex gTrustLock;
 std::vector<uid_t>* gTrustedUids GUARDED_BY(gTrustLock) = nullptr;
 
@@ -458,6 +484,36 @@ PreferencesStatus PreferencesClient::setString(const std::string& key, const std
                                                const PreferencesTarget& target) {
     return callSet<String16, const String16&>(*mConnection->service(), kStringMethods, key,
                                               toString16(value), target);
+}
+
+PreferencesStatus PreferencesClient::listKeys(const std::string& ownerPackage,
+                                              std::vector<PreferencesKeyDescription>* out) {
+    const android::sp<IPreferencesExtension> extension = extensionOf(*mConnection);
+    if (extension == nullptr) return PreferencesStatus::failed(android::UNKNOWN_TRANSACTION);
+    std::vector<halo::preferences::KeyDescription> parcels;
+    const PreferencesStatus status = BinderStatusConversion::fromStatus(
+            extension->listKeys(toString16(ownerPackage), &parcels));
+    if (!status.isOk()) return status;
+    std::vector<PreferencesKeyDescription> descriptions;
+    descriptions.reserve(parcels.size());
+    for (const halo::preferences::KeyDescription& parcel : parcels) {
+        PreferencesKeyDescription description;
+        if (fromParcelable(parcel, &description)) descriptions.push_back(std::move(description));
+    }
+    *out = std::move(descriptions);
+    return status;
+}
+
+PreferencesStatus PreferencesClient::describeKey(const std::string& key,
+                                                 PreferencesKeyDescription* out) {
+    const android::sp<IPreferencesExtension> extension = extensionOf(*mConnection);
+    if (extension == nullptr) return PreferencesStatus::failed(android::UNKNOWN_TRANSACTION);
+    halo::preferences::KeyDescription parcel;
+    const PreferencesStatus status =
+            BinderStatusConversion::fromStatus(extension->describeKey(toString16(key), &parcel));
+    if (!status.isOk()) return status;
+    if (!fromParcelable(parcel, out)) return PreferencesStatus::failed(android::BAD_TYPE);
+    return status;
 }
 
 PreferencesStatus PreferencesClient::reset(const std::string& key) {

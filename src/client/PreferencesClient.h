@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "client/PreferenceValue.h"
+#include "client/PreferencesKeyDescription.h"
 #include "client/PreferencesStatus.h"
 #include "client/PreferencesTarget.h"
 #include "client/PreferencesWatch.h"
@@ -112,6 +113,18 @@ public:
                                  const PreferencesTarget& target = PreferencesTarget::caller());
     PreferencesStatus setString(const std::string& key, const std::string& value,
                                 const PreferencesTarget& target = PreferencesTarget::caller());
+
+    // The keys this caller could read one at a time with the typed gets (in its own user), in
+    // key order; with a non-empty `ownerPackage`, only the keys that package owns. Keys of a
+    // type this client does not know are left out. The service refuses as a get would (for
+    // example OsPermissionDenied without the OS read permission); UNKNOWN_TRANSACTION from a
+    // service without the extension. `out` is only written on success.
+    PreferencesStatus listKeys(const std::string& ownerPackage,
+                               std::vector<PreferencesKeyDescription>* out);
+    // The description of `key`, or the service-specific error a get of it would give
+    // (KeyPermissionDenied when an app may not read it, whether or not it is declared).
+    // BAD_TYPE when its type code names no value type this client knows.
+    PreferencesStatus describeKey(const std::string& key, PreferencesKeyDescription* out);
 
     // Restores the default of `key` (the caller's own user).
     PreferencesStatus reset(const std::string& key);

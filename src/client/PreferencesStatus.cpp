@@ -1,5 +1,6 @@
 #include "client/PreferencesStatus.h"
 
+#include <binder/Status.h>
 #include <utils/Errors.h>
 
 namespace Halo::OS {
@@ -17,32 +18,37 @@ struct CodeText {
 // errors. Reads and writes use different codes for the same refusals: -9 on reads, type look-ups
 // and listener registration, -8 on writes and resets.
 constexpr CodeText kServiceSpecific[] = {
-        {-3, "no permission for this key",
+        {PreferencesStatus::KeyPermissionDenied, "no permission for this key",
          "the app's permission for this key does not allow the operation"},
-        {-6, "listener not found", "no listener of this app is registered"},
-        {-7, "OS permission missing",
+        {PreferencesStatus::ListenerNotFound, "listener not found",
+         "no listener of this app is registered"},
+        {PreferencesStatus::OsPermissionDenied, "OS permission missing",
          "the app lacks com.nimbus.permission.READ_SETTINGS or WRITE_SETTINGS"},
-        {-8, "write refused",
+        {PreferencesStatus::WriteRefused, "write refused",
          "unknown key, wrong type, a user key of another user, or the store write failed"},
-        {-9, "key not readable",
+        {PreferencesStatus::ReadRefused, "key not readable",
          "unknown key, wrong type, a user key of another user, or the store read failed"},
-        {-10, "no place for the result", "the call gave no out-value"},
-        {-13, "listener not registered", "the store could not register the listener"},
+        {PreferencesStatus::NullOutValue, "no place for the result", "the call gave no out-value"},
+        {PreferencesStatus::ListenerNotStored, "listener not registered",
+         "the store could not register the listener"},
 };
 
 // Binder's exception codes. The service itself raises only the two of its profile command.
+using BinderStatus = android::binder::Status;
 constexpr CodeText kExceptions[] = {
-        {-1, "security", nullptr},
-        {-2, "bad parcelable", nullptr},
-        {-3, "illegal argument", "the service does not know this argument (a profile word)"},
-        {-4, "null pointer", nullptr},
-        {-5, "illegal state", nullptr},
-        {-6, "network on main thread", nullptr},
-        {-7, "unsupported operation", "only root may do this (profile commands)"},
-        {-8, "service specific", nullptr},
-        {-9, "parcelable", nullptr},
-        {-128, "has reply header", nullptr},
-        {-129, "transaction failed", nullptr},
+        {BinderStatus::EX_SECURITY, "security", nullptr},
+        {BinderStatus::EX_BAD_PARCELABLE, "bad parcelable", nullptr},
+        {BinderStatus::EX_ILLEGAL_ARGUMENT, "illegal argument",
+         "the service does not know this argument (a profile word)"},
+        {BinderStatus::EX_NULL_POINTER, "null pointer", nullptr},
+        {BinderStatus::EX_ILLEGAL_STATE, "illegal state", nullptr},
+        {BinderStatus::EX_NETWORK_MAIN_THREAD, "network on main thread", nullptr},
+        {BinderStatus::EX_UNSUPPORTED_OPERATION, "unsupported operation",
+         "only root may do this (profile commands)"},
+        {BinderStatus::EX_SERVICE_SPECIFIC, "service specific", nullptr},
+        {BinderStatus::EX_PARCELABLE, "parcelable", nullptr},
+        {BinderStatus::EX_HAS_REPLY_HEADER, "has reply header", nullptr},
+        {BinderStatus::EX_TRANSACTION_FAILED, "transaction failed", nullptr},
 };
 
 // The status_t values a client meets.

@@ -8,8 +8,8 @@ namespace Halo::OS {
 // The outcome of one call to the preferences service, as its client sees it.
 //
 //   Ok               the call succeeded
-//   ServiceSpecific  the service refused with one of its own codes (for example -9: the key is
-//                    not readable by the caller, -7: the OS permission is missing)
+//   ServiceSpecific  the service refused with one of its own codes, a ServiceError (for example
+//                    ReadRefused, -9: the key is not readable by the caller)
 //   Exception        the service refused with a Binder exception code (for example -7 for a
 //                    profile command from a caller that is not root, -3 for an unknown word)
 //   Failed           the service answered a dump request with a failing status_t (-1: the
@@ -19,6 +19,27 @@ namespace Halo::OS {
 class PreferencesStatus {
 public:
     enum class Kind { Ok, ServiceSpecific, Exception, Failed, Unreachable };
+
+    // The codes of ServiceSpecific statuses: the service's refusals, which reach the client
+    // unchanged. They are part of the service's interface: never renumber one. Reads and writes
+    // report the same kinds of refusal with different codes (ReadRefused on reads, type look-ups
+    // and listener registration, WriteRefused on writes and resets).
+    enum ServiceError : int32_t {
+        // The app's permission for this key does not allow the operation.
+        KeyPermissionDenied = -3,
+        // No listener of this app is registered under that object.
+        ListenerNotFound = -6,
+        // The app lacks com.nimbus.permission.READ_SETTINGS or WRITE_SETTINGS.
+        OsPermissionDenied = -7,
+        // Unknown key, wrong type, a user key of another user, or the store write failed.
+        WriteRefused = -8,
+        // Unknown key, wrong type, a user key of another user, or the store read failed.
+        ReadRefused = -9,
+        // The call gave no place for its result.
+        NullOutValue = -10,
+        // The service could not register the listener.
+        ListenerNotStored = -13,
+    };
 
     PreferencesStatus() = default;
 

@@ -157,7 +157,8 @@ Status PreferencesLegacyKeysMigrationManager::getLegacyKeysMigrationStatus() con
     std::string value;
     // The status key is declared as an integer; the read names that type.
     if (mKeyManager->getWithoutPermissionCheck(kMigrationStatusKey, value,
-                                               PreferencesKeyInfo::Type::Integer) != 0) {
+                                               PreferencesKeyInfo::Type::Integer) !=
+        KeyManagerStatus::Ok) {
         return Status::NoStatus;
     }
     return static_cast<Status>(static_cast<int>(strtol(value.c_str(), nullptr, 10)));
@@ -166,9 +167,9 @@ Status PreferencesLegacyKeysMigrationManager::getLegacyKeysMigrationStatus() con
 bool PreferencesLegacyKeysMigrationManager::setLegacyKeysMigrationStatus(const Status& status) {
     if (mKeyManager == nullptr) return false;
     // The status key is declared as an integer; the write names that type.
-    return mKeyManager->setWithoutCallback(kMigrationStatusKey,
-                                           std::to_string(static_cast<int>(status)),
-                                           PreferencesKeyInfo::Type::Integer) == 0;
+    return mKeyManager->setWithoutCallback(
+                   kMigrationStatusKey, std::to_string(static_cast<int>(status)),
+                   PreferencesKeyInfo::Type::Integer) == KeyManagerStatus::Ok;
 }
 
 bool PreferencesLegacyKeysMigrationManager::injectKeys(const std::string& schemaListJson) {
@@ -260,7 +261,8 @@ bool PreferencesLegacyKeysMigrationManager::setLegacyKeyValue(const std::string&
     const PreferencesKeyInfo::Type type = getLegacyKeyType(key);
     if (type == PreferencesKeyInfo::Type::NoType) return true;
     const uid_t uid = multiuser_get_uid(userId, appId);
-    if (mKeyManager == nullptr || mKeyManager->setWithoutCallback(key, value, type, uid) != 0) {
+    if (mKeyManager == nullptr ||
+        mKeyManager->setWithoutCallback(key, value, type, uid) != KeyManagerStatus::Ok) {
         ALOGE("failed to set legacy value on %s, %d", key.c_str(), static_cast<int>(uid));
         return false;
     }

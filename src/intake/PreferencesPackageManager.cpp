@@ -304,7 +304,7 @@ android::binder::Status PreferencesPackageManager::deleteUserData(int userId) {
 }
 
 android::binder::Status PreferencesPackageManager::toStatus(int result) {
-    return result == 0 ? Status::ok() : Status::fromServiceSpecificError(result);
+    return result == KeyManagerStatus::Ok ? Status::ok() : Status::fromServiceSpecificError(result);
 }
 
 bool PreferencesPackageManager::dump(int fd) {

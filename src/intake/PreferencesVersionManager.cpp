@@ -62,9 +62,9 @@ bool PreferencesVersionManager::upgradeToVersion(int target) {
     if (current >= target) return true;
 
     // Only a store that has never had the key needs the version keys declared.
-    bool needKeys = stored == -1;
+    bool needKeys = stored == kUnknownVersion;
     while (true) {
-        if (current == 0 || current == -1) {
+        if (current == 0 || current == kUnknownVersion) {
             if (!upgradeVersionFromV0ToV1()) return upgradeFailed("upgrading_version_v0_v1_failed");
             if (needKeys && !injectVersionKeys()) return false;
             if (!setVersion(1)) {
@@ -97,8 +97,8 @@ bool PreferencesVersionManager::upgradeToVersion(int target) {
 
 int PreferencesVersionManager::getCurrentVersion() {
     const int stored = getPrefStoreVersion();
-    if (stored != -1) return stored;
-    if (mKeyManager == nullptr) return -1;
+    if (stored != kUnknownVersion) return stored;
+    if (mKeyManager == nullptr) return kUnknownVersion;
 
     const int version = mKeyManager->getDatabaseUserVersion();
     if (version < 2) return version;
@@ -112,12 +112,14 @@ int PreferencesVersionManager::getCurrentVersion() {
 
 int PreferencesVersionManager::getPrefStoreVersion() const {
     // A fresh store has not declared the key yet: no version, without a refused read in the log.
-    if (mKeyManager == nullptr || !mKeyManager->isDeclared(kVersionKey)) return -1;
+    if (mKeyManager == nullptr || !mKeyManager->isDeclared(kVersionKey)) {
+        return kUnknownVersion;
+    }
     std::string value;
     // The version key is declared as an integer; the read names that type.
-    if (mKeyManager->getWithoutPermissionCheck(kVersionKey, value,
-                                               PreferencesKeyInfo::Type::Integer) != 0) {
-        return -1;
+    if (mKeyManager->getWithoutPermissionCheck(
+                kVersionKey, value, PreferencesKeyInfo::Type::Integer) != KeyManagerStatus::Ok) {
+        return kUnknownVersion;
     }
     return static_cast<int>(strtol(value.c_str(), nullptr, 10));
 }
@@ -126,7 +128,8 @@ bool PreferencesVersionManager::setVersion(int version) {
     if (mKeyManager == nullptr) return false;
     // The version key is declared as an integer; the write names that type.
     return mKeyManager->setWithoutCallback(kVersionKey, std::to_string(version),
-                                           PreferencesKeyInfo::Type::Integer) == 0;
+                                           PreferencesKeyInfo::Type::Integer) ==
+           KeyManagerStatus::Ok;
 }
 
 bool PreferencesVersionManager::injectKeys(const std::string& schemaListJson) {

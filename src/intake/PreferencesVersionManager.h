@@ -12,14 +12,15 @@ namespace Halo::OS {
 // core keys ("preferences_version" and "current_user", package "nimbus.preferences.service.core")
 // and takes the store through its upgrades, version 0 to 1 to 2, through the key manager.
 //
-// Versions: 0, 1 and 2 (kLatestVersion); -1 means unknown (no key manager, no value, or a read
-// error). The version key is written without change notifications.
+// Versions: 0, 1 and 2 (kLatestVersion); kUnknownVersion when there is no key manager, no value,
+// or a read error. The version key is written without change notifications.
 //
 // A short-lived object of the service's start-up thread, used before clients are served; not
 // thread-safe. The key manager's own locking covers the calls into it.
 class PreferencesVersionManager {
 public:
     static constexpr int kLatestVersion = 2;
+    static constexpr int kUnknownVersion = -1;
     static constexpr const char* kVersionKey = "preferences_version";
     // The schema list that declares the core keys, added from the Legacy domain (the domain of
     // the service's own packages).
@@ -39,11 +40,11 @@ public:
 
     // The stored version; when there is none, the store's own schema version. A store at
     // version 2 or above without the key gets the version keys declared and its version written
-    // back ("writing version %d failed" and "writing_version_failed" when that fails). -1 when
-    // neither can be read.
+    // back ("writing version %d failed" and "writing_version_failed" when that fails).
+    // kUnknownVersion when neither can be read.
     int getCurrentVersion();
     // The value of "preferences_version" as a decimal number (text that is not a number reads as
-    // 0); -1 when there is no key manager or the key cannot be read.
+    // 0); kUnknownVersion when there is no key manager or the key cannot be read.
     int getPrefStoreVersion() const;
     // Writes `version` into "preferences_version" without change notifications; true on success.
     bool setVersion(int version);

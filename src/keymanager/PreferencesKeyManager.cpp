@@ -19,6 +19,7 @@
 #include <system_error>
 
 #include "keymanager/DumpBuffer.h"
+#include "profiler/TraceData.h"
 #include "store/Sqlite3PreferencesDb.h"
 #include "telemetry/Telemetry.h"
 
@@ -68,7 +69,7 @@ const char* trueFalse(bool value) {
 
 unsigned int callingPidForTrace() {
     pid_t pid = android::IPCThreadState::self()->getCallingPid();
-    return pid == getpid() ? 4294967295u : static_cast<unsigned int>(pid);
+    return pid == getpid() ? TraceData::kOwnPid : static_cast<unsigned int>(pid);
 }
 
 unsigned int threadId() {
@@ -130,27 +131,38 @@ long long PreferencesKeyManager::microsSince(Clock::time_point start) {
     return std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start).count();
 }
 
-template <typename DetailFn>
-PreferencesKeyManager::Clock::time_point PreferencesKeyManager::lockTimedWith(
-        const char* operation, const DetailFn& detail) {
+template <typename DetailFn, typename>
+PreferencesKeyManager::TimedLock::TimedLock(PreferencesKeyManager& keyManager,
+                                            const char* operation, const DetailFn& detail)
+    : mKeyManager(keyManager) {
     const Clock::time_point before = Clock::now();
-    mMutex.lock();
+    keyManager.mMutex.lock();
     // The switches only change under mMutex, so they hold still from here on.
-    if (mProfiling || mTracing) {
+    if (keyManager.mProfiling || keyManager.mTracing) {
         const long long wait = microsSince(before);
-        if (mProfiling) mProfiler->recordLock(wait);
-        if (mTracing) {
-            mProfiler->recordLockTrace(
+        if (keyManager.mProfiling) keyManager.mProfiler->recordLock(wait);
+        if (keyManager.mTracing) {
+            keyManager.mProfiler->recordLockTrace(
                     std::chrono::time_point_cast<std::chrono::microseconds>(before), operation,
                     detail(), wait);
         }
     }
-    return before;
 }
 
-PreferencesKeyManager::Clock::time_point PreferencesKeyManager::lockTimed(
-        const char* operation, const std::string& detail) {
-    return lockTimedWith(operation, [&detail]() -> const std::string& { return detail; });
+PreferencesKeyManager::TimedLock::TimedLock(PreferencesKeyManager& keyManager,
+                                            const char* operation, const std::string& detail)
+    : TimedLock(keyManager, operation, [&detail]() -> const std::string& { return detail; }) {}
+
+PreferencesKeyManager::TimedLock::~TimedLock() {
+    mKeyManager.mMutex.unlock();
+}
+
+void PreferencesKeyManager::traceLocked(EventType type, Clock::time_point start,
+                                        long long durationUs, std::string first, std::string second,
+                                        unsigned int pid) {
+    mProfiler->recordTrace(std::chrono::time_point_cast<std::chrono::microseconds>(start), type,
+                           std::move(first), std::move(second), pid, threadId(),
+                           static_cast<unsigned long>(durationUs));
 }
 
 bool PreferencesKeyManager::isPrivilegedAppId(uid_t uid) const {
@@ -177,7 +189,7 @@ bool PreferencesKeyManager::process(const std::unique_ptr<PreferencesSchemaList>
     if (list == nullptr) return true;
 
     const Clock::time_point start = Clock::now();
-    lockTimed("process", "start");
+    TimedLock lock(*this, "process", "start");
 
     if (list->isRestarted()) {
         std::set<std::pair<unsigned int, const std::string>> packages;
@@ -231,16 +243,13 @@ bool PreferencesKeyManager::process(const std::unique_ptr<PreferencesSchemaList>
     mDb->unregisterExpiredPreferences();
 
     if (mTracing) {
-        mProfiler->recordTrace(
-                std::chrono::time_point_cast<std::chrono::microseconds>(start), EventType::Process,
-                fmt::format("list restarted: {}, installed: {}, size: {}",
-                            boolText(list->isRestarted()), boolText(installed), list->size()),
-                result ? "1" : "0", static_cast<unsigned int>(-1), threadId(),
-                static_cast<unsigned long>(microsSince(start)));
+        traceLocked(EventType::Process, start, microsSince(start),
+                    fmt::format("list restarted: {}, installed: {}, size: {}",
+                                boolText(list->isRestarted()), boolText(installed), list->size()),
+                    result ? "1" : "0", TraceData::kOwnPid);
     }
     reportSuccess("schema_process_success", getCallingUid());
     mGenerations.bumpGlobal();
-    mMutex.unlock();
     return result;
 }
 
@@ -348,7 +357,7 @@ int PreferencesKeyManager::checkOsWritePermission() const {
     }
     ALOGE("write permission denied.");
     reportFailure("write_permission_error");
-    return -7;
+    return KeyManagerStatus::OsPermissionDenied;
 }
 
 int PreferencesKeyManager::checkOsReadPermission() const {
@@ -358,7 +367,7 @@ int PreferencesKeyManager::checkOsReadPermission() const {
     }
     ALOGE("read permission denied.");
     reportFailure("read_permission_error");
-    return -7;
+    return KeyManagerStatus::OsPermissionDenied;
 }
 
 void PreferencesKeyManager::setLegacyKeys(std::unordered_set<std::string> keys) {
@@ -394,14 +403,14 @@ PreferencesKeyManager::Access PreferencesKeyManager::checkKeyAccessLocked(const 
     Permission permission = Permission::None;
     if (mDb->getPreferencePermission(key, multiuser_get_app_id(caller), permission) != 0) {
         *rowReadFailed = true;
-        access.status = write ? -8 : -9;
+        access.status = write ? KeyManagerStatus::WriteRefused : KeyManagerStatus::ReadRefused;
         return access;
     }
     if (legacy) return access;
     const bool allowed =
             write ? permission == Permission::ReadWrite
                   : (permission == Permission::Read || permission == Permission::ReadWrite);
-    if (!allowed) access.status = -3;
+    if (!allowed) access.status = KeyManagerStatus::KeyPermissionDenied;
     return access;
 }
 
@@ -412,9 +421,11 @@ int PreferencesKeyManager::set(const std::string& key, const std::string& value,
               static_cast<int>(uid), key.c_str());
         Telemetry::reportError("key_set_error", uid,
                                "missing preferences service write permission");
-        return -7;
+        return KeyManagerStatus::OsPermissionDenied;
     }
-    if (refuseUnknownUser(multiuser_get_user_id(uid), "set", key)) return -8;
+    if (refuseUnknownUser(multiuser_get_user_id(uid), "set", key)) {
+        return KeyManagerStatus::WriteRefused;
+    }
     const int result = setWithoutCallback(key, value, type, uid);
     if (result == 0) mQueue.enqueue(key);
     // Reported whatever the outcome: the event counts set requests that passed the OS check.
@@ -428,7 +439,7 @@ int PreferencesKeyManager::set(const std::string& key, const std::string& value,
 
 int PreferencesKeyManager::setUser(const std::string& key, const std::string& value, Type type,
                                    unsigned int userId) {
-    if (refuseUnknownUser(userId, "set", key)) return -8;
+    if (refuseUnknownUser(userId, "set", key)) return KeyManagerStatus::WriteRefused;
     const uid_t uid = multiuser_get_uid(userId, multiuser_get_app_id(getCallingUid()));
     return set(key, value, type, uid);
 }
@@ -441,7 +452,7 @@ int PreferencesKeyManager::setWithoutCallback(const std::string& key, const std:
         ALOG(LOG_VERBOSE, LOG_TAG, "%s, setting key (%s) to value (%s)", package().c_str(),
              key.c_str(), value.c_str());
     }
-    lockTimed("write", key);
+    TimedLock lock(*this, "write", key);
     const bool timed = mProfiling || mTracing;
     const Clock::time_point start = timed ? Clock::now() : Clock::time_point();
 
@@ -467,24 +478,21 @@ int PreferencesKeyManager::setWithoutCallback(const std::string& key, const std:
               "definition",
               package().c_str(), key.c_str());
         Telemetry::reportError("key_set_error", uid, "wrong type or undefined key");
-        result = -8;
+        result = KeyManagerStatus::WriteRefused;
     } else if (mDb->setPreferenceValue(access.user, access.checkingUser, key, value) != 0) {
         ALOGE("%s, %s: set denied, can not be write to database", package().c_str(), key.c_str());
         Telemetry::reportError("key_set_error", uid, "can not be written to database");
-        result = -8;
+        result = KeyManagerStatus::WriteRefused;
     } else {
         const long long duration = timed ? microsSince(start) : 0;
         if (key == "mic_muted") Telemetry::report("mic_muted_set", uid, true);
         if (mProfiling) mProfiler->recordWrite(key, duration);
         if (mTracing) {
-            mProfiler->recordTrace(std::chrono::time_point_cast<std::chrono::microseconds>(start),
-                                   EventType::Write, key, value, callingPidForTrace(), threadId(),
-                                   static_cast<unsigned long>(duration));
+            traceLocked(EventType::Write, start, duration, key, value, callingPidForTrace());
         }
         reportSuccess("set_value_success", uid);
     }
     if (access.status == 0) mGenerations.bumpKey(key);
-    mMutex.unlock();
     return result;
 }
 
@@ -498,9 +506,11 @@ int PreferencesKeyManager::get(const std::string& key, std::string& out, Type ty
         ALOGE("%s - %d: denied, make sure app has set permission in AndroidManifest.xml",
               key.c_str(), static_cast<int>(uid));
         Telemetry::reportError("key_get_error", uid, "missing preferences service read permission");
-        return -7;
+        return KeyManagerStatus::OsPermissionDenied;
     }
-    if (refuseUnknownUser(multiuser_get_user_id(uid), "get", key)) return -9;
+    if (refuseUnknownUser(multiuser_get_user_id(uid), "get", key)) {
+        return KeyManagerStatus::ReadRefused;
+    }
     return getWithoutPermissionCheck(key, out, type, uid);
 }
 
@@ -510,7 +520,7 @@ int PreferencesKeyManager::get(const std::string& key, std::string& out, Type ty
 
 int PreferencesKeyManager::getUser(const std::string& key, std::string& out, Type type,
                                    unsigned int userId) {
-    if (refuseUnknownUser(userId, "get", key)) return -9;
+    if (refuseUnknownUser(userId, "get", key)) return KeyManagerStatus::ReadRefused;
     const uid_t uid = multiuser_get_uid(userId, multiuser_get_app_id(getCallingUid()));
     return get(key, out, type, uid);
 }
@@ -519,7 +529,7 @@ int PreferencesKeyManager::getWithoutPermissionCheck(const std::string& key, std
                                                      Type type, uid_t uid) {
     // The package name only goes into log lines, so it is looked up only for one.
     const auto package = [uid] { return PreferencesKeyInfo::get(uid); };
-    lockTimed("read", key);
+    TimedLock lock(*this, "read", key);
     const bool timed = mProfiling || mTracing;
     const Clock::time_point start = timed ? Clock::now() : Clock::time_point();
 
@@ -546,11 +556,11 @@ int PreferencesKeyManager::getWithoutPermissionCheck(const std::string& key, std
               "definition",
               package().c_str(), key.c_str());
         Telemetry::reportError("key_get_error", uid, "wrong type or undefined key");
-        result = -9;
+        result = KeyManagerStatus::ReadRefused;
     } else if (mDb->getPreferenceValue(access.user, access.checkingUser, key, value) != 0) {
         ALOGE("%s, %s: get denied, can not be read from database", package().c_str(), key.c_str());
         Telemetry::reportError("key_get_error", uid, "can not be read from database");
-        result = -9;
+        result = KeyManagerStatus::ReadRefused;
     } else {
         if (value.has_value()) {
             out = std::move(*value);
@@ -561,14 +571,10 @@ int PreferencesKeyManager::getWithoutPermissionCheck(const std::string& key, std
             const long long duration = microsSince(start);
             if (mProfiling) mProfiler->recordRead(key, duration);
             if (mTracing) {
-                mProfiler->recordTrace(
-                        std::chrono::time_point_cast<std::chrono::microseconds>(start),
-                        EventType::Read, key, out, callingPidForTrace(), threadId(),
-                        static_cast<unsigned long>(duration));
+                traceLocked(EventType::Read, start, duration, key, out, callingPidForTrace());
             }
         }
     }
-    mMutex.unlock();
     return result;
 }
 
@@ -580,7 +586,7 @@ int PreferencesKeyManager::getWithoutPermissionCheck(const std::string& key, std
 int PreferencesKeyManager::getTypeLockedPermitted(const std::string& key, Type& out) const {
     if (mDb->getPreferenceType(key, out) != 0) {
         reportFailure("get_type_from_db_error");
-        return -9;
+        return KeyManagerStatus::ReadRefused;
     }
     reportSuccess("get_type_from_db_success", getCallingUid());
     return 0;
@@ -588,7 +594,7 @@ int PreferencesKeyManager::getTypeLockedPermitted(const std::string& key, Type& 
 
 int PreferencesKeyManager::getType(const std::string& key, Type& out) {
     const uid_t uid = getCallingUid();
-    lockTimed("getType", key);
+    TimedLock lock(*this, "getType", key);
     const Clock::time_point start = Clock::now();
     bool rowReadFailed = false;
     const Access access = checkKeyAccessLocked(key, uid, /*write=*/false, &rowReadFailed);
@@ -607,12 +613,10 @@ int PreferencesKeyManager::getType(const std::string& key, Type& out) {
         result = getTypeLockedPermitted(key, out);
     }
     if (mTracing) {
-        mProfiler->recordTrace(
-                std::chrono::time_point_cast<std::chrono::microseconds>(start), EventType::GetType,
-                key, fmt::format("type: {}, return {}", static_cast<uint32_t>(out), result),
-                callingPidForTrace(), threadId(), static_cast<unsigned long>(microsSince(start)));
+        traceLocked(EventType::GetType, start, microsSince(start), key,
+                    fmt::format("type: {}, return {}", static_cast<uint32_t>(out), result),
+                    callingPidForTrace());
     }
-    mMutex.unlock();
     return result;
 }
 
@@ -624,39 +628,123 @@ int PreferencesKeyManager::reset(const std::string& key) {
               key.c_str());
         Telemetry::reportError("key_reset_error", uid,
                                "missing preferences service write permission");
-        return -7;
+        return KeyManagerStatus::OsPermissionDenied;
     }
-    if (refuseUnknownUser(multiuser_get_user_id(uid), "reset", key)) return -8;
-    lockTimed("reset", key);
-    const Clock::time_point start = Clock::now();
-    bool rowReadFailed = false;
-    const Access access = checkKeyAccessLocked(key, uid, /*write=*/true, &rowReadFailed);
-    int result = access.status;
-    if (result != 0) {
-        if (rowReadFailed) {
-            ALOGE("%s, %s: get denied, make sure app key is defined", package.c_str(), key.c_str());
-            Telemetry::reportError("key_reset_error", uid,
-                                   "reset denied, make sure app has key defined");
-        } else {
-            ALOGE("%s, %s: reset denied due to lack of permission, check app key's permission "
-                  "field",
-                  package.c_str(), key.c_str());
-            Telemetry::reportError("key_reset_error", uid,
-                                   "missing permission to write preference");
+    if (refuseUnknownUser(multiuser_get_user_id(uid), "reset", key)) {
+        return KeyManagerStatus::WriteRefused;
+    }
+    int result = KeyManagerStatus::Ok;
+    {
+        TimedLock lock(*this, "reset", key);
+        const Clock::time_point start = Clock::now();
+        bool rowReadFailed = false;
+        const Access access = checkKeyAccessLocked(key, uid, /*write=*/true, &rowReadFailed);
+        result = access.status;
+        if (result != 0) {
+            if (rowReadFailed) {
+                ALOGE("%s, %s: get denied, make sure app key is defined", package.c_str(),
+                      key.c_str());
+                Telemetry::reportError("key_reset_error", uid,
+                                       "reset denied, make sure app has key defined");
+            } else {
+                ALOGE("%s, %s: reset denied due to lack of permission, check app key's permission "
+                      "field",
+                      package.c_str(), key.c_str());
+                Telemetry::reportError("key_reset_error", uid,
+                                       "missing permission to write preference");
+            }
+        } else if (mDb->clearCurrentPreferenceValue(access.user, key) != 0) {
+            ALOGE("unable to clear key value %d, %s", static_cast<int>(uid), key.c_str());
+            Telemetry::reportError("key_reset_error", uid, "can not be cleared in database");
+            result = KeyManagerStatus::WriteRefused;
+        } else if (mTracing) {
+            traceLocked(EventType::Reset, start, microsSince(start), key, package,
+                        callingPidForTrace());
         }
-    } else if (mDb->clearCurrentPreferenceValue(access.user, key) != 0) {
-        ALOGE("unable to clear key value %d, %s", static_cast<int>(uid), key.c_str());
-        Telemetry::reportError("key_reset_error", uid, "can not be cleared in database");
-        result = -8;
-    } else if (mTracing) {
-        mProfiler->recordTrace(std::chrono::time_point_cast<std::chrono::microseconds>(start),
-                               EventType::Reset, key, package, callingPidForTrace(), threadId(),
-                               static_cast<unsigned long>(microsSince(start)));
+        if (access.status == 0) mGenerations.bumpKey(key);
     }
-    if (access.status == 0) mGenerations.bumpKey(key);
-    mMutex.unlock();
+    // Queued once mMutex is released, like a write.
     if (result == 0) mQueue.enqueue(key);
     return result;
+}
+
+// ---- Listing and describing keys ----
+
+bool PreferencesKeyManager::mayWriteAsOs(uid_t uid) const {
+    return isPrivilegedAppId(uid) ||
+           android::PermissionCache::checkCallingPermission(writePermissionName());
+}
+
+int PreferencesKeyManager::checkReadCall(uid_t uid, const char* operation,
+                                         const std::string& detail) const {
+    if (!isPrivilegedAppId(uid) && checkOsReadPermission() != KeyManagerStatus::Ok) {
+        ALOGE("%s - %d: %s denied, make sure app has set permission in AndroidManifest.xml",
+              detail.c_str(), static_cast<int>(uid), operation);
+        return KeyManagerStatus::OsPermissionDenied;
+    }
+    if (refuseUnknownUser(multiuser_get_user_id(uid), operation, detail)) {
+        return KeyManagerStatus::ReadRefused;
+    }
+    return KeyManagerStatus::Ok;
+}
+
+int PreferencesKeyManager::describeLocked(const IPreferencesDb::PreferenceDefinition& definition,
+                                          uid_t uid, bool osWrite, KeyDescription& out) {
+    bool rowReadFailed = false;
+    const Access read = checkKeyAccessLocked(definition.key, uid, /*write=*/false, &rowReadFailed);
+    if (read.status != KeyManagerStatus::Ok) return read.status;
+    // A declared type outside the value types fails every typed get.
+    if (definition.type >= Type::NoType) return KeyManagerStatus::ReadRefused;
+    const Access write = checkKeyAccessLocked(definition.key, uid, /*write=*/true, &rowReadFailed);
+    const bool writable = osWrite && write.status == KeyManagerStatus::Ok;
+    out = KeyDescription{definition.key,          definition.type,         definition.scope,
+                         definition.defaultValue, definition.ownerPackage, writable};
+    return KeyManagerStatus::Ok;
+}
+
+int PreferencesKeyManager::listKeys(const std::string& ownerPackage,
+                                    std::vector<KeyDescription>& out) {
+    const uid_t uid = getCallingUid();
+    if (const int refused = checkReadCall(uid, "listKeys", ownerPackage);
+        refused != KeyManagerStatus::Ok) {
+        return refused;
+    }
+    const bool osWrite = mayWriteAsOs(uid);
+    std::vector<KeyDescription> described;
+    {
+        TimedLock lock(*this, "listKeys", ownerPackage);
+        std::vector<IPreferencesDb::PreferenceDefinition> definitions;
+        if (mDb->getPreferenceDefinitions(std::nullopt, definitions) != 0) {
+            return KeyManagerStatus::ReadRefused;
+        }
+        for (const IPreferencesDb::PreferenceDefinition& definition : definitions) {
+            if (!ownerPackage.empty() && definition.ownerPackage != ownerPackage) continue;
+            KeyDescription description;
+            if (describeLocked(definition, uid, osWrite, description) == KeyManagerStatus::Ok) {
+                described.push_back(std::move(description));
+            }
+        }
+    }
+    out = std::move(described);
+    return KeyManagerStatus::Ok;
+}
+
+int PreferencesKeyManager::describeKey(const std::string& key, KeyDescription& out) {
+    const uid_t uid = getCallingUid();
+    if (const int refused = checkReadCall(uid, "describeKey", key);
+        refused != KeyManagerStatus::Ok) {
+        return refused;
+    }
+    const bool osWrite = mayWriteAsOs(uid);
+    TimedLock lock(*this, "describeKey", key);
+    bool rowReadFailed = false;
+    // The key permission first, as in a get: an app learns nothing about a key it may not read,
+    // not even whether it is declared.
+    const Access access = checkKeyAccessLocked(key, uid, /*write=*/false, &rowReadFailed);
+    if (access.status != KeyManagerStatus::Ok) return access.status;
+    std::vector<IPreferencesDb::PreferenceDefinition> definitions;
+    if (mDb->getPreferenceDefinitions(key, definitions) != 0) return KeyManagerStatus::ReadRefused;
+    return describeLocked(definitions.front(), uid, osWrite, out);
 }
 
 // ---- Change notification ----
@@ -690,7 +778,7 @@ void PreferencesKeyManager::callback() {
             changed.insert(std::move(name));
         }
 
-        lockTimedWith("callback", [&changed] {
+        TimedLock lock(*this, "callback", [&changed] {
             return stringJoin({changed.begin(), changed.end()}, ",");
         });
         std::map<uint32_t, std::set<std::string>> keysByListener;
@@ -714,15 +802,13 @@ void PreferencesKeyManager::callback() {
             // One-way: a slow or dead client cannot hold up the pass.
             record->getListener()->onChanged(keys16);
             if (mTracing) {
-                mProfiler->recordTrace(
-                        std::chrono::time_point_cast<std::chrono::microseconds>(start),
-                        EventType::Callback, stringJoin({keys.begin(), keys.end()}, ","),
-                        fmt::format("{}:{}", record->getUid(), record->getUuid()), record->getPid(),
-                        threadId(), static_cast<unsigned long>(microsSince(start)));
+                traceLocked(EventType::Callback, start, microsSince(start),
+                            stringJoin({keys.begin(), keys.end()}, ","),
+                            fmt::format("{}:{}", record->getUid(), record->getUuid()),
+                            record->getPid());
             }
         }
         reportSuccess("callback_success", getCallingUid());
-        mMutex.unlock();
     }
 }
 
@@ -732,25 +818,25 @@ int PreferencesKeyManager::registerListener(
     const pid_t pid = android::IPCThreadState::self()->getCallingPid();
     const uid_t uid = getCallingUid();
     const std::string package = PreferencesKeyInfo::get(uid);
-    if (listener == nullptr) return -13;
+    if (listener == nullptr) return KeyManagerStatus::ListenerNotStored;
     // Another process can only hand in an object of this process by handing back one of ours
     // (the service itself, for one), which never dies with that process.
     if (pid != getpid() && android::IInterface::asBinder(listener)->localBinder() != nullptr) {
         ALOGE("%s, register listener denied, the listener is an object of this service",
               package.c_str());
-        return -13;
+        return KeyManagerStatus::ListenerNotStored;
     }
     if (!isPrivilegedAppId(uid) && checkOsReadPermission() != 0) {
         ALOGE("%s, register listener denied, make sure app has set permission in "
               "AndroidManifest.xml",
               package.c_str());
         Telemetry::reportError("register_listener_error", uid, "missing read permission");
-        return -7;
+        return KeyManagerStatus::OsPermissionDenied;
     }
     if (refuseUnknownUser(multiuser_get_user_id(uid), "register listener", stringJoin(keys, ","))) {
-        return -9;
+        return KeyManagerStatus::ReadRefused;
     }
-    lockTimed("register", package);
+    TimedLock lock(*this, "register", package);
     const Clock::time_point start = Clock::now();
     int result = 0;
     for (const std::string& key : keys) {
@@ -758,14 +844,14 @@ int PreferencesKeyManager::registerListener(
         if (mDb->getPreferencePermission(key, multiuser_get_app_id(uid), permission) != 0) {
             ALOGE("%s, %s: register listener denied, make sure app key is defined", package.c_str(),
                   key.c_str());
-            result = -9;
+            result = KeyManagerStatus::ReadRefused;
             break;
         }
         if (uid != 0 && permission != Permission::Read && permission != Permission::ReadWrite) {
             ALOGE("%s, %s: register listener denied due to lack of permission, check app key's "
                   "permission field",
                   package.c_str(), key.c_str());
-            result = -3;
+            result = KeyManagerStatus::KeyPermissionDenied;
             break;
         }
     }
@@ -773,7 +859,7 @@ int PreferencesKeyManager::registerListener(
     if (result == 0 &&
         (mDb->registerPreferenceListener(uid, keys, uuid) != 0 || mListeners.count(uuid) != 0)) {
         ALOGE("%s, register listener denied, unable to register in database", package.c_str());
-        result = -13;
+        result = KeyManagerStatus::ListenerNotStored;
         // Rows stored before the failure would outlive the refused listener; its id is released.
         // An id held by a live record was not handed out by this call and stays as it is.
         if (uuid != 0 && mListeners.count(uuid) == 0) mDb->unregisterPreferenceListener(uid, uuid);
@@ -781,15 +867,11 @@ int PreferencesKeyManager::registerListener(
     if (result == 0) {
         mListeners[uuid] = new PreferencesListener(this, listener, keys, pid, uid, uuid);
         if (mTracing) {
-            mProfiler->recordTrace(std::chrono::time_point_cast<std::chrono::microseconds>(start),
-                                   EventType::Register, stringJoin(keys, ","),
-                                   fmt::format("{}:{}:{}", uid, uuid, pid),
-                                   static_cast<unsigned int>(pid), threadId(),
-                                   static_cast<unsigned long>(microsSince(start)));
+            traceLocked(EventType::Register, start, microsSince(start), stringJoin(keys, ","),
+                        fmt::format("{}:{}:{}", uid, uuid, pid), static_cast<unsigned int>(pid));
         }
         reportSuccess("register_listener_success", uid);
     }
-    mMutex.unlock();
     return result;
 }
 
@@ -799,11 +881,11 @@ int PreferencesKeyManager::unregisterListener(
     if (!isPrivilegedAppId(uid) && checkOsReadPermission() != 0) {
         ALOGE("%s, unregister listener, make sure app has set permission in AndroidManifest.xml",
               package.c_str());
-        return -7;
+        return KeyManagerStatus::OsPermissionDenied;
     }
     // Released after mMutex so that the record's unlink from its binder runs unlocked.
     android::sp<PreferencesListener> removed;
-    lockTimed("unregister", package);
+    TimedLock lock(*this, "unregister", package);
     const Clock::time_point start = Clock::now();
     int result = 0;
     std::vector<unsigned int> uuids;
@@ -811,7 +893,7 @@ int PreferencesKeyManager::unregisterListener(
     if (mDb->getPreferenceListenersIdsForPackage(uid, uuids) != 0 || uuids.empty()) {
         ALOGE("unregister listener, can not find in database, %d", static_cast<int>(uid));
         reportFailure("unregister_listener_not_found");
-        result = -6;
+        result = KeyManagerStatus::ListenerNotFound;
     } else {
         for (unsigned int uuid : uuids) {
             auto it = mListeners.find(uuid);
@@ -824,23 +906,21 @@ int PreferencesKeyManager::unregisterListener(
         if (removed == nullptr) {
             ALOGE("%s, unregister listener, can not find in database", package.c_str());
             reportFailure("unregister_listener_not_found");
-            result = -6;
+            result = KeyManagerStatus::ListenerNotFound;
         } else {
             mDb->unregisterPreferenceListener(uid, removed->getUuid());
             if (mTracing) {
-                mProfiler->recordTrace(
-                        std::chrono::time_point_cast<std::chrono::microseconds>(start),
-                        EventType::Unregister, stringJoin(removed->getKeys(), ","),
-                        fmt::format("{}:{}", uid, removed->getUuid()), removed->getPid(),
-                        threadId(), static_cast<unsigned long>(microsSince(start)));
+                traceLocked(EventType::Unregister, start, microsSince(start),
+                            stringJoin(removed->getKeys(), ","),
+                            fmt::format("{}:{}", uid, removed->getUuid()), removed->getPid());
             }
             reportSuccess("unregister_listener_success", uid);
         }
     }
     if (removed == nullptr) {
         // A record without rows (registered without keys, or whose keys have expired) cannot be
-        // found through the store. The caller is told -6 as for any unknown listener, but the
-        // record goes all the same, so that it does not outlive its client.
+        // found through the store. The caller is told ListenerNotFound as for any unknown
+        // listener, but the record goes all the same, so that it does not outlive its client.
         for (auto it = mListeners.begin(); it != mListeners.end(); ++it) {
             if (it->second->getUid() == uid &&
                 android::IInterface::asBinder(it->second->getListener()) == binder) {
@@ -850,7 +930,6 @@ int PreferencesKeyManager::unregisterListener(
             }
         }
     }
-    mMutex.unlock();
     return result;
 }
 
@@ -871,7 +950,8 @@ int PreferencesKeyManager::userList(const std::vector<int>& users) {
     const int permission = checkOsWritePermission();
     if (permission != 0) return permission;
     Mutex::Autolock lock(mMutex);
-    const int result = mDb->updateUserList(users) != 0 ? -15 : 0;
+    const int result = mDb->updateUserList(users) != 0 ? KeyManagerStatus::UserOperationFailed
+                                                       : KeyManagerStatus::Ok;
     Mutex::Autolock usersLock(mUsersLock);
     mUsers = {0};
     for (int user : users) {
@@ -885,7 +965,8 @@ int PreferencesKeyManager::deleteUserData(unsigned int userId) {
     const int permission = checkOsWritePermission();
     if (permission != 0) return permission;
     Mutex::Autolock lock(mMutex);
-    const int result = mDb->deleteUserData(userId) != 0 ? -15 : 0;
+    const int result = mDb->deleteUserData(userId) != 0 ? KeyManagerStatus::UserOperationFailed
+                                                        : KeyManagerStatus::Ok;
     mGenerations.bumpGlobal();
     return result;
 }
@@ -899,60 +980,67 @@ bool PreferencesKeyManager::dump(int callerFd) {
     // The store pointer is only reset by the destructor, which no dump can overlap.
     dprintf(fd, "      Database Exists:             %s\n", trueFalse(mDb != nullptr));
     dprintf(fd, "      Schema Queue Terminated:     %s\n", trueFalse(mQueue.isTerminated()));
-    mMutex.lock();
-    dprintf(fd, "      Schema Thread Running:       %s\n", trueFalse(mRunning));
-    dprintf(fd, "      Listener Info:\n");
-    for (const auto& [uuid, record] : mListeners) {
-        dprintf(fd, "        uuid: %u\n", uuid);
-        dprintf(fd, "          pid: %u, uid: %u, uuid: %u\n", record->getPid(), record->getUid(),
-                record->getUuid());
-        dprintf(fd, "          keys: \n");
-        if (record->getKeys().empty()) {
-            dprintf(fd, "            no keys\n");
-        }
-        for (const std::string& key : record->getKeys()) {
-            dprintf(fd, "            %s\n", key.c_str());
+    {
+        Mutex::Autolock lock(mMutex);
+        dprintf(fd, "      Schema Thread Running:       %s\n", trueFalse(mRunning));
+        dprintf(fd, "      Listener Info:\n");
+        for (const auto& [uuid, record] : mListeners) {
+            dprintf(fd, "        uuid: %u\n", uuid);
+            dprintf(fd, "          pid: %u, uid: %u, uuid: %u\n", record->getPid(),
+                    record->getUid(), record->getUuid());
+            dprintf(fd, "          keys: \n");
+            if (record->getKeys().empty()) {
+                dprintf(fd, "            no keys\n");
+            }
+            for (const std::string& key : record->getKeys()) {
+                dprintf(fd, "            %s\n", key.c_str());
+            }
         }
     }
-    mMutex.unlock();
     text.copyTo(callerFd, dumpTimeout());
     return true;
 }
 
 bool PreferencesKeyManager::dumpDb(int callerFd) {
     DumpBuffer text;
-    mMutex.lock();
-    if (mDb != nullptr) mDb->dumpDatabases(text.fd());
-    mMutex.unlock();
+    {
+        Mutex::Autolock lock(mMutex);
+        if (mDb != nullptr) mDb->dumpDatabases(text.fd());
+    }
     text.copyTo(callerFd, dumpTimeout());
     return true;
 }
 
 bool PreferencesKeyManager::dumpPreferences(int callerFd) {
     DumpBuffer text;
-    mMutex.lock();
-    if (mDb != nullptr) mDb->dumpPreferencesTable(text.fd());
-    mMutex.unlock();
+    {
+        Mutex::Autolock lock(mMutex);
+        if (mDb != nullptr) mDb->dumpPreferencesTable(text.fd());
+    }
     text.copyTo(callerFd, dumpTimeout());
     return true;
 }
 
 bool PreferencesKeyManager::dumpProfile(int callerFd) {
     DumpBuffer text;
-    mMutex.lock();
-    const bool on = mProfiling;
-    if (on) mProfiler->dumpProfile(text.fd());
-    mMutex.unlock();
+    bool on = false;
+    {
+        Mutex::Autolock lock(mMutex);
+        on = mProfiling;
+        if (on) mProfiler->dumpProfile(text.fd());
+    }
     if (on) text.copyTo(callerFd, dumpTimeout());
     return on;
 }
 
 bool PreferencesKeyManager::dumpTrace(int callerFd) {
     DumpBuffer text;
-    mMutex.lock();
-    const bool on = mTracing;
-    if (on) mProfiler->dumpTrace(text.fd());
-    mMutex.unlock();
+    bool on = false;
+    {
+        Mutex::Autolock lock(mMutex);
+        on = mTracing;
+        if (on) mProfiler->dumpTrace(text.fd());
+    }
     if (on) text.copyTo(callerFd, dumpTimeout());
     return on;
 }

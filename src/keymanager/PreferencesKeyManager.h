@@ -13,10 +13,12 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <type_traits>
 #include <unordered_set>
 #include <vector>
 
 #include "keymanager/BlockingQueue.h"
+#include "keymanager/KeyManagerStatus.h"
 #include "keymanager/PreferencesGenerationTable.h"
 #include "keymanager/PreferencesListener.h"
 #include "model/KeySourceDomain.h"
@@ -34,11 +36,7 @@ namespace Halo::OS {
 // Applies schema lists, checks who may read and write which key in which user, reads and writes
 // value text, follows the device's users and prints its state for dumps.
 //
-// Status codes: 0 success; -3 the caller's permission row does not allow the operation; -6 no
-// listener to unregister; -7 the OS permission (READ_SETTINGS / WRITE_SETTINGS) is missing; -8 a
-// write refused (key not declared for the caller, wrong type, store failure); -9 a read or type
-// lookup refused (same reasons); -13 listener rows could not be stored; -15 a user operation of the
-// store failed.
+// The int operations return a KeyManagerStatus code: Ok (0), or the refusal.
 //
 // Threads: Binder threads call every public operation concurrently. mMutex guards the store, the
 // listener map, the profiler and the writes of the profiling and tracing flags. The callback
@@ -122,7 +120,7 @@ public:
     // Clears the current value so that the default applies again; notifies like a write.
     int reset(const std::string& key) EXCLUDES(mMutex);
 
-    // 0 when the Binder caller holds the OS permission, else -7.
+    // Ok when the Binder caller holds the OS permission, else OsPermissionDenied.
     int checkOsReadPermission() const;
     int checkOsWritePermission() const;
 
@@ -136,17 +134,46 @@ public:
     // "not declared yet" (a fresh store) from a refused read.
     bool isDeclared(const std::string& key) EXCLUDES(mMutex);
 
+    // ---- Listing and describing keys ----
+
+    // What listKeys and describeKey tell about one key: its definition, and whether the caller
+    // may write it (the OS write permission, unless privileged, and the key permission of a
+    // write in the caller's own user).
+    struct KeyDescription {
+        std::string key;
+        Type type = Type::NoType;
+        PreferencesKeyInfo::PreferenceScope scope = PreferencesKeyInfo::PreferenceScope::System;
+        std::optional<std::string> defaultValue;
+        std::optional<std::string> ownerPackage;
+        bool writable = false;
+    };
+
+    // Replaces `out` with the keys that the caller could read one at a time with get in its own
+    // user, in key order; with a non-empty `ownerPackage`, only the keys that package owns.
+    // Refused as a get is before it looks at any key: OsPermissionDenied without the OS read
+    // permission (unless privileged), ReadRefused when the caller's user is not a user of the
+    // device or the store cannot list its keys.
+    int listKeys(const std::string& ownerPackage, std::vector<KeyDescription>& out)
+            EXCLUDES(mMutex);
+    // Describes `key` for a caller that get would let read it, else refuses with get's code for
+    // the same key: OsPermissionDenied; ReadRefused (unknown user; key not declared, for callers
+    // that pass the key permission step; permission row unreadable); KeyPermissionDenied (no
+    // read permission on the key, including an undeclared key for an app). `out` is only
+    // written on success.
+    int describeKey(const std::string& key, KeyDescription& out) EXCLUDES(mMutex);
+
     // ---- Change notification ----
 
-    // Registers `listener` for `keys` for the calling app. -7 without the OS read permission,
-    // -9 when a key's permission row cannot be read, -3 when the caller may not read a key, -13
-    // when the store refuses the rows (for example the same listener registered twice; no row of
-    // the refused listener stays) or when another process hands in an object of this process.
+    // Registers `listener` for `keys` for the calling app. OsPermissionDenied without the OS read
+    // permission, ReadRefused when a key's permission row cannot be read, KeyPermissionDenied when
+    // the caller may not read a key, ListenerNotStored when the store refuses the rows (for
+    // example the same listener registered twice; no row of the refused listener stays) or when
+    // another process hands in an object of this process.
     int registerListener(const android::sp<lumen::preferences::IPreferencesListener>& listener,
                          const std::vector<std::string>& keys, bool flag) EXCLUDES(mMutex);
     // Removes the listener that `uid` registered with this binder, also one without rows (no
-    // keys, or keys that have expired). -7 without the OS read permission, -6 when `uid` has no
-    // such listener.
+    // keys, or keys that have expired). OsPermissionDenied without the OS read permission,
+    // ListenerNotFound when `uid` has no such listener.
     int unregisterListener(uid_t uid,
                            const android::sp<lumen::preferences::IPreferencesListener>& listener)
             EXCLUDES(mMutex);
@@ -159,11 +186,11 @@ public:
     // value of "current_user"; returns the result of that set().
     int currentUser(unsigned int userId) EXCLUDES(mMutex);
     unsigned int getCurrentUser() const { return mCurrentUser.load(std::memory_order_relaxed); }
-    // Deletes the databases of users not in `users`. -7 without the OS write permission, -15
-    // when the store fails. From then on the device's users are 0 and the ids in `users`
-    // (negative ones ignored); before the first list, 0 and the users that have a database.
-    // Reads (-9), writes (-8) and listener registrations (-9) for any other user are refused and
-    // open no database.
+    // Deletes the databases of users not in `users`. OsPermissionDenied without the OS write
+    // permission, UserOperationFailed when the store fails. From then on the device's users are 0
+    // and the ids in `users` (negative ones ignored); before the first list, 0 and the users that
+    // have a database. Reads, writes and listener registrations for any other user are refused
+    // (ReadRefused, WriteRefused) and open no database.
     int userList(const std::vector<int>& users) EXCLUDES(mMutex);
     int deleteUserData(unsigned int userId) EXCLUDES(mMutex);
 
@@ -213,21 +240,51 @@ private:
 
     // What a read or a write may do after the key-permission step.
     struct Access {
-        int status;                                // 0, or the refusal code
+        int status;                                // a KeyManagerStatus: Ok, or the refusal
         std::optional<unsigned int> user;          // the target user: the user of the uid argument
         std::optional<unsigned int> checkingUser;  // passed to the store as the current user
     };
 
-    // Locks mMutex and records the wait when profiling or tracing; returns the time the wait
-    // began. The clock is read a second time only when the wait is recorded.
-    Clock::time_point lockTimed(const char* operation, const std::string& detail) ACQUIRE(mMutex);
-    // The same, for a trace detail that costs something to build: `detail()` is only called when
-    // the wait goes into the trace.
-    template <typename DetailFn>
-    Clock::time_point lockTimedWith(const char* operation, const DetailFn& detail) ACQUIRE(mMutex);
+    // Holds the key manager's mMutex for its lifetime. Taking it records the wait when profiling
+    // (recordLock) or tracing (recordLockTrace with `operation` and `detail`); the clock is read a
+    // second time only when the wait is recorded.
+    class SCOPED_CAPABILITY TimedLock {
+    public:
+        TimedLock(PreferencesKeyManager& keyManager, const char* operation,
+                  const std::string& detail) ACQUIRE(keyManager.mMutex);
+        // For a trace detail that costs something to build: `detail()` is only called when the
+        // wait goes into the trace.
+        template <typename DetailFn,
+                  typename = std::enable_if_t<std::is_invocable_v<const DetailFn&>>>
+        TimedLock(PreferencesKeyManager& keyManager, const char* operation, const DetailFn& detail)
+                ACQUIRE(keyManager.mMutex);
+        ~TimedLock() RELEASE();
+        TimedLock(const TimedLock&) = delete;
+        TimedLock& operator=(const TimedLock&) = delete;
+
+    private:
+        PreferencesKeyManager& mKeyManager;
+    };
+
+    // Appends a trace entry of `type` for an operation of the current thread that began at
+    // `start` and took `durationUs`; `pid` is the process it was done for. Callers check
+    // mTracing first, so that the texts are only built for a trace.
+    void traceLocked(PreferencesProfiler::EventType type, Clock::time_point start,
+                     long long durationUs, std::string first, std::string second, unsigned int pid)
+            REQUIRES(mMutex);
     Access checkKeyAccessLocked(const std::string& key, uid_t uid, bool write, bool* rowReadFailed)
             REQUIRES(mMutex);
     bool isPrivilegedAppId(uid_t uid) const;
+    // The checks of a get that do not depend on the key, for `uid` calling `operation`: Ok,
+    // OsPermissionDenied or ReadRefused.
+    int checkReadCall(uid_t uid, const char* operation, const std::string& detail) const;
+    // Describes `definition` for `uid` when get would let it read the key; otherwise returns
+    // get's refusal code and leaves `out` alone. `osWrite`: the caller may write as far as the
+    // OS permission goes.
+    int describeLocked(const IPreferencesDb::PreferenceDefinition& definition, uid_t uid,
+                       bool osWrite, KeyDescription& out) REQUIRES(mMutex);
+    // The OS write-permission check, without the log line and telemetry of a refused write.
+    bool mayWriteAsOs(uid_t uid) const;
     // True, with a log line naming `operation` and `key`, when `userId` is not a user of the
     // device (see userList).
     bool refuseUnknownUser(unsigned int userId, const char* operation, const std::string& key) const

@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "keymanager/KeyManagerStatus.h"
 #include "model/PreferencesGenerationLayout.h"
 #include "service/PreferencesService.h"
 #include "service/String16Utils.h"
@@ -38,6 +39,26 @@ constexpr Getters<bool> kGetters<bool>{&S::getBoolean, &S::getBooleanCurrent, &S
 template <>
 constexpr Getters<String16> kGetters<String16>{&S::getString, &S::getStringCurrent,
                                                &S::getStringUser};
+
+halo::preferences::KeyDescription toParcelable(
+        const PreferencesKeyManager::KeyDescription& description) {
+    halo::preferences::KeyDescription parcel;
+    parcel.key = String16(description.key.data(), description.key.size());
+    parcel.type = static_cast<int32_t>(description.type);
+    parcel.scope = static_cast<int32_t>(description.scope);
+    parcel.hasDefaultValue = description.defaultValue.has_value();
+    const std::string defaultValue = description.defaultValue.value_or(std::string());
+    parcel.defaultValue = String16(defaultValue.data(), defaultValue.size());
+    parcel.hasOwnerPackage = description.ownerPackage.has_value();
+    const std::string owner = description.ownerPackage.value_or(std::string());
+    parcel.ownerPackage = String16(owner.data(), owner.size());
+    parcel.writable = description.writable;
+    return parcel;
+}
+
+Status toStatus(int result) {
+    return result == KeyManagerStatus::Ok ? Status::ok() : Status::fromServiceSpecificError(result);
+}
 
 }  // namespace
 
@@ -112,6 +133,25 @@ Status PreferencesExtension::getBooleanStamped(const String16& key, int32_t flav
 Status PreferencesExtension::getFloatStamped(const String16& key, int32_t flavour, int32_t userId,
                                              GenerationStamp* stamp, float* out) {
     return stamped(key, flavour, userId, stamp, out);
+}
+
+Status PreferencesExtension::listKeys(const String16& ownerPackage,
+                                      std::vector<KeyDescription>* out) {
+    std::vector<PreferencesKeyManager::KeyDescription> descriptions;
+    const int result = mKeyManager->listKeys(toString(ownerPackage), descriptions);
+    if (result != KeyManagerStatus::Ok) return toStatus(result);
+    out->clear();
+    out->reserve(descriptions.size());
+    for (const auto& description : descriptions) out->push_back(toParcelable(description));
+    return Status::ok();
+}
+
+Status PreferencesExtension::describeKey(const String16& key, KeyDescription* out) {
+    PreferencesKeyManager::KeyDescription description;
+    const int result = mKeyManager->describeKey(toString(key), description);
+    if (result != KeyManagerStatus::Ok) return toStatus(result);
+    *out = toParcelable(description);
+    return Status::ok();
 }
 
 }  // namespace Halo::OS

@@ -4,11 +4,13 @@
 #include <binder/Status.h>
 #include <halo/preferences/BnPreferencesExtension.h>
 #include <halo/preferences/GenerationStamp.h>
+#include <halo/preferences/KeyDescription.h>
 #include <utils/String16.h>
 #include <utils/StrongPointer.h>
 
 #include <cstdint>
 #include <memory>
+#include <vector>
 
 #include "keymanager/PreferencesKeyManager.h"
 
@@ -29,6 +31,7 @@ public:
     using Status = android::binder::Status;
     using String16 = android::String16;
     using GenerationStamp = halo::preferences::GenerationStamp;
+    using KeyDescription = halo::preferences::KeyDescription;
 
     PreferencesExtension(const android::wp<PreferencesService>& service,
                          std::shared_ptr<PreferencesKeyManager> keyManager);
@@ -48,6 +51,11 @@ public:
                              GenerationStamp* stamp, bool* out) override;
     Status getFloatStamped(const String16& key, int32_t flavour, int32_t userId,
                            GenerationStamp* stamp, float* out) override;
+
+    // The key manager's listKeys and describeKey; a refusal is the service-specific error of
+    // its code.
+    Status listKeys(const String16& ownerPackage, std::vector<KeyDescription>* out) override;
+    Status describeKey(const String16& key, KeyDescription* out) override;
 
 private:
     template <typename T>

@@ -6,6 +6,7 @@
 #include <unordered_map>
 
 #include "model/PreferencesKeyInfo.h"
+#include "service/ServiceStatus.h"
 
 namespace Halo::OS {
 
@@ -15,19 +16,16 @@ namespace Halo::OS {
 // and reset empties it.
 //
 // No per-instance state: the table and the prefix are process-wide and every operation is
-// static. Keys are converted with toString (cut at the first NUL). Results: 0 for success, -2
-// when the key has no override (not in kOverrides, or the property is empty or could not be
-// written), -11 when the key's override is not of the integer type. Thread-safe (properties are
-// read and written through SystemProperties, which serialises).
+// static. Keys are converted with toString (cut at the first NUL). Results are ServiceStatus
+// codes: Ok, NoOverride when the key has no override (not in kOverrides, or the property is empty
+// or could not be written), OverrideWrongType when the key's override is not of the integer
+// type. Thread-safe (properties are read and written through SystemProperties, which
+// serialises).
 class PreferencesOverrides {
 public:
     // Key name → type of its override. Holds "autosleep_time" → Integer. Never destroyed.
     static const std::unordered_map<std::string, PreferencesKeyInfo::Type>& kOverrides;
     static constexpr const char* kOverridesPrefix = "persist.halo.prefs_overrides.";
-
-    static constexpr int kOk = 0;
-    static constexpr int kNoOverride = -2;
-    static constexpr int kWrongType = -11;
 
     // Stores the property's value, parsed as a decimal integer truncated to 32 bits (text that
     // does not parse gives its parsed prefix or 0), in *out. `out` must not be null.

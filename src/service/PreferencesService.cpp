@@ -45,7 +45,7 @@ using android::binder::Status;
 using Type = PreferencesKeyInfo::Type;
 
 Status toStatus(int result) {
-    return result == 0 ? Status::ok() : Status::fromServiceSpecificError(result);
+    return result == KeyManagerStatus::Ok ? Status::ok() : Status::fromServiceSpecificError(result);
 }
 
 // The stored text of each interface value type and its reading back. These encodings are what
@@ -151,7 +151,7 @@ Status PreferencesService::setTyped(Flavour flavour, const String16& key, const 
 
 template <typename T>
 Status PreferencesService::getTyped(Flavour flavour, const String16& key, int32_t userId, T* out) {
-    if (out == nullptr) return Status::fromServiceSpecificError(kNullOutValue);
+    if (out == nullptr) return Status::fromServiceSpecificError(ServiceStatus::NullOutValue);
     std::string text;
     const int result = readText(flavour, toString(key), ValueCodec<T>::kType, userId, text);
     if (result != 0) return toStatus(result);
@@ -191,8 +191,8 @@ Status PreferencesService::setFloat(const String16& key, float value) {
 }
 
 Status PreferencesService::getInteger(const String16& key, int32_t* out) {
-    if (out == nullptr) return Status::fromServiceSpecificError(kNullOutValue);
-    if (PreferencesOverrides::getInteger(key, out) == 0) return Status::ok();
+    if (out == nullptr) return Status::fromServiceSpecificError(ServiceStatus::NullOutValue);
+    if (PreferencesOverrides::getInteger(key, out) == ServiceStatus::Ok) return Status::ok();
     return getTyped(Flavour::Plain, key, 0, out);
 }
 
@@ -269,8 +269,8 @@ Status PreferencesService::getFloatCurrent(const String16& key, float* out) {
 // ---- Type ----
 
 Status PreferencesService::getType(const String16& key, int32_t* out) {
-    if (out == nullptr) return Status::fromServiceSpecificError(kNullOutValue);
-    if (PreferencesOverrides::getType(key, out) == 0) return Status::ok();
+    if (out == nullptr) return Status::fromServiceSpecificError(ServiceStatus::NullOutValue);
+    if (PreferencesOverrides::getType(key, out) == ServiceStatus::Ok) return Status::ok();
     Type type = Type::Integer;
     const int result = mKeyManager->getType(toString(key), type);
     if (result != 0) return toStatus(result);

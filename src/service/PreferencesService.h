@@ -17,6 +17,7 @@
 #include "keymanager/PreferencesKeyManager.h"
 #include "model/PreferencesKeyInfo.h"
 #include "service/PreferencesOverrides.h"
+#include "service/ServiceStatus.h"
 #include "threads/Mutex.h"
 
 namespace Halo::OS {
@@ -27,8 +28,9 @@ namespace Halo::OS {
 // NUL), a value becomes the text in which the store keeps it (or the text becomes a value), one
 // key manager operation is called, and its result becomes the Binder status: 0 is ok, any other
 // code r is returned unchanged as a service-specific error r. The service checks no permission of
-// its own; the key manager does (its codes: -3, -6, -7, -8, -9, -13). A getter, or getType, given
-// a null out-pointer fails with the service-specific error -10 without calling the key manager.
+// its own; the key manager does (its codes: KeyManagerStatus). A getter, or getType, given a null
+// out-pointer fails with the service-specific error ServiceStatus::NullOutValue without calling
+// the key manager.
 // A failing getter leaves its out-value untouched.
 //
 // Stored text of a value:
@@ -60,9 +62,6 @@ public:
     using Status = android::binder::Status;
     using String16 = android::String16;
     using IPreferencesListener = lumen::preferences::IPreferencesListener;
-
-    // The service-specific error of a getter called with a null out-pointer.
-    static constexpr int32_t kNullOutValue = -10;
 
     static constexpr const char* kProfileOnBootKey = "preferences_profile_on_boot_one_shot";
     static constexpr const char* kTraceOnBootKey = "preferences_trace_on_boot_one_shot";
@@ -219,7 +218,8 @@ private:
     // Encodes `value` and writes it; the status carries the key manager's code.
     template <typename T>
     Status setTyped(Flavour flavour, const String16& key, const T& value, int32_t userId);
-    // Reads and decodes into `*out`; -10 when `out` is null; `*out` unchanged on failure.
+    // Reads and decodes into `*out`; NullOutValue when `out` is null; `*out` unchanged on
+    // failure.
     template <typename T>
     Status getTyped(Flavour flavour, const String16& key, int32_t userId, T* out);
 

@@ -165,6 +165,21 @@ public:
     // Appends the ids of the users that have a database file (unsorted); false when the
     // directory cannot be read.
     virtual bool getUserIdsForExistingDbs(std::vector<unsigned int>& userIds) = 0;
+
+    // One declared key as the store holds it. The owner is absent when the key has no owner uid
+    // (as getPreferenceOwner); the default is absent when the row holds none.
+    struct PreferenceDefinition {
+        std::string key;
+        Type type = Type::NoType;
+        PreferenceScope scope = PreferenceScope::System;
+        std::optional<std::string> ownerPackage;
+        std::optional<std::string> defaultValue;
+    };
+    // Appends the definition of every declared key, expired or not, in ascending key order; with
+    // `key`, only that key's (-8 when it is not declared). -1 when the query fails, -3 when the
+    // system database is not open.
+    virtual int32_t getPreferenceDefinitions(const std::optional<std::string>& key,
+                                             std::vector<PreferenceDefinition>& definitions) = 0;
 };
 
 }  // namespace Halo::OS

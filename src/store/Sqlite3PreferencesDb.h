@@ -113,6 +113,8 @@ public:
     std::string getUserDbPath(unsigned int userId) const override;
     std::string getSystemDbPath() const override;
     bool getUserIdsForExistingDbs(std::vector<unsigned int>& userIds) override;
+    int32_t getPreferenceDefinitions(const std::optional<std::string>& key,
+                                     std::vector<PreferenceDefinition>& definitions) override;
 
     // ---- Databases ----
 

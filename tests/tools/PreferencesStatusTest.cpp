@@ -2,13 +2,26 @@
 
 #include <gtest/gtest.h>
 
+#include "keymanager/KeyManagerStatus.h"
+#include "service/ServiceStatus.h"
+
 namespace Halo::OS {
 namespace {
+
+// The client's headers stand alone, so the client names the service's codes itself; each name
+// must mean the number that the key manager or the service returns.
+using S = PreferencesStatus;
+static_assert(int32_t{S::KeyPermissionDenied} == KeyManagerStatus::KeyPermissionDenied);
+static_assert(int32_t{S::ListenerNotFound} == KeyManagerStatus::ListenerNotFound);
+static_assert(int32_t{S::OsPermissionDenied} == KeyManagerStatus::OsPermissionDenied);
+static_assert(int32_t{S::WriteRefused} == KeyManagerStatus::WriteRefused);
+static_assert(int32_t{S::ReadRefused} == KeyManagerStatus::ReadRefused);
+static_assert(int32_t{S::NullOutValue} == ServiceStatus::NullOutValue);
+static_assert(int32_t{S::ListenerNotStored} == KeyManagerStatus::ListenerNotStored);
 
 // Every status in words keeps its kind and code, so that a reader can still look the code up;
 // a code the service never returns has no sentence.
 TEST(PreferencesStatusTest, EveryStatusInWordsNamesItsKindAndCode) {
-    using S = PreferencesStatus;
     const struct {
         PreferencesStatus status;
         const char* name;

@@ -154,6 +154,23 @@ TEST(PrefsCommandLineTest, WaitVersionAndWatchValues) {
     EXPECT_FALSE(parsed({"watch", "a"}).values);
 }
 
+TEST(PrefsCommandLineTest, ListDescribeBackupAndJson) {
+    const Request list = parsed({"list", "--package=com.a", "--values", "--json"});
+    EXPECT_TRUE(list.command == Command::List && list.package == "com.a" && list.values);
+    EXPECT_TRUE(list.json && parsed({"get", "k", "--json"}).json);
+    EXPECT_EQ("k", parsed({"describe", "k", "--json"}).key);
+    EXPECT_EQ(10, parsed({"backup", "--user", "10"}).target.userId());
+    // Each option only where it means something.
+    for (const std::vector<std::string>& words :
+         std::vector<std::vector<std::string>>{{"set", "k", "1", "--json"},
+                                               {"get", "k", "--package", "p"},
+                                               {"backup", "--current"},
+                                               {"describe", "k", "--values"},
+                                               {"list", "k"}}) {
+        refused(words);
+    }
+}
+
 TEST(PrefsCommandLineTest, DumpArgumentsThatTheServiceKnows) {
     for (const char* known : {"all", "-a", "nodb", "db", "--list", "--profile", "--trace"}) {
         EXPECT_TRUE(PrefsCommandLine::isDumpArgument({known})) << known;

@@ -323,10 +323,12 @@ Attack::Count bigRestartList(const Attack::Target& target, Clock::time_point dea
     // Arrival of a list this size is measured whatever the attack window is.
     const bool arrived = waitForKey(last, std::max(deadline, begin + std::chrono::minutes(3)));
     const double seconds = std::chrono::duration<double>(Clock::now() - begin).count();
+    if (getenv("FAIR_HOLD")) { fprintf(stderr, "HOLD arrived pid %d\n", target.device->daemonPid()); sleep(atoi(getenv("FAIR_HOLD"))); }
     for (int p = 0; p < packages; ++p) {
         target.device->removeFile("com.example.big" + std::to_string(p) + ".json");
     }
     target.device->restartAppInfo();
+    if (getenv("FAIR_HOLD")) { waitForKey("zz_none", Clock::now() + std::chrono::seconds(5)); fprintf(stderr, "HOLD removed\n"); sleep(atoi(getenv("FAIR_HOLD"))); }
     char left[64];
     snprintf(left, sizeof left, arrived ? "arrived in %.1f s" : "not arrived after %.0f s",
              seconds);

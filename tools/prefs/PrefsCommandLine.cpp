@@ -21,7 +21,7 @@ struct CommandInfo {
 
 const CommandInfo kCommands[] = {
         {Command::Get, "get",
-         "usage: prefs get KEY [--type TYPE] [--user N | --current]\n"
+         "usage: prefs get KEY [--type TYPE] [--user N | --current] [--json]\n"
          "\n"
          "Prints the value of KEY on one line: integers and longs in decimal, floats and doubles\n"
          "with six decimals, booleans as true or false, strings as they are.\n"
@@ -30,6 +30,8 @@ const CommandInfo kCommands[] = {
          "               instead of asking the service for its type first\n"
          "  --user N     the value of user N (a user-scoped key of another user needs root)\n"
          "  --current    the value of the device's current user\n"
+         "  --json       print {\"key\": KEY, \"type\": TYPE, \"value\": VALUE} (a long's value\n"
+         "               as a decimal string)\n"
          "Without --user or --current the caller's own user is meant.\n"},
         {Command::Set, "set",
          "usage: prefs set KEY VALUE [--type TYPE] [--user N | --current]\n"
@@ -82,6 +84,36 @@ const CommandInfo kCommands[] = {
          "  enable-profile-on-boot, disable-profile-on-boot,\n"
          "  start-tracing, stop-tracing, reset-trace,\n"
          "  enable-trace-on-boot, disable-trace-on-boot\n"},
+        {Command::List, "list",
+         "usage: prefs list [--package PACKAGE] [--values] [--json]\n"
+         "\n"
+         "Prints the keys the caller may read, one line each: KEY TYPE SCOPE, in key order.\n"
+         "A key the caller could not read with get is not listed.\n"
+         "\n"
+         "  --package PACKAGE  only the keys PACKAGE owns\n"
+         "  --values           add each key's value (the caller's own user) at the end of its\n"
+         "                     line; a key whose value cannot be read gets none\n"
+         "  --json             print a JSON array of objects with key, type, scope, default,\n"
+         "                     owner, writable (and value)\n"},
+        {Command::Describe, "describe",
+         "usage: prefs describe KEY [--json]\n"
+         "\n"
+         "Prints what the service tells about KEY: its type, scope (system, user or\n"
+         "crossUser), default, owner package and whether the caller may write it. A key the\n"
+         "caller may not read is refused with the code a get of it would give.\n"
+         "\n"
+         "  --json  print one JSON object instead\n"},
+        {Command::Backup, "backup",
+         "usage: prefs backup [--user N]\n"
+         "\n"
+         "Prints, as JSON, every value the caller may read:\n"
+         "  {\"format\": \"prefs-backup\", \"version\": 1, \"entries\": [\n"
+         "    {\"key\": K, \"type\": T, \"scope\": S, \"user\": U, \"value\": V}, ...]}\n"
+         "Values are JSON numbers, strings and booleans; longs are decimal strings. Keys whose\n"
+         "value cannot be read are left out. `prefs restore` reads the document back.\n"
+         "\n"
+         "  --user N  read the values of user N (default: the caller's own user); U is the\n"
+         "            user whose value was read, for system keys as well\n"},
 };
 
 const CommandInfo* findCommand(const std::string& name) {
@@ -178,13 +210,27 @@ public:
                             "the service restores defaults only for the caller's own user; " +
                                     name + " is not available");
             }
+            const bool listing = mCommand == Command::List;
+            if (name == "--json" &&
+                (mCommand == Command::Get || listing || mCommand == Command::Describe)) {
+                if (inlineValue) return fail(error, "--json takes no value");
+                request->json = true;
+                continue;
+            }
+            if (listing && name == "--values") {
+                if (inlineValue) return fail(error, "--values takes no value");
+                request->values = true;
+                continue;
+            }
             if (watching && name == "--values") {
                 if (inlineValue) return fail(error, "--values takes no value");
                 request->values = true;
                 continue;
             }
             const bool takesValue = (typed && (name == "--type" || name == "--user")) ||
-                                    (watching && (name == "--count" || name == "--timeout"));
+                                    (watching && (name == "--count" || name == "--timeout")) ||
+                                    (listing && name == "--package") ||
+                                    (mCommand == Command::Backup && name == "--user");
             if (typed && name == "--current") {
                 if (inlineValue) return fail(error, "--current takes no value");
                 currentSeen = true;
@@ -214,6 +260,9 @@ public:
                 }
                 request->target = PreferencesTarget::user(user);
                 userSeen = true;
+            } else if (name == "--package") {
+                if (value.empty()) return fail(error, "--package needs a package name");
+                request->package = value;
             } else if (name == "--count") {
                 int count = 0;
                 if (!parseInt(value, 1, std::numeric_limits<int>::max(), &count)) {
@@ -239,6 +288,7 @@ private:
             case Command::Get:
             case Command::Type:
             case Command::Reset:
+            case Command::Describe:
                 if (!expect(1, "KEY", error)) return false;
                 request->key = mPositional[0];
                 return true;
@@ -257,6 +307,9 @@ private:
                 if (mPositional.empty()) return fail(error, "missing KEY");
                 request->keys = mPositional;
                 return true;
+            case Command::List:
+            case Command::Backup:
+                return expect(0, "", error);
             case Command::Help:
             case Command::Version:
             case Command::Dump:
@@ -414,13 +467,16 @@ std::string PrefsCommandLine::overview() {
            "it (run it with setpriv --reuid=UID --regid=UID --clear-groups to act as an app).\n"
            "\n"
            "commands:\n"
-           "  get KEY [--type TYPE] [--user N | --current]        print a value\n"
+           "  get KEY [--type TYPE] [--user N | --current]        print a value (--json)\n"
            "  set KEY VALUE [--type TYPE] [--user N | --current]  write a value\n"
            "  type KEY                                            print the declared type\n"
            "  reset KEY                                           restore the default\n"
            "  watch KEY... [--values] [--count N] [--timeout S]   print change notifications\n"
            "  dump [ARG]                                          print the service's state\n"
            "  profile WORD                                        profiling commands (root)\n"
+           "  list [--package P] [--values] [--json]              list the readable keys\n"
+           "  describe KEY [--json]                               type, scope, default, owner\n"
+           "  backup [--user N]                                   every readable value, as JSON\n"
            "  help [COMMAND]                                      this text, or a command's\n"
            "\n"
            "options:\n"

@@ -14,13 +14,16 @@ namespace Halo::OS {
 //
 // Options before the command: [--binder-dir DIR] [--trusted-uid UID]...
 //
-//   prefs [--binder-dir DIR] get KEY [--type TYPE] [--user N | --current]
+//   prefs [--binder-dir DIR] get KEY [--type TYPE] [--user N | --current] [--json]
 //   prefs [--binder-dir DIR] set KEY VALUE [--type TYPE] [--user N | --current]
 //   prefs [--binder-dir DIR] type KEY
 //   prefs [--binder-dir DIR] reset KEY
 //   prefs [--binder-dir DIR] watch KEY... [--values] [--count N] [--timeout SECONDS]
 //   prefs [--binder-dir DIR] dump [ARG]
 //   prefs [--binder-dir DIR] profile WORD
+//   prefs [--binder-dir DIR] list [--package P] [--values] [--json]
+//   prefs [--binder-dir DIR] describe KEY [--json]
+//   prefs [--binder-dir DIR] backup [--user N]
 //   prefs --help | prefs help [COMMAND] | prefs COMMAND --help | prefs --version
 //
 // Every form that talks to the service also takes --wait SECONDS before the command.
@@ -30,7 +33,20 @@ namespace Halo::OS {
 // `dump` are passed to the service as they are (its arguments start with "--").
 class PrefsCommandLine {
 public:
-    enum class Command { Help, Version, Get, Set, Type, Reset, Watch, Dump, Profile };
+    enum class Command {
+        Help,
+        Version,
+        Get,
+        Set,
+        Type,
+        Reset,
+        Watch,
+        Dump,
+        Profile,
+        List,
+        Describe,
+        Backup,
+    };
 
     struct Request {
         Command command = Command::Help;
@@ -42,18 +58,23 @@ public:
         double waitSeconds = 5;
         // Help: the command whose help is asked for; nothing for the overview.
         std::optional<Command> helpTopic;
-        // get, set, type, reset: the key; set: the value text; profile: the word.
+        // get, set, type, reset, describe: the key; set: the value text; profile: the word.
         std::string key;
         std::string value;
         // get, set: the --type given, if any.
         std::optional<PreferenceValue::Type> type;
+        // get, set: whose value; backup: a User target with --user, else the caller's.
         PreferencesTarget target = PreferencesTarget::caller();
         // watch: the keys, --count and --timeout.
         std::vector<std::string> keys;
         std::optional<int> count;
         std::optional<double> timeoutSeconds;
-        // watch: print KEY=VALUE lines (--values).
+        // watch: print KEY=VALUE lines (--values); list: print each key's value as well.
         bool values = false;
+        // get, list, describe: print JSON (--json).
+        bool json = false;
+        // list: only the keys this package owns (--package); empty for every key.
+        std::string package;
         // dump: the arguments passed to the service.
         std::vector<std::string> dumpArgs;
     };

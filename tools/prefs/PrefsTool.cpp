@@ -1,5 +1,6 @@
 #include "prefs/PrefsTool.h"
 
+#include <cutils/multiuser.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/eventfd.h>
@@ -19,6 +20,7 @@
 
 #include "binder/BinderServiceManager.h"
 #include "binder/DirectoryTrust.h"
+#include "prefs/PrefsJson.h"
 #include "process/ProcessSignals.h"
 #include "threads/Mutex.h"
 
@@ -150,6 +152,12 @@ int PrefsTool::run(const std::vector<std::string>& words) {
             return dump(*client, request);
         case Command::Profile:
             return profile(*client, request);
+        case Command::List:
+            return list(*client, request);
+        case Command::Describe:
+            return describe(*client, request);
+        case Command::Backup:
+            return backup(*client, request);
         case Command::Help:
         case Command::Version:
             break;
@@ -218,7 +226,13 @@ int PrefsTool::get(PreferencesClient& client, const Request& request) {
     PreferenceValue value;
     const PreferencesStatus status = client.get(request.key, type, request.target, &value);
     if (!status.isOk()) return fail("get " + request.key, status);
-    fprintf(mOut, "%s\n", value.toString().c_str());
+    if (request.json) {
+        fprintf(mOut, "{\"key\": %s, \"type\": \"%s\", \"value\": %s}\n",
+                PrefsJson::quote(request.key).c_str(), PreferenceValue::typeName(type),
+                PrefsJson::value(value).c_str());
+    } else {
+        fprintf(mOut, "%s\n", value.toString().c_str());
+    }
     return finishOutput("get " + request.key);
 }
 
@@ -380,6 +394,74 @@ int PrefsTool::profile(PreferencesClient& client, const Request& request) {
     }
     if (!status.isOk()) return fail("profile " + request.key, status);
     return kExitOk;
+}
+
+int PrefsTool::list(PreferencesClient& client, const Request& request) {
+    const std::string what = request.package.empty() ? "list" : "list --package " + request.package;
+    std::vector<PreferencesKeyDescription> keys;
+    const PreferencesStatus status = client.listKeys(request.package, &keys);
+    if (!status.isOk()) return fail(what, status);
+    if (request.json) fputs("[", mOut);
+    for (size_t i = 0; i < keys.size(); ++i) {
+        const PreferencesKeyDescription& key = keys[i];
+        std::optional<PreferenceValue> value;
+        if (request.values) {
+            PreferenceValue read;
+            // A value that cannot be read now (changed declarations, another user's key) is
+            // left out, as from a backup.
+            if (client.get(key.key, key.type, PreferencesTarget::caller(), &read).isOk()) {
+                value = read;
+            }
+        }
+        if (request.json) {
+            fprintf(mOut, "%s\n  %s", i == 0 ? "" : ",",
+                    PrefsJson::description(key, value).c_str());
+            continue;
+        }
+        fprintf(mOut, "%s %s %s%s%s\n", key.key.c_str(), PreferenceValue::typeName(key.type),
+                PreferencesKeyDescription::scopeName(key.scope), value ? " " : "",
+                value ? value->toString().c_str() : "");
+    }
+    if (request.json) fputs(keys.empty() ? "]\n" : "\n]\n", mOut);
+    return finishOutput(what);
+}
+
+int PrefsTool::describe(PreferencesClient& client, const Request& request) {
+    const std::string what = "describe " + request.key;
+    PreferencesKeyDescription key;
+    const PreferencesStatus status = client.describeKey(request.key, &key);
+    if (!status.isOk()) return fail(what, status);
+    if (request.json) {
+        fprintf(mOut, "%s\n", PrefsJson::description(key).c_str());
+        return finishOutput(what);
+    }
+    const std::optional<PreferenceValue> byDefault = PrefsJson::defaultValue(key);
+    fprintf(mOut, "key: %s\ntype: %s\nscope: %s\ndefault: %s\nowner: %s\nwritable: %s\n",
+            key.key.c_str(), PreferenceValue::typeName(key.type),
+            PreferencesKeyDescription::scopeName(key.scope),
+            byDefault ? byDefault->toString().c_str() : "(none)",
+            key.ownerPackage ? key.ownerPackage->c_str() : "(none)", key.writable ? "yes" : "no");
+    return finishOutput(what);
+}
+
+int PrefsTool::backup(PreferencesClient& client, const Request& request) {
+    const std::string what = "backup";
+    std::vector<PreferencesKeyDescription> keys;
+    const PreferencesStatus status = client.listKeys("", &keys);
+    if (!status.isOk()) return fail(what, status);
+    const unsigned int user = request.target.flavour() == PreferencesTarget::Flavour::User
+                                      ? static_cast<unsigned int>(request.target.userId())
+                                      : multiuser_get_user_id(getuid());
+    std::vector<PrefsJson::BackupEntry> entries;
+    for (const PreferencesKeyDescription& key : keys) {
+        PrefsJson::BackupEntry entry{key, user, PreferenceValue()};
+        const PreferencesTarget target = PreferencesTarget::user(static_cast<int32_t>(user));
+        if (client.get(key.key, key.type, target, &entry.value).isOk()) {
+            entries.push_back(std::move(entry));
+        }
+    }
+    fputs(PrefsJson::backup(entries).c_str(), mOut);
+    return finishOutput(what);
 }
 
 int PrefsTool::fail(const std::string& what, const PreferencesStatus& status) {

@@ -42,6 +42,9 @@ private:
     int watch(PreferencesClient& client, const Request& request);
     int dump(PreferencesClient& client, const Request& request);
     int profile(PreferencesClient& client, const Request& request);
+    int list(PreferencesClient& client, const Request& request);
+    int describe(PreferencesClient& client, const Request& request);
+    int backup(PreferencesClient& client, const Request& request);
 
     // Connects, waiting up to request.waitSeconds for the service to be published and printing
     // a one-line hint to `err` once the wait has lasted about a second. Null (already reported

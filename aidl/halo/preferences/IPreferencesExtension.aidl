@@ -1,6 +1,7 @@
 package halo.preferences;
 
 import halo.preferences.GenerationStamp;
+import halo.preferences.KeyDescription;
 
 // Calls of the preferences service beside lumen.preferences.IPreferencesService, reached through
 // the service object's Binder extension (IBinder::getExtension). New calls are added at the end
@@ -25,4 +26,13 @@ interface IPreferencesExtension {
     long getLongStamped(String key, int flavour, int userId, out GenerationStamp stamp);
     boolean getBooleanStamped(String key, int flavour, int userId, out GenerationStamp stamp);
     float getFloatStamped(String key, int flavour, int userId, out GenerationStamp stamp);
+
+    // The keys that the caller could read one at a time with the plain gets, in key order; with
+    // a non-empty `ownerPackage`, only those that package owns. Refused as a get is, before any
+    // key is looked at: -7 without the OS read permission, -9 when the caller's user is not one
+    // of the device.
+    KeyDescription[] listKeys(String ownerPackage);
+    // The description of `key` when the caller could read it with a plain get; otherwise the
+    // service-specific error that get would give (-7, -9 or -3).
+    KeyDescription describeKey(String key);
 }

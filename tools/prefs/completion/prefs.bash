@@ -1,5 +1,5 @@
 # bash completion of prefs, the command-line client of the preferences service.
-# Keys are not completed: listing them needs the service and comes with `prefs list`.
+# Keys are completed from `prefs list`, asked of the service without waiting for it.
 
 _prefs() {
     local cur prev words cword
@@ -10,7 +10,7 @@ _prefs() {
         cword=$COMP_CWORD
     }
 
-    local commands="get set type reset watch dump profile help"
+    local commands="get set type reset watch dump profile list describe backup help"
     local command="" i
     for ((i = 1; i < cword; i++)); do
         case ${words[i]} in
@@ -27,15 +27,30 @@ _prefs() {
         --type)
             COMPREPLY=($(compgen -W "integer long float double boolean string" -- "$cur"))
             return ;;
-        --trusted-uid|--wait|--user|--count|--timeout)
+        --trusted-uid|--wait|--user|--count|--timeout|--package)
             return ;;
     esac
 
     case $command in
         "")
             COMPREPLY=($(compgen -W "$commands --binder-dir --trusted-uid --wait --help --version" -- "$cur")) ;;
-        get|set)
+        get|set|type|reset|describe|watch)
+            if [[ $cur != -* ]]; then
+                local keys
+                keys=$(prefs --wait 0 list 2>/dev/null | awk '{ print $1 }')
+                COMPREPLY=($(compgen -W "$keys" -- "$cur"))
+                return
+            fi ;;&
+        get)
+            COMPREPLY=($(compgen -W "--type --user --current --json --help" -- "$cur")) ;;
+        set)
             COMPREPLY=($(compgen -W "--type --user --current --help" -- "$cur")) ;;
+        describe)
+            COMPREPLY=($(compgen -W "--json --help" -- "$cur")) ;;
+        list)
+            COMPREPLY=($(compgen -W "--package --values --json --help" -- "$cur")) ;;
+        backup)
+            COMPREPLY=($(compgen -W "--user --help" -- "$cur")) ;;
         watch)
             COMPREPLY=($(compgen -W "--values --count --timeout --help" -- "$cur")) ;;
         dump)

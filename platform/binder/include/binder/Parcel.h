@@ -129,6 +129,9 @@ public:
     status_t writeParcelable(const Parcelable& parcelable);
     template <typename T>
     status_t writeNullableParcelable(const std::unique_ptr<T>& parcelable);
+    // The element count, then each element as writeParcelable writes it.
+    template <typename T>
+    status_t writeParcelableVector(const std::vector<T>& val);
 
     // Writes a descriptor record. With `takeOwnership` the parcel closes `fd` when it is
     // destroyed; otherwise `fd` must stay open until the parcel has been sent.
@@ -227,6 +230,10 @@ public:
     status_t readParcelable(Parcelable* parcelable) const;
     template <typename T>
     status_t readParcelable(std::unique_ptr<T>* parcelable) const;
+    // What writeParcelableVector wrote. UNEXPECTED_NULL for a null vector, NOT_ENOUGH_DATA for
+    // a count that the rest of the parcel cannot hold; `val` is only replaced on success.
+    template <typename T>
+    status_t readParcelableVector(std::vector<T>* val) const;
 
     // The descriptor of the next record, owned by the parcel (valid while it lives), or a
     // negative status.
@@ -368,6 +375,28 @@ status_t Parcel::readParcelable(std::unique_ptr<T>* parcelable) const {
     status = readParcelable(parcelable->get());
     if (status != OK) parcelable->reset();
     return status;
+}
+
+template <typename T>
+status_t Parcel::writeParcelableVector(const std::vector<T>& val) {
+    status_t err = writeVectorSize(val);
+    for (size_t i = 0; err == OK && i < val.size(); ++i) err = writeParcelable(val[i]);
+    return err;
+}
+
+template <typename T>
+status_t Parcel::readParcelableVector(std::vector<T>* val) const {
+    int32_t size;
+    // Each element takes at least its present flag.
+    status_t err = readVectorSize(&size, sizeof(int32_t));
+    if (err != OK) return err;
+    std::vector<T> result(static_cast<size_t>(size));
+    for (T& item : result) {
+        err = readParcelable(&item);
+        if (err != OK) return err;
+    }
+    *val = std::move(result);
+    return OK;
 }
 
 }  // namespace android
