@@ -26,6 +26,7 @@ class AppKeyManager : public PreferencesKeyManager {
 public:
     AppKeyManager(std::unique_ptr<IPreferencesDb> db, uid_t uid)
         : PreferencesKeyManager(std::move(db)), mUid(uid) {}
+    ~AppKeyManager() override { stopCallbacks(); }
     uid_t getCallingUid() const override { return mUid; }
 
 private:

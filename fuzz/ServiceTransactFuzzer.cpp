@@ -61,6 +61,7 @@ constexpr const char* kSchemas = R"({"add": true, "schemas": [{"uid": 10123,
 class ChosenCallerKeyManager : public PreferencesKeyManager {
 public:
     using PreferencesKeyManager::PreferencesKeyManager;
+    ~ChosenCallerKeyManager() override { stopCallbacks(); }
     uid_t getCallingUid() const override { return mCaller.load(); }
     void setCaller(uid_t uid) { mCaller = uid; }
 

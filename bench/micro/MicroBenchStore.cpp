@@ -13,6 +13,7 @@ class FixedCallerKeyManager : public PreferencesKeyManager {
 public:
     FixedCallerKeyManager(std::unique_ptr<IPreferencesDb> db, uid_t uid)
         : PreferencesKeyManager(std::move(db)), mUid(uid) {}
+    ~FixedCallerKeyManager() override { stopCallbacks(); }
     uid_t getCallingUid() const override { return mUid; }
 
 private:

@@ -12,6 +12,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <mutex>
 #include <thread>
 #include <type_traits>
 #include <unordered_set>
@@ -63,7 +64,14 @@ public:
     PreferencesKeyManager(const PreferencesKeyManager&) = delete;
     PreferencesKeyManager& operator=(const PreferencesKeyManager&) = delete;
 
-    // The Binder calling uid; virtual so that a caller identity can be substituted.
+    // Detaches every listener from its client's death and stops the callback thread (waits for
+    // a pass in progress). Later calls do nothing; the destructor calls it. A subclass that
+    // overrides getCallingUid, which the callback thread calls, calls it first in its own
+    // destructor, so that the thread never calls into a subclass being destroyed.
+    void stopCallbacks() EXCLUDES(mMutex);
+
+    // The Binder calling uid; virtual so that a caller identity can be substituted. Also called
+    // on the callback thread (see stopCallbacks).
     virtual uid_t getCallingUid() const;
 
     // ---- Schema processing ----
@@ -296,6 +304,7 @@ private:
     BlockingQueue<std::string> mQueue;
     std::map<uint32_t, android::sp<PreferencesListener>> mListeners GUARDED_BY(mMutex);
     std::atomic<bool> mRunning{true};
+    std::once_flag mStopOnce;
     std::thread mThread;
     std::unique_ptr<IPreferencesDb> mDb PT_GUARDED_BY(mMutex);
     std::atomic<unsigned int> mCurrentUser{0};

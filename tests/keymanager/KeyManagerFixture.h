@@ -45,6 +45,7 @@ public:
         : PreferencesKeyManager(std::move(db)),
           mFixed(caller.has_value()),
           mCaller(caller.value_or(0)) {}
+    ~TestKeyManager() override { stopCallbacks(); }
 
     uid_t getCallingUid() const override {
         ++mCalls;
