@@ -19,7 +19,21 @@
 namespace Halo::OS {
 namespace {
 
+// Guards libbase's property map (see the class comment). Taken alone or inside
+// Persistence::mutex, and only around the libbase call itself.
+Mutex& storeLock() {
+    static Mutex* lock = new Mutex;
+    return *lock;
+}
+
+bool setInStore(const std::string& key, const std::string& value) {
+    Mutex::Autolock lock(storeLock());
+    return android::base::SetProperty(key, value);
+}
+
 struct Persistence {
+    // Held across a set of a "persist." key and the file's rewrite, so the file keeps the order
+    // in which the values were set.
     Mutex mutex;
     std::string path GUARDED_BY(mutex);
     // What the file holds, so that a write never needs to read it back.
@@ -84,10 +98,10 @@ bool writePropertyFile(const std::string& path, const std::map<std::string, std:
 }  // namespace
 
 bool SystemProperties::set(const std::string& key, const std::string& value) {
-    bool ok = android::base::SetProperty(key, value);
-    if (!startsWith(key, kPersistPrefix)) return ok;
+    if (!startsWith(key, kPersistPrefix)) return setInStore(key, value);
     Persistence& p = persistence();
     Mutex::Autolock lock(p.mutex);
+    const bool ok = setInStore(key, value);
     if (p.path.empty()) return ok;
     if (value.empty()) {
         p.values.erase(key);
@@ -95,6 +109,11 @@ bool SystemProperties::set(const std::string& key, const std::string& value) {
         p.values[key] = value;
     }
     return writePropertyFile(p.path, p.values) && ok;
+}
+
+std::string SystemProperties::get(const std::string& key, const std::string& defaultValue) {
+    Mutex::Autolock lock(storeLock());
+    return android::base::GetProperty(key, defaultValue);
 }
 
 bool SystemProperties::enablePersistence(const std::string& path) {
@@ -106,7 +125,7 @@ bool SystemProperties::enablePersistence(const std::string& path) {
     p.values.clear();
     for (const auto& [key, value] : stored) {
         if (!startsWith(key, kPersistPrefix)) continue;
-        android::base::SetProperty(key, value);
+        setInStore(key, value);
         p.values[key] = value;
     }
     return true;
@@ -115,7 +134,7 @@ bool SystemProperties::enablePersistence(const std::string& path) {
 bool SystemProperties::loadFile(const std::string& path) {
     std::map<std::string, std::string> values;
     if (!readPropertyFile(path, values, /*mustExist=*/true)) return false;
-    for (const auto& [key, value] : values) android::base::SetProperty(key, value);
+    for (const auto& [key, value] : values) setInStore(key, value);
     return true;
 }
 

@@ -5,12 +5,13 @@
 namespace Halo::OS {
 
 // The host's property service. Properties themselves live in libbase (android::base::GetProperty
-// and SetProperty keep them in the process on a Linux host); this adds what a device's property
-// service does for "persist." properties: they are written to a file and loaded again when the
-// next process enables persistence on the same file, so they survive a restart.
+// and SetProperty keep them in a plain std::map of the process on a Linux host, with no lock);
+// this serialises every access to that map and adds what a device's property service does for
+// "persist." properties: they are written to a file and loaded again when the next process
+// enables persistence on the same file, so they survive a restart.
 //
-// Code that sets a property the system must keep calls SystemProperties::set(); reads use
-// android::base::GetProperty directly. All functions are thread-safe.
+// Once a second thread may touch properties, every read and write goes through this class, never
+// android::base::GetProperty/SetProperty directly. All functions are thread-safe.
 class SystemProperties {
 public:
     static constexpr const char* kPersistPrefix = "persist.";
@@ -21,6 +22,10 @@ public:
     // false when the property or the file could not be written (the in-process value is set in
     // either case).
     static bool set(const std::string& key, const std::string& value);
+
+    // The value of `key`, or `defaultValue` when it is unset or empty
+    // (android::base::GetProperty).
+    static std::string get(const std::string& key, const std::string& defaultValue);
 
     // Loads every property stored in `path` (if it exists) into the process and makes later
     // set() calls of "persist." keys write to it. The file holds one "key=value" line per

@@ -92,22 +92,28 @@ PreferencesKeyManager::PreferencesKeyManager(std::unique_ptr<IPreferencesDb> db,
     mUsers.insert(existing.begin(), existing.end());
 }
 
-PreferencesKeyManager::~PreferencesKeyManager() {
-    // Binder threads may be forwarding the death of a listener's client right now: wait for them
-    // and cut later ones off before anything goes. Not under mMutex, which they wait for.
-    std::vector<android::sp<PreferencesListener>> records;
-    {
-        Mutex::Autolock lock(mMutex);
-        for (const auto& [uuid, record] : mListeners) records.push_back(record);
-    }
-    for (const android::sp<PreferencesListener>& record : records) record->detach();
-    records.clear();
+void PreferencesKeyManager::stopCallbacks() {
+    std::call_once(mStopOnce, [this] {
+        // Binder threads may be forwarding the death of a listener's client right now: wait for
+        // them and cut later ones off before anything goes. Not under mMutex, which they wait for.
+        std::vector<android::sp<PreferencesListener>> records;
+        {
+            Mutex::Autolock lock(mMutex);
+            for (const auto& [uuid, record] : mListeners) records.push_back(record);
+        }
+        for (const android::sp<PreferencesListener>& record : records) record->detach();
+        records.clear();
 
-    mQueue.clear();
-    mRunning = false;
-    mQueue.enqueue(kSentinelKey);
-    if (mThread.joinable()) mThread.join();
-    mQueue.terminate();
+        mQueue.clear();
+        mRunning = false;
+        mQueue.enqueue(kSentinelKey);
+        if (mThread.joinable()) mThread.join();
+        mQueue.terminate();
+    });
+}
+
+PreferencesKeyManager::~PreferencesKeyManager() {
+    stopCallbacks();
 
     Mutex::Autolock lock(mMutex);
     if (mDb != nullptr) {

@@ -12,6 +12,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <mutex>
 #include <thread>
 #include <type_traits>
 #include <unordered_set>
@@ -71,6 +72,10 @@ public:
     uid_t getCallingUid() const { return mAccess->getCallingContext().uid; }
     // The seam every identity and OS permission check of the key manager goes through.
     const std::shared_ptr<PreferencesAccess>& access() const { return mAccess; }
+
+    // Detaches every listener from its client's death and stops the callback thread (waits for
+    // a pass in progress). Later calls do nothing; the destructor calls it.
+    void stopCallbacks() EXCLUDES(mMutex);
 
     // ---- Schema processing ----
 
@@ -347,6 +352,7 @@ private:
     BlockingQueue<std::string> mQueue;
     std::map<uint32_t, android::sp<PreferencesListener>> mListeners GUARDED_BY(mMutex);
     std::atomic<bool> mRunning{true};
+    std::once_flag mStopOnce;
     std::thread mThread;
     std::unique_ptr<IPreferencesDb> mDb PT_GUARDED_BY(mMutex);
     std::atomic<unsigned int> mCurrentUser{0};

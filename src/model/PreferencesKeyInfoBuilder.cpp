@@ -2,11 +2,12 @@
 
 #include "model/PreferencesKeyInfoBuilder.h"
 
-#include <android-base/properties.h>
 #include <json/value.h>
 #include <log/log.h>
 
 #include <cstdlib>
+
+#include "properties/SystemProperties.h"
 
 namespace Halo::OS {
 namespace {
@@ -121,8 +122,7 @@ bool PreferencesKeyInfoBuilder::processEntry(const Json::Value& entry, unsigned 
         return false;
     }
     std::string defaultValue = entry["default"].asString();
-    defaultValue =
-            android::base::GetProperty(kDefaultOverridePrefix + mKeyInfo->mKey, defaultValue);
+    defaultValue = SystemProperties::get(kDefaultOverridePrefix + mKeyInfo->mKey, defaultValue);
 
     bool typed = false;
     for (auto it = entry.begin(); it != entry.end(); ++it) {

@@ -2,7 +2,6 @@
 
 #include "service/PreferencesOverrides.h"
 
-#include <android-base/properties.h>
 #include <log/log.h>
 
 #include <cstdint>
@@ -13,16 +12,18 @@
 
 namespace Halo::OS {
 
-const std::unordered_map<std::string, PreferencesKeyInfo::Type> PreferencesOverrides::kOverrides = {
-        {"autosleep_time", PreferencesKeyInfo::Type::Integer},
-};
+// Never destroyed: Binder threads may still read it while the process exits.
+const std::unordered_map<std::string, PreferencesKeyInfo::Type>& PreferencesOverrides::kOverrides =
+        *new std::unordered_map<std::string, PreferencesKeyInfo::Type>{
+                {"autosleep_time", PreferencesKeyInfo::Type::Integer},
+        };
 
 int PreferencesOverrides::getInteger(const android::String16& key, int* out) {
     const std::string name = toString(key);
     auto it = kOverrides.find(name);
     if (it == kOverrides.end()) return ServiceStatus::NoOverride;
     if (it->second != PreferencesKeyInfo::Type::Integer) return ServiceStatus::OverrideWrongType;
-    const std::string value = android::base::GetProperty(kOverridesPrefix + name, "");
+    const std::string value = SystemProperties::get(kOverridesPrefix + name, "");
     if (value.empty()) return ServiceStatus::NoOverride;
     *out = static_cast<int32_t>(strtol(value.c_str(), nullptr, 10));
     ALOGD("PreferencesOverrides: returning override for key = %s, value = %d", name.c_str(), *out);
@@ -44,7 +45,7 @@ int PreferencesOverrides::getType(const android::String16& key, int* type) {
     const std::string name = toString(key);
     auto it = kOverrides.find(name);
     if (it == kOverrides.end()) return ServiceStatus::NoOverride;
-    if (android::base::GetProperty(kOverridesPrefix + name, "").empty()) {
+    if (SystemProperties::get(kOverridesPrefix + name, "").empty()) {
         return ServiceStatus::NoOverride;
     }
     *type = static_cast<int>(it->second);

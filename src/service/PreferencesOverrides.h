@@ -19,11 +19,12 @@ namespace Halo::OS {
 // static. Keys are converted with toString (cut at the first NUL). Results are ServiceStatus
 // codes: Ok, NoOverride when the key has no override (not in kOverrides, or the property is empty
 // or could not be written), OverrideWrongType when the key's override is not of the integer
-// type. Thread-safe (the property store serialises).
+// type. Thread-safe (properties are read and written through SystemProperties, which
+// serialises).
 class PreferencesOverrides {
 public:
-    // Key name → type of its override. Holds "autosleep_time" → Integer.
-    static const std::unordered_map<std::string, PreferencesKeyInfo::Type> kOverrides;
+    // Key name → type of its override. Holds "autosleep_time" → Integer. Never destroyed.
+    static const std::unordered_map<std::string, PreferencesKeyInfo::Type>& kOverrides;
     static constexpr const char* kOverridesPrefix = "persist.halo.prefs_overrides.";
 
     // Stores the property's value, parsed as a decimal integer truncated to 32 bits (text that

@@ -2,7 +2,7 @@
 
 #include "service/PreferencesService.h"
 
-#include <android-base/properties.h>
+#include <android-base/parseint.h>
 #include <fmt/format.h>
 #include <log/log.h>
 #include <stdio.h>
@@ -16,6 +16,7 @@
 #include "intake/PreferencesNativeServiceManager.h"
 #include "intake/PreferencesVersionManager.h"
 #include "keymanager/DumpBuffer.h"
+#include "properties/SystemProperties.h"
 #include "service/PreferencesExtension.h"
 #include "service/String16Utils.h"
 #include "service/ValueCodec.h"
@@ -56,8 +57,10 @@ PreferencesService::PreferencesService(std::shared_ptr<PreferencesKeyManager> ke
       mAccess(mKeyManager != nullptr ? mKeyManager->access()
                                      : std::make_shared<PreferencesAccess>()),
       mPackageManager(std::make_unique<PreferencesPackageManager>(mKeyManager, false)) {
-    const int64_t timeout = android::base::GetIntProperty<int64_t>(kDumpTimeoutProperty, -1, 0);
-    if (timeout >= 0 && mKeyManager != nullptr) {
+    int64_t timeout = -1;
+    if (android::base::ParseInt(SystemProperties::get(kDumpTimeoutProperty, ""), &timeout,
+                                int64_t{0}) &&
+        mKeyManager != nullptr) {
         mKeyManager->setDumpTimeout(std::chrono::milliseconds(timeout));
     }
     mPackageManager->holdEvents();

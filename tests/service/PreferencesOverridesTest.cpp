@@ -1,11 +1,11 @@
 #include "service/PreferencesOverrides.h"
 
-#include <android-base/properties.h>
 #include <android/log.h>
 #include <gtest/gtest.h>
 
 #include <string>
 
+#include "properties/SystemProperties.h"
 #include "service/String16Utils.h"
 #include "support/LogCapture.h"
 
@@ -20,13 +20,13 @@ const std::string kProperty = "persist.halo.prefs_overrides.autosleep_time";
 class PreferencesOverridesTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        android::base::SetProperty(kProperty, "");
+        SystemProperties::set(kProperty, "");
         // The override lines are debug lines, below the host log's default threshold.
         mPriority = __android_log_set_minimum_priority(ANDROID_LOG_DEBUG);
     }
     void TearDown() override {
         __android_log_set_minimum_priority(mPriority);
-        android::base::SetProperty(kProperty, "");
+        SystemProperties::set(kProperty, "");
     }
 
     int mPriority = ANDROID_LOG_DEFAULT;
@@ -42,7 +42,7 @@ TEST_F(PreferencesOverridesTest, GetIntegerReadsTheOverrideProperty) {
     };
     for (const Case& c : {Case{"300", 300}, Case{"-15", -15}, Case{"abc", 0}, Case{"42abc", 42},
                           Case{"3000000000", -1294967296}}) {
-        ASSERT_TRUE(android::base::SetProperty(kProperty, c.property));
+        ASSERT_TRUE(SystemProperties::set(kProperty, c.property));
         LogCapture log;
         EXPECT_EQ(0, PreferencesOverrides::getInteger(key, &value)) << c.property;
         EXPECT_EQ(c.expected, value) << c.property;
@@ -50,14 +50,14 @@ TEST_F(PreferencesOverridesTest, GetIntegerReadsTheOverrideProperty) {
                 "PreferencesOverrides: returning override for key = autosleep_time, value = " +
                 std::to_string(c.expected)));
     }
-    ASSERT_TRUE(android::base::SetProperty(kProperty, ""));
+    ASSERT_TRUE(SystemProperties::set(kProperty, ""));
     value = 77;
     EXPECT_EQ(-2, PreferencesOverrides::getInteger(key, &value));
     EXPECT_EQ(77, value);
 
     // Other keys have no override, whatever properties exist.
-    ASSERT_TRUE(android::base::SetProperty("persist.halo.prefs_overrides.sleep_timer", "9"));
-    ASSERT_TRUE(android::base::SetProperty(kProperty, "5"));
+    ASSERT_TRUE(SystemProperties::set("persist.halo.prefs_overrides.sleep_timer", "9"));
+    ASSERT_TRUE(SystemProperties::set(kProperty, "5"));
     for (const char* name : {"sleep_timer", "AUTOSLEEP_TIME", "autosleep_time ", ""}) {
         int type = 77;
         EXPECT_EQ(-2, PreferencesOverrides::getInteger(String16(name), &value)) << name;
@@ -67,8 +67,8 @@ TEST_F(PreferencesOverridesTest, GetIntegerReadsTheOverrideProperty) {
         EXPECT_EQ(77, type);
     }
     EXPECT_EQ(77, value);
-    EXPECT_EQ("9", android::base::GetProperty("persist.halo.prefs_overrides.sleep_timer", ""));
-    EXPECT_EQ("5", android::base::GetProperty(kProperty, ""));
+    EXPECT_EQ("9", SystemProperties::get("persist.halo.prefs_overrides.sleep_timer", ""));
+    EXPECT_EQ("5", SystemProperties::get(kProperty, ""));
 }
 
 TEST_F(PreferencesOverridesTest, SetTypeAndResetFollowThePropertyOfTheKeyCutAtNul) {
@@ -81,14 +81,14 @@ TEST_F(PreferencesOverridesTest, SetTypeAndResetFollowThePropertyOfTheKeyCutAtNu
 
     LogCapture log;
     EXPECT_EQ(0, PreferencesOverrides::setInteger(key, -120));
-    EXPECT_EQ("-120", android::base::GetProperty(kProperty, ""));
+    EXPECT_EQ("-120", SystemProperties::get(kProperty, ""));
     int value = 0;
     EXPECT_EQ(0, PreferencesOverrides::getInteger(key, &value));
     EXPECT_EQ(-120, value);
     EXPECT_EQ(0, PreferencesOverrides::getType(key, &type));
     EXPECT_EQ(0, type);  // Integer
     EXPECT_EQ(0, PreferencesOverrides::reset(key));
-    EXPECT_EQ("", android::base::GetProperty(kProperty, ""));
+    EXPECT_EQ("", SystemProperties::get(kProperty, ""));
     EXPECT_EQ(-2, PreferencesOverrides::getType(key, &type));
     EXPECT_EQ(-2, PreferencesOverrides::getInteger(key, &value));
     EXPECT_TRUE(log.contains(

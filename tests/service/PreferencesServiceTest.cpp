@@ -2,13 +2,13 @@
 // every OS and key permission).
 #include "service/PreferencesService.h"
 
-#include <android-base/properties.h>
 #include <gtest/gtest.h>
 
 #include <cstdint>
 #include <limits>
 #include <string>
 
+#include "properties/SystemProperties.h"
 #include "service/ServiceFixture.h"
 #include "support/FdCapture.h"
 #include "support/LogCapture.h"
@@ -69,7 +69,7 @@ TEST_F(ServiceTest, StoredTextsReadBackAsDocumented) {
 }
 
 TEST_F(ServiceTest, NullOutValueFailsWithMinusTenBeforeTheKeyManager) {
-    android::base::SetProperty(kAutosleepProperty, "45");
+    SystemProperties::set(kAutosleepProperty, "45");
     const int callsBefore = mAccess->calls();
     const String16 key("sys_integer");
     const String16 sleep("autosleep_time");

@@ -1,12 +1,12 @@
 #include "service/ServiceFixture.h"
 
-#include <android-base/properties.h>
 #include <sys/stat.h>
 
 #include <cstdlib>
 #include <filesystem>
 #include <system_error>
 
+#include "properties/SystemProperties.h"
 #include "store/DirectoryPreferencesDb.h"
 #include "support/SchemaList.h"
 #include "support/SqlRows.h"
@@ -56,7 +56,7 @@ const std::string& binderDir() {
 
 void ServiceTest::SetUp() {
     binderDir();
-    android::base::SetProperty(kAutosleepProperty, "");
+    SystemProperties::set(kAutosleepProperty, "");
     mManager = std::make_shared<PreferencesKeyManager>(
             std::make_unique<DirectoryPreferencesDb>(mDataDir.path()), mAccess);
     ASSERT_TRUE(apply(appSchemaList()));
@@ -64,7 +64,7 @@ void ServiceTest::SetUp() {
 }
 
 void ServiceTest::TearDown() {
-    android::base::SetProperty(kAutosleepProperty, "");
+    SystemProperties::set(kAutosleepProperty, "");
 }
 
 bool ServiceTest::apply(const std::string& json) {

@@ -4,7 +4,6 @@
 
 #include "StoreRecovery.h"
 
-#include <android-base/properties.h>
 #include <binder/IServiceManager.h>
 #include <log/log.h>
 #include <sys/stat.h>
@@ -186,7 +185,7 @@ bool PreferencesDaemon::prepareProperties(std::string* error) {
         return false;
     }
     for (const auto& [key, value] : mOptions.properties) {
-        if (!android::base::SetProperty(key, value)) {
+        if (!SystemProperties::set(key, value)) {
             *error = "cannot set the property " + key;
             return false;
         }
