@@ -550,8 +550,15 @@ PreferencesStatus PreferencesClient::setBatch(const std::vector<BatchEntry>& ent
     return BinderStatusConversion::fromStatus(status);
 }
 
-PreferencesStatus PreferencesClient::reset(const std::string& key) {
-    return BinderStatusConversion::fromStatus(mConnection->service()->reset(toString16(key)));
+PreferencesStatus PreferencesClient::reset(const std::string& key,
+                                           const PreferencesTarget& target) {
+    if (target.flavour() == PreferencesTarget::Flavour::Caller) {
+        return BinderStatusConversion::fromStatus(mConnection->service()->reset(toString16(key)));
+    }
+    const android::sp<IPreferencesExtension> extension = extensionOf(*mConnection);
+    if (extension == nullptr) return PreferencesStatus::failed(android::UNKNOWN_TRANSACTION);
+    return BinderStatusConversion::fromStatus(
+            extension->resetUser(toString16(key), flavourCode(target), target.userId()));
 }
 
 std::unique_ptr<PreferencesWatch> PreferencesClient::watch(const std::vector<std::string>& keys,

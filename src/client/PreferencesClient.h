@@ -145,8 +145,11 @@ public:
                                const PreferencesTarget& target = PreferencesTarget::caller(),
                                size_t* refused = nullptr);
 
-    // Restores the default of `key` (the caller's own user).
-    PreferencesStatus reset(const std::string& key);
+    // Restores the default of `key` for `target`'s user. The caller's own user goes through the
+    // service's reset; other targets through the extension (UNKNOWN_TRANSACTION without it),
+    // with the checks of a set for that user.
+    PreferencesStatus reset(const std::string& key,
+                            const PreferencesTarget& target = PreferencesTarget::caller());
 
     // Registers `onChanged` for `keys`. It is called on a Binder thread, one call at a time,
     // with the watched keys that changed (sorted). Null when the service refuses; then `status`

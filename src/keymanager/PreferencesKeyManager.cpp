@@ -789,7 +789,21 @@ int PreferencesKeyManager::getType(const std::string& key, Type& out) {
 }
 
 int PreferencesKeyManager::reset(const std::string& key) {
-    const uid_t uid = getCallingUid();
+    return resetAs(key, getCallingUid());
+}
+
+int PreferencesKeyManager::resetUser(const std::string& key, unsigned int userId) {
+    if (refuseUnknownUser(userId, "reset", key)) return KeyManagerStatus::WriteRefused;
+    return resetAs(key, multiuser_get_uid(userId, multiuser_get_app_id(getCallingUid())));
+}
+
+bool PreferencesKeyManager::mayWriteForUserLocked(const Access& access, const std::string& key) {
+    std::optional<std::string> value;
+    return mDb->getPreferenceValue(access.user, access.checkingUser, key, value) !=
+           StoreStatus::UserRequired;
+}
+
+int PreferencesKeyManager::resetAs(const std::string& key, uid_t uid) {
     const std::string package = PreferencesKeyInfo::get(uid);
     if (!isPrivilegedAppId(uid) && checkOsWritePermission() != 0) {
         ALOGE("%s, key reset: make sure app has set permission in AndroidManifest.xml",
@@ -821,6 +835,10 @@ int PreferencesKeyManager::reset(const std::string& key) {
                 Telemetry::reportError("key_reset_error", uid,
                                        "missing permission to write preference");
             }
+        } else if (uid != getCallingUid() && !mayWriteForUserLocked(access, key)) {
+            ALOGE("%s, %s: reset denied, a user key of another user", package.c_str(), key.c_str());
+            Telemetry::reportError("key_reset_error", uid, "user key of another user");
+            result = KeyManagerStatus::WriteRefused;
         } else if (mDb->clearCurrentPreferenceValue(access.user, key) != 0) {
             ALOGE("unable to clear key value %d, %s", static_cast<int>(uid), key.c_str());
             Telemetry::reportError("key_reset_error", uid, "can not be cleared in database");

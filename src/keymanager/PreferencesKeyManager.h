@@ -163,6 +163,10 @@ public:
 
     // Clears the current value so that the default applies again; notifies like a write.
     int reset(const std::string& key) EXCLUDES(mMutex);
+    // reset() for the caller's application in `userId`, with the checks of setUser: WriteRefused
+    // for a user the device does not have, and for a user key of a user other than the caller's
+    // (unless the caller is root), as a write of it would be.
+    int resetUser(const std::string& key, unsigned int userId) EXCLUDES(mMutex);
 
     // Ok when the caller holds the OS permission, else OsPermissionDenied.
     int checkOsReadPermission() const;
@@ -320,6 +324,11 @@ private:
             REQUIRES(mMutex);
     // setBatch's work under mMutex: checks every entry, then writes them all. `changed` receives
     // the distinct keys whose generations were bumped (none when an entry was refused).
+    // False when the store refuses `access` to the key's value for its user: a user key of a
+    // user other than the checking user. Reads the value to ask; other read failures are true.
+    bool mayWriteForUserLocked(const Access& access, const std::string& key) REQUIRES(mMutex);
+    // reset() as `uid`, which may be the caller's application in another user.
+    int resetAs(const std::string& key, uid_t uid) EXCLUDES(mMutex);
     int setBatchLocked(const std::vector<BatchEntry>& entries, uid_t uid, size_t* refused,
                        std::set<std::string>* changed) REQUIRES(mMutex);
     // The checks of setBatch for one entry, under mMutex; on success `access` is filled in and

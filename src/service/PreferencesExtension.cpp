@@ -239,4 +239,23 @@ Status PreferencesExtension::setBatch(const std::vector<halo::preferences::Batch
     return Status::ok();
 }
 
+Status PreferencesExtension::resetUser(const String16& key, int32_t flavour, int32_t userId) {
+    int result = KeyManagerStatus::Ok;
+    switch (flavour) {
+        case FLAVOUR_CALLER:
+            result = mKeyManager->reset(toString(key));
+            break;
+        case FLAVOUR_CURRENT:
+            result = mKeyManager->resetUser(toString(key), mKeyManager->getCurrentUser());
+            break;
+        case FLAVOUR_USER:
+            result = mKeyManager->resetUser(toString(key), static_cast<unsigned int>(userId));
+            break;
+        default:
+            return Status::fromExceptionCode(Status::EX_ILLEGAL_ARGUMENT, "unknown flavour");
+    }
+    if (result != KeyManagerStatus::Ok) return toStatus(result);
+    return Status::ok();
+}
+
 }  // namespace Halo::OS

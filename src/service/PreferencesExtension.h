@@ -63,6 +63,9 @@ public:
     // with an override property write it too once the batch is written, as setInteger does.
     Status setBatch(const std::vector<halo::preferences::BatchEntry>& entries, int32_t flavour,
                     int32_t userId) override;
+    // The key manager's reset (FLAVOUR_CALLER) or resetUser for the user of `flavour`; a refusal
+    // is the service-specific error of the key manager's code.
+    Status resetUser(const String16& key, int32_t flavour, int32_t userId) override;
 
 private:
     template <typename T>

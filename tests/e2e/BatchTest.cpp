@@ -87,6 +87,13 @@ TEST_F(BatchTest, SetPairsAndRestoreApplyAllOrNothing) {
               result.err);
     EXPECT_EQ("11\n5\nx\n", values(keys));
 
+    // A reset for a named user goes through the extension with a set's checks: the app resets
+    // its cross-user key, and a user that does not exist is refused.
+    result = prefs({"reset", "alpha_label", "--user", "0"}, kAlpha);
+    EXPECT_EQ(0, result.status) << result.err;
+    EXPECT_EQ(1, prefs({"reset", "alpha_label", "--user", "7"}, kAlpha).status);
+    EXPECT_EQ("11\n5\nnone\n", values(keys));
+
     // Malformed files are usage errors that name what is wrong.
     for (const auto& [entries, reason] : std::vector<std::pair<std::string, std::string>>{
                  {R"({"key": "alpha_total", "type": "long", "user": 0, "value": 5})",
@@ -102,7 +109,7 @@ TEST_F(BatchTest, SetPairsAndRestoreApplyAllOrNothing) {
         EXPECT_EQ(2, result.status) << entries;
         if (!reason.empty()) EXPECT_EQ("prefs: restore " + path + ": " + reason + "\n", result.err);
     }
-    EXPECT_EQ("11\n5\nx\n", values(keys));
+    EXPECT_EQ("11\n5\nnone\n", values(keys));
 }
 
 }  // namespace

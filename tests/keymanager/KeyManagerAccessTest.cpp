@@ -96,6 +96,8 @@ TEST_F(KeyManagerAccessTest, UsersOfUserAndCrossUserKeys) {
     mAccess->setCaller(kOwnerApp);
     EXPECT_EQ(-8, mManager->setUser("usr.str", "intruder", Type::String, kUser10));
     EXPECT_EQ(-9, mManager->getUser("usr.str", value, Type::String, kUser10));
+    EXPECT_EQ(-8, mManager->resetUser("usr.str", kUser10));
+    EXPECT_EQ(-8, mManager->resetUser("usr.str", 777));  // not a user of the device
     EXPECT_EQ("ten", rootValue("usr.str", Type::String, ownerInUser10));
 
     // A cross-user key goes to the named user's database and is read back from there.
@@ -105,11 +107,20 @@ TEST_F(KeyManagerAccessTest, UsersOfUserAndCrossUserKeys) {
     EXPECT_EQ(0, mManager->get("cross.bool", value, Type::Boolean));
     EXPECT_EQ("0", value);  // user 0 still has the default
     EXPECT_TRUE(access(mDir.file("user10.db").c_str(), F_OK) == 0);
+    // ...and is reset there, for that user only.
+    EXPECT_EQ(0, mManager->set("cross.bool", "1", Type::Boolean));
+    EXPECT_EQ(0, mManager->resetUser("cross.bool", kUser10));
+    EXPECT_EQ(0, mManager->getUser("cross.bool", value, Type::Boolean, kUser10));
+    EXPECT_EQ("0", value);
+    EXPECT_EQ(0, mManager->get("cross.bool", value, Type::Boolean));
+    EXPECT_EQ("1", value);
 
     // Root may name any user for a user key.
     mAccess->setCaller(0);
     EXPECT_EQ(0, mManager->setWithoutCallback("usr.str", "by root", Type::String, ownerInUser10));
     EXPECT_EQ("by root", rootValue("usr.str", Type::String, ownerInUser10));
+    EXPECT_EQ(0, mManager->resetUser("usr.str", kUser10));
+    EXPECT_EQ("d", rootValue("usr.str", Type::String, ownerInUser10));
 }
 
 TEST_F(KeyManagerAccessTest, LegacyKeysFollowTheirOwnRules) {

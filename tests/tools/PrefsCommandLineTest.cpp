@@ -137,9 +137,14 @@ TEST(PrefsCommandLineTest, UsageErrorsAreOneLineAndNameTheProblem) {
               refused({"watch", "k", "--timeout", "-1"}).find("--timeout needs"));
     EXPECT_NE(std::string::npos, refused({"profile"}).find("profile: missing WORD"));
     EXPECT_NE(std::string::npos, refused({"reset", "a", "b"}).find("unexpected argument"));
-    // The service resets only the caller's own user's value.
-    EXPECT_NE(std::string::npos, refused({"reset", "k", "--user", "1"}).find("own user; --user"));
-    EXPECT_NE(std::string::npos, refused({"reset", "k", "--current"}).find("own user; --current"));
+    EXPECT_NE(std::string::npos, refused({"reset", "k", "--type", "long"}).find("unknown option"));
+    EXPECT_NE(std::string::npos,
+              refused({"reset", "k", "--user", "1", "--current"}).find("exclude each other"));
+    EXPECT_EQ(PreferencesTarget::Flavour::User,
+              parsed({"reset", "k", "--user", "1"}).target.flavour());
+    EXPECT_EQ(1, parsed({"reset", "k", "--user", "1"}).target.userId());
+    EXPECT_EQ(PreferencesTarget::Flavour::Current,
+              parsed({"reset", "k", "--current"}).target.flavour());
     EXPECT_NE(std::string::npos, refused({"--wait", "soon", "get", "k"}).find("--wait needs"));
     EXPECT_NE(std::string::npos, refused({"--wait"}).find("--wait needs"));
     EXPECT_NE(std::string::npos, refused({"watch", "k", "--values=1"}).find("takes no value"));

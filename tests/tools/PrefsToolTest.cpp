@@ -26,11 +26,11 @@ TEST(PrefsToolTest, OutputThatCannotBeWrittenAndUsageErrorsExitWithTheirStatus) 
              "/dev/full",
              1,
              "prefs: help: cannot write the output: No space left on device\n"},
-            {{"reset", "k", "--user", "3"},
+            {{"reset", "k", "--user", "-3"},
              "/dev/null",
              2,
-             "prefs: reset: the service restores defaults only for the caller's own user; "
-             "--user is not available (see 'prefs reset --help')\n"},
+             "prefs: reset: --user needs a user id (0 or more), not '-3' "
+             "(see 'prefs reset --help')\n"},
     };
     for (const auto& c : kCases) {
         FILE* out = fopen(c.out, "w");

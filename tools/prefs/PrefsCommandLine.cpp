@@ -68,10 +68,11 @@ const CommandInfo kCommands[] = {
          "\n"
          "Prints the declared type of KEY: integer, long, float, double, boolean or string.\n"},
         {Command::Reset, "reset",
-         "usage: prefs reset KEY\n"
+         "usage: prefs reset KEY [--user N | --current]\n"
          "\n"
-         "Restores the default value of KEY for the caller's own user. The service resets no\n"
-         "other user's value: to change another user's value, set it with --user N.\n"},
+         "Restores the default value of KEY for the caller's own user, or with --user N for\n"
+         "user N, with --current for the current user. Another user's value may be reset when\n"
+         "it could be set: a user key only by root, a cross-user key by whoever may write it.\n"},
         {Command::Watch, "watch",
          "usage: prefs watch KEY... [--values] [--count N] [--timeout SECONDS]\n"
          "\n"
@@ -224,12 +225,9 @@ public:
                 return true;
             }
             const bool typed = mCommand == Command::Get || mCommand == Command::Set;
+            // --user and --current choose whose value, as for get and set.
+            const bool targeted = typed || mCommand == Command::Reset;
             const bool watching = mCommand == Command::Watch;
-            if (mCommand == Command::Reset && (name == "--user" || name == "--current")) {
-                return fail(error,
-                            "the service restores defaults only for the caller's own user; " +
-                                    name + " is not available");
-            }
             const bool listing = mCommand == Command::List;
             if (name == "--json" &&
                 (mCommand == Command::Get || listing || mCommand == Command::Describe)) {
@@ -252,11 +250,11 @@ public:
                 request->values = true;
                 continue;
             }
-            const bool takesValue = (typed && (name == "--type" || name == "--user")) ||
+            const bool takesValue = (typed && name == "--type") || (targeted && name == "--user") ||
                                     (watching && (name == "--count" || name == "--timeout")) ||
                                     (listing && name == "--package") ||
                                     (mCommand == Command::Backup && name == "--user");
-            if (typed && name == "--current") {
+            if (targeted && name == "--current") {
                 if (inlineValue) return fail(error, "--current takes no value");
                 currentSeen = true;
                 continue;
@@ -516,7 +514,7 @@ std::string PrefsCommandLine::overview() {
            "  set KEY VALUE [--type TYPE] [--user N | --current]  write a value\n"
            "  set KEY VALUE KEY VALUE... [--user N | --current]   write values in one step\n"
            "  type KEY                                            print the declared type\n"
-           "  reset KEY                                           restore the default\n"
+           "  reset KEY [--user N | --current]                    restore the default\n"
            "  watch KEY... [--values] [--count N] [--timeout S]   print change notifications\n"
            "  dump [ARG]                                          print the service's state\n"
            "  profile WORD                                        profiling commands (root)\n"

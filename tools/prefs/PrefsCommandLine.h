@@ -20,7 +20,7 @@ namespace Halo::OS {
 //   prefs [--binder-dir DIR] set KEY VALUE KEY VALUE... [--user N | --current]
 //   prefs [--binder-dir DIR] restore FILE [--dry-run]
 //   prefs [--binder-dir DIR] type KEY
-//   prefs [--binder-dir DIR] reset KEY
+//   prefs [--binder-dir DIR] reset KEY [--user N | --current]
 //   prefs [--binder-dir DIR] watch KEY... [--values] [--count N] [--timeout SECONDS]
 //   prefs [--binder-dir DIR] dump [ARG]
 //   prefs [--binder-dir DIR] profile WORD

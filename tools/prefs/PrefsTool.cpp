@@ -347,7 +347,7 @@ int PrefsTool::type(PreferencesClient& client, const Request& request) {
 }
 
 int PrefsTool::reset(PreferencesClient& client, const Request& request) {
-    const PreferencesStatus status = client.reset(request.key);
+    const PreferencesStatus status = client.reset(request.key, request.target);
     if (!status.isOk()) return fail("reset " + request.key, status);
     return kExitOk;
 }

@@ -48,4 +48,12 @@ interface IPreferencesExtension {
     // are the exception EX_ILLEGAL_ARGUMENT; an empty batch succeeds and changes nothing.
     // The message of a refusal is "entry N", N the index of the refused entry.
     void setBatch(in BatchEntry[] entries, int flavour, int userId);
+
+    // Restores the default of `key` for the user of `flavour` (FLAVOUR_USER: the user `userId`),
+    // as IPreferencesService's reset does for the caller's own user, with the checks of the
+    // typed sets for that user: -7 without the OS write permission, -3 without the key's write
+    // permission, -8 for an unknown key, a user the device does not have, or a user key of
+    // another user than the caller's (root excepted). An unknown flavour is the exception
+    // EX_ILLEGAL_ARGUMENT. Listeners are notified as for a write.
+    void resetUser(String key, int flavour, int userId);
 }

@@ -61,8 +61,10 @@ _prefs() {
                 reset-trace enable-trace-on-boot disable-trace-on-boot" -- "$cur")) ;;
         help)
             COMPREPLY=($(compgen -W "$commands" -- "$cur")) ;;
-        type|reset)
+        type)
             COMPREPLY=($(compgen -W "--help" -- "$cur")) ;;
+        reset)
+            COMPREPLY=($(compgen -W "--user --current --help" -- "$cur")) ;;
         restore)
             if [[ $cur == -* ]]; then
                 COMPREPLY=($(compgen -W "--dry-run --help" -- "$cur"))
