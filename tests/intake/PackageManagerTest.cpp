@@ -14,6 +14,7 @@
 #include <filesystem>
 #include <fstream>
 #include <optional>
+#include <set>
 #include <thread>
 
 #include "intake/PreferencesVersionManager.h"
@@ -150,21 +151,30 @@ TEST_F(PackageManagerTest, StartsOnceStopsAndStartsAgain) {
     ASSERT_TRUE(mManager->start());
     EXPECT_EQ("registered 1", mAppInfo->next());
     EXPECT_EQ(expectedDump(true, true), dump());
-    // A second start makes no client (no registration) and no thread. The Binder pool may grow
-    // meanwhile on its own; its threads (and those they start) carry "binder:" names.
-    const auto ownThreads = [] {
-        int count = 0;
-        for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-            std::ifstream comm(task.path() / "comm");
-            std::string name;
-            std::getline(comm, name);
-            if (name.rfind("binder:", 0) != 0) ++count;
-        }
-        return count;
+    // A second start makes no client (no registration) and no thread. The Binder pool may start
+    // threads on its own meanwhile; they carry "binder:" names once they run, so a thread is
+    // counted as new only if it still has another name a moment later.
+    const auto namedOther = [](const std::string& tid) {
+        std::ifstream comm("/proc/self/task/" + tid + "/comm");
+        std::string name;
+        return std::getline(comm, name) && name.rfind("binder:", 0) != 0;
     };
-    const int threads = ownThreads();
+    const auto others = [&] {
+        std::set<std::string> tids;
+        for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+            const std::string tid = task.path().filename();
+            if (namedOther(tid)) tids.insert(tid);
+        }
+        return tids;
+    };
+    const std::set<std::string> before = others();
     EXPECT_FALSE(mManager->start());
-    EXPECT_EQ(threads, ownThreads());
+    std::vector<std::string> added;
+    for (const std::string& tid : others()) {
+        if (before.count(tid) == 0) added.push_back(tid);
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    for (const std::string& tid : added) EXPECT_FALSE(namedOther(tid)) << "new thread " << tid;
 
     mAppInfo->send("schema " + schemaList(true, "com.example.one", 10001, {"one.a"}));
     ASSERT_TRUE(eventually([&] { return declared("one.a"); }));
